@@ -1,0 +1,54 @@
+#ifndef MOX_LIVE_FRAME_COUNTER_H
+#define MOX_LIVE_FRAME_COUNTER_H
+
+#include "mox/gstreamer/check/ptr.h"
+
+#include <cstdint>
+#include <mutex>
+
+#include <gst/gst.h>
+
+namespace mox_live {
+
+/** What passed a pad. */
+struct Frames {
+  std::uint64_t seen = 0;
+  /** Missing between the first and the last that was seen, by their timestamps and the frame rate. */
+  std::uint64_t lost = 0;
+  /** Seen with the timestamp of the frame before, or an earlier one. */
+  std::uint64_t repeated = 0;
+};
+
+/**
+ * Counts the frames that pass a pad from now on. Every stream (each input is one) has timestamps of its own, so nothing
+ * is counted as lost or repeated between one stream and the next; nor without a frame rate, or a duration of the
+ * frames.
+ */
+class FrameCounter {
+ public:
+  explicit FrameCounter(mox::gstreamer::Ptr<GstPad> pad);
+  FrameCounter(const FrameCounter&) = delete;
+  FrameCounter& operator=(const FrameCounter&) = delete;
+  ~FrameCounter();
+
+  /** What was counted so far. Any thread. */
+  Frames Get() const;
+
+ private:
+  static GstPadProbeReturn OnData(GstPad* pad, GstPadProbeInfo* info, gpointer self) noexcept;
+  void OnBuffer(const GstBuffer& buffer);
+  void OnEvent(GstEvent& event);
+
+  mox::gstreamer::Ptr<GstPad> pad_;
+  gulong probe_;
+
+  mutable std::mutex mutex_;
+  Frames frames_;
+  guint stream_ = 0;
+  GstClockTime frame_duration_ = GST_CLOCK_TIME_NONE;
+  GstClockTime previous_ = GST_CLOCK_TIME_NONE;
+};
+
+}  // namespace mox_live
+
+#endif

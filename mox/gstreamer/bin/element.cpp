@@ -1,0 +1,38 @@
+#include "mox/gstreamer/bin/element.h"
+
+#include "mox/gstreamer/check/bin.h"
+#include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/failure.h"
+#include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/name.h"
+
+namespace mox::gstreamer::bin {
+
+bool Holds(GstBin& bin, const char* name) noexcept {
+  return static_cast<bool>(Ptr<GstElement>(gst_bin_get_by_name(&bin, name)));
+}
+
+void Add(GstBin& bin, const Ptr<GstElement>& element) {
+  // A bin adopts the reference of a floating element only; of any other it takes one itself, as of one that was in a
+  // bin before.
+  GstElement* const handed_over = g_object_is_floating(element.Get()) != FALSE ? element.Ref() : element.Get();
+  check::bin::AddElement(bin, *handed_over, kBinError);
+}
+
+void Sync(GstElement& element) {
+  check::element::SyncWithParent(element, kElementError);
+  const Ptr<GstObject> parent(gst_object_get_parent(GST_OBJECT_CAST(&element)));
+  const GstState target = GST_STATE_TARGET(parent.Get());
+  if (GST_STATE_TARGET(&element) != target && gst_element_set_state(&element, target) == GST_STATE_CHANGE_FAILURE) {
+    check::Fail(kElementError, "Failed to sync the state of the element '", element::GetFullName(element),
+                "' with its parent");
+  }
+}
+
+Ptr<GstElement> Next(GstElement& element) {
+  const auto source = check::element::GetPad(element, "src", kElementError);
+  const auto peer = check::pad::GetPeer(*source, kPadError);
+  return check::pad::GetParentElement(*peer, kPadError);
+}
+
+}  // namespace mox::gstreamer::bin

@@ -1,0 +1,291 @@
+#include "mox/gstreamer/bin/filter.h"
+
+#include "mox/gstreamer/bin/element.h"
+#include "mox/gstreamer/bin/gate.h"
+#include "mox/gstreamer/check/bin.h"
+#include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/event.h"
+#include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/name.h"
+#include "mox/gstreamer/pad_probe.h"
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <functional>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+namespace mox::gstreamer::bin::filter {
+namespace {
+
+using Filters = std::vector<Ptr<GstElement>>;
+
+constexpr auto kSinkFilter = "sink_filter";
+constexpr auto kSourceFilter = "source_filter";
+
+Ptr<GstElement> GetEnd(GstBin& filterBin, const char* name) {
+  return check::bin::GetElement(filterBin, name, kBinError);
+}
+
+// Adds and links the chain between the fixed ends, which are unlinked. The upstream end is linked last, so a chain is
+// closed exactly when "sink_filter" is linked.
+void SetFilters(GstBin& filterBin, const Filters& filters) {
+  const auto sink_filter = GetEnd(filterBin, kSinkFilter);
+  const auto source_filter = GetEnd(filterBin, kSourceFilter);
+  if (filters.empty()) {
+    check::element::LinkElement(*sink_filter, *source_filter, kElementError);
+    return;
+  }
+  Add(filterBin, filters.front());
+  for (std::size_t i = 1; i < filters.size(); ++i) {
+    Add(filterBin, filters[i]);
+    check::element::LinkElement(*filters[i - 1], *filters[i], kElementError);
+  }
+  check::element::LinkElement(*filters.back(), *source_filter, kElementError);
+  check::element::LinkElement(*sink_filter, *filters.front(), kElementError);
+}
+
+// Takes the current chain apart and leaves the fixed ends unlinked.
+void UnsetFilters(GstBin& filterBin, const Filters& filters) {
+  const auto sink_filter = GetEnd(filterBin, kSinkFilter);
+  const auto source_filter = GetEnd(filterBin, kSourceFilter);
+  if (filters.empty()) {
+    gst_element_unlink(sink_filter.Get(), source_filter.Get());
+    return;
+  }
+  gst_element_unlink(sink_filter.Get(), filters.front().Get());
+  for (std::size_t i = 1; i < filters.size(); ++i) {
+    gst_element_unlink(filters[i - 1].Get(), filters[i].Get());
+    check::bin::RemoveElement(filterBin, *filters[i - 1], kBinError);
+  }
+  gst_element_unlink(filters.back().Get(), source_filter.Get());
+  check::bin::RemoveElement(filterBin, *filters.back(), kBinError);
+}
+
+bool IsClosed(GstBin& filterBin) {
+  const auto source = check::element::GetPad(*GetEnd(filterBin, kSinkFilter), "src", kElementError);
+  return gst_pad_is_linked(source.Get()) != FALSE;
+}
+
+}  // namespace
+
+bool IsInitialized(GstBin& filterBin) noexcept {
+  return Holds(filterBin, kSinkFilter) && Holds(filterBin, kSourceFilter);
+}
+
+void Initialize(GstBin& filterBin) {
+  const auto sink_filter = check::element::Make("identity", kSinkFilter, kElementError);
+  Add(filterBin, sink_filter);
+  const auto source_filter = check::element::Make("identity", kSourceFilter, kElementError);
+  Add(filterBin, source_filter);
+  check::element::LinkElement(*sink_filter, *source_filter, kElementError);
+  const auto source = check::element::GetPad(*source_filter, "src", kElementError);
+  check::element::GhostPad(*GST_ELEMENT(&filterBin), "src", *source, kElementError);
+  const auto sink = check::element::GetPad(*sink_filter, "sink", kElementError);
+  check::element::GhostPad(*GST_ELEMENT(&filterBin), "sink", *sink, kElementError);
+}
+
+Filters GetFilters(GstBin& filterBin) {
+  const auto sink_filter = GetEnd(filterBin, kSinkFilter);
+  const auto source_filter = GetEnd(filterBin, kSourceFilter);
+  if (!IsClosed(filterBin)) {
+    return {};
+  }
+  Filters filters;
+  for (auto current = Next(*sink_filter); current != source_filter; current = Next(*current)) {
+    filters.push_back(current);
+  }
+  return filters;
+}
+
+void AddFilters(GstBin& filterBin, Filters filters) {
+  if (std::find(filters.begin(), filters.end(), Ptr<GstElement>()) != filters.end()) {
+    throw std::invalid_argument("Cannot add a filter that is null");
+  }
+  Filters current = GetFilters(filterBin);
+  UnsetFilters(filterBin, current);
+  std::move(filters.begin(), filters.end(), std::back_inserter(current));
+  SetFilters(filterBin, current);
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the list is handed over
+void EraseFilters(GstBin& filterBin, Filters filters) {
+  Filters current = GetFilters(filterBin);
+  UnsetFilters(filterBin, current);
+  for (const auto& filter : filters) {
+    const auto found = std::find(current.begin(), current.end(), filter);
+    if (found == current.end()) {
+      SetFilters(filterBin, current);
+      throw std::runtime_error("Cannot remove a filter that has not been added to the filters list");
+    }
+    current.erase(found);
+  }
+  SetFilters(filterBin, current);
+}
+
+std::string GetGraph(GstBin& filterBin) {
+  std::string graph = "[";
+  const char* separator = "";
+  for (const auto& filter : GetFilters(filterBin)) {
+    graph += separator + element::GetName(*filter);
+    separator = " -> ";
+  }
+  return graph + "]";
+}
+
+namespace {
+
+using Change = std::function<void(GstBin&, Filters)>;
+
+// Catches the EOS that follows the data out of the filter bin; events ahead of it pass. Unlike a PadProbe it looks at
+// every event, since a filter may emit its own first, on the very thread that brings the EOS.
+class Drain {
+ public:
+  explicit Drain(GstPad& pad) : pad_(pad), caught_(std::make_shared<Caught>()) {
+    auto owned_by_probe = std::make_unique<std::shared_ptr<Caught>>(caught_);
+    const auto type = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM);
+    id_ = gst_pad_add_probe(&pad_, type, OnEvent, owned_by_probe.release(), Release);
+  }
+  Drain(const Drain&) = delete;
+  Drain& operator=(const Drain&) = delete;
+  ~Drain() { gst_pad_remove_probe(&pad_, id_); }
+
+  bool IsCaught() const { return caught_->flag; }
+  void Wait() { caught_->promise.get_future().wait(); }
+
+ private:
+  struct Caught {
+    std::atomic<bool> flag = false;
+    std::promise<void> promise;
+  };
+
+  static GstPadProbeReturn OnEvent(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data) noexcept {
+    if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) != GST_EVENT_EOS) {
+      return GST_PAD_PROBE_PASS;
+    }
+    auto& caught = **static_cast<std::shared_ptr<Caught>*>(data);
+    if (!caught.flag.exchange(true)) {
+      caught.promise.set_value();
+    }
+    return GST_PAD_PROBE_DROP;
+  }
+
+  static void Release(gpointer data) noexcept { delete static_cast<std::shared_ptr<Caught>*>(data); }
+
+  GstPad& pad_;
+  std::shared_ptr<Caught> caught_;
+  gulong id_ = 0;
+};
+
+// Sends an EOS through the filter bin and catches it behind the last of the data, which may be on a filter's own
+// thread.
+void DrainFilterBin(GstElement& filterBin) {
+  const auto source = check::element::GetPad(filterBin, "src", kElementError);
+  const auto sink = check::element::GetPad(filterBin, "sink", kElementError);
+  Drain drain(*source);
+  const auto eos = check::event::MakeEos("Event Error: ");
+  // A chain that refuses the EOS, being open or dead, has nothing left to drain and would keep us waiting for ever.
+  if (gst_pad_send_event(sink.Get(), eos.Ref()) != FALSE || drain.IsCaught()) {
+    drain.Wait();
+  }
+}
+
+// Puts the chain back that was there before a change, whatever the failed change has left behind.
+void Restore(GstBin& filterBin, const Filters& before, const Filters& added) {
+  check::element::SetNullState(*GST_ELEMENT(&filterBin), kElementError);
+  const auto sink_filter = GetEnd(filterBin, kSinkFilter);
+  const auto source_filter = GetEnd(filterBin, kSourceFilter);
+  gst_element_unlink(sink_filter.Get(), source_filter.Get());
+  for (const Filters* filters : {&before, &added}) {
+    for (const auto& filter : *filters) {
+      if (filter && filter != sink_filter && filter != source_filter &&
+          GST_OBJECT_PARENT(filter.Get()) == GST_OBJECT_CAST(&filterBin)) {
+        check::bin::RemoveElement(filterBin, *filter, kBinError);
+      }
+    }
+  }
+  SetFilters(filterBin, before);
+}
+
+// Makes the change on the drained filter bin and leaves it running with a closed chain, also when the change fails.
+void ChangeDrained(GstBin& filterBin, const Change& change, const Filters& filters, const Filters& before) {
+  GstElement& element = *GST_ELEMENT(&filterBin);
+  // A pipeline that is still starting must not start the bin while its chain is open.
+  const StateLock lock(element);
+  bool changing = false;
+  try {
+    check::element::SetNullState(element, kElementError);
+    changing = true;
+    change(filterBin, filters);
+    changing = false;
+    Sync(element);
+  } catch (...) {
+    const auto error = std::current_exception();
+    // Only the first error is told; each of these steps is worth trying whether or not the other succeeds.
+    const auto attempt = [](auto&& step) {
+      try {
+        step();
+      } catch (...) {  // NOLINT(bugprone-empty-catch)
+      }
+    };
+    // A refused change that closed the chain itself stands; any other gives way to the chain that ran before.
+    if (!changing || !IsClosed(filterBin)) {
+      attempt([&] { Restore(filterBin, before, filters); });
+    }
+    attempt([&] { Sync(element); });
+    std::rethrow_exception(error);
+  }
+}
+
+// Runs a change on the filter bin while data flows: hold, drain, change, release.
+void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
+  const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
+  const auto upstream = check::pad::GetPeer(*sink, kPadError);
+  const Filters before = GetFilters(filterBin);
+
+  // Who comes first settles whether the change is made. Shared, for a callback that is late may outlast this call.
+  const auto decided = std::make_shared<std::atomic<bool>>(false);
+  std::exception_ptr error;
+  // Runs on the streaming thread that holds the item. The change is made here rather than where the EOS is caught:
+  // there the EOS is still on its way back through the pads, and a filter's own thread cannot stop itself.
+  PadProbe probe(*upstream, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [&, decided](GstPad& pad, GstPadProbeInfo&) {
+    if (decided->exchange(true)) {
+      return GST_PAD_PROBE_OK;
+    }
+    try {
+      DrainFilterBin(*GST_ELEMENT(&filterBin));
+      ChangeDrained(filterBin, change, filters, before);
+    } catch (...) {
+      error = std::current_exception();
+    }
+    // What was held has the format of the old chain. Where the new one does not take it, a held frame is given up and
+    // the converter negotiates afresh.
+    AddGate(pad);
+    gst_pad_send_event(&pad, gst_event_new_reconfigure());
+    return GST_PAD_PROBE_OK;
+  });
+  auto done = probe.GetFuture();
+  // The end of the stream may have passed before the probe was there; nothing would ever reach it.
+  if (GST_PAD_IS_EOS(upstream.Get()) && !decided->exchange(true)) {
+    throw std::runtime_error("Cannot change the filters because the stream has ended");
+  }
+  done.wait();
+  if (error) {
+    std::rethrow_exception(error);
+  }
+}
+
+}  // namespace
+
+void BlockAddFilters(GstBin& filterBin, Filters filters) {
+  Block(filterBin, AddFilters, filters);
+}
+
+void BlockEraseFilters(GstBin& filterBin, Filters filters) {
+  Block(filterBin, EraseFilters, filters);
+}
+
+}  // namespace mox::gstreamer::bin::filter

@@ -1,0 +1,24 @@
+#ifndef MOX_GSTREAMER_BIN_GATE_H
+#define MOX_GSTREAMER_BIN_GATE_H
+
+#include <gst/gst.h>
+
+// How data first enters what was just linked. Private to the library.
+namespace mox::gstreamer::bin {
+
+/**
+ * Keeps a source pad from pushing what its peer does not take yet: until the converter upstream has negotiated afresh,
+ * frames may still have a format of the time before. The gate opens for good with the first frame in a format that is
+ * taken, and leaves nothing behind. Sticky events that it drops are sent again by the pad, in order.
+ */
+void AddGate(GstPad& source);
+
+/**
+ * The same for a pad of a tee, which joins maybe in the middle of a push and so may have missed sticky events: what
+ * `tee_sink` has received and the peer has not is sent before the gate opens.
+ */
+void AddGate(GstPad& source, GstPad& tee_sink);
+
+}  // namespace mox::gstreamer::bin
+
+#endif

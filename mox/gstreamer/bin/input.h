@@ -1,0 +1,39 @@
+#ifndef MOX_GSTREAMER_BIN_INPUT_H
+#define MOX_GSTREAMER_BIN_INPUT_H
+
+#include "mox/export.h"
+#include "mox/gstreamer/check/ptr.h"
+
+#include <gst/gst.h>
+
+/**
+ * The input bin of a pipeline: input element → "color_converter" → ghost pad "src".
+ *
+ * The functions lock nothing and must not run at the same time on one pipeline. A failing GStreamer call raises
+ * std::runtime_error and nothing is rolled back.
+ */
+namespace mox::gstreamer::bin::input {
+
+/** Whether the bin holds "color_converter". Never throws. */
+MOX_EXPORT bool IsInitialized(GstBin& inputBin) noexcept;
+
+/** Adds the colour converter and the ghost pad to an empty bin. */
+MOX_EXPORT void Initialize(GstBin& inputBin);
+
+/** The element linked to the colour converter, or an empty handle. */
+MOX_EXPORT Ptr<GstElement> GetInput(GstBin& inputBin);
+
+/**
+ * Replaces the input element, which must have a source pad already; an empty handle removes it. Changes no states: the
+ * caller stops the pipeline's bins before and starts them afterwards, as `Pipeline::SetInput` does.
+ *
+ * If the new element cannot be added or linked, the old one is gone all the same and there is no input.
+ */
+MOX_EXPORT void SetInput(GstBin& inputBin, Ptr<GstElement> input);
+
+/** The element "color_converter". */
+MOX_EXPORT Ptr<GstElement> GetColorConverter(GstBin& inputBin);
+
+}  // namespace mox::gstreamer::bin::input
+
+#endif

@@ -1,0 +1,260 @@
+#include "mox/gstreamer/bin/output.h"
+
+#include "mox/gstreamer/bin/element.h"
+#include "mox/gstreamer/bin/gate.h"
+#include "mox/gstreamer/check/bin.h"
+#include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/name.h"
+#include "mox/gstreamer/pad_probe.h"
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+namespace mox::gstreamer::bin::output {
+namespace {
+
+constexpr auto kTee = "output_tee";
+constexpr auto kDummy = "dummy_output";
+
+constexpr auto kDownstream = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST |
+                                                          GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM);
+
+Ptr<GstElement> GetTee(GstBin& outputBin) {
+  return check::bin::GetElement(outputBin, kTee, kBinError);
+}
+
+Ptr<GstPad> GetSink(GstElement& element) {
+  return check::element::GetPad(element, "sink", kElementError);
+}
+
+// A pad of the tee while its branch is taken away: what the tee sends into it is dropped, for a tee takes "flushing"
+// from a branch that is being stopped as fatal to the whole stream. Ends with the pad's release, or when it is let go.
+class Muted {
+ public:
+  explicit Muted(Ptr<GstPad> pad)
+      : pad_(std::move(pad)),
+        id_(gst_pad_add_probe(pad_.Get(), GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, Drop, nullptr, nullptr)) {}
+  Muted(const Muted&) = delete;
+  Muted& operator=(const Muted&) = delete;
+  ~Muted() {
+    if (id_ != 0) {
+      gst_pad_remove_probe(pad_.Get(), id_);
+    }
+  }
+
+  // Waits for the item that is just passing the pad, if any.
+  void WaitUntilIdle() {
+    PadProbe idle(*pad_, GST_PAD_PROBE_TYPE_IDLE, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+    idle.GetFuture().wait();
+  }
+
+  // Unlinks the branch and gives the request pad back to the tee.
+  void Release(GstElement& tee, GstElement& first) {
+    gst_element_unlink(&tee, &first);
+    gst_element_release_request_pad(&tee, pad_.Get());
+  }
+
+  // Leaves the pad dropping what comes, for a branch that stays but cannot take anything any more.
+  void Stay() { id_ = 0; }
+
+ private:
+  static GstPadProbeReturn Drop(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*data*/) noexcept {
+    return GST_PAD_PROBE_DROP;
+  }
+
+  Ptr<GstPad> pad_;
+  gulong id_;
+};
+
+// Lifts the limits of a queue, so that a push that waits in it for a slow output returns at once.
+class Unlimited {
+ public:
+  explicit Unlimited(GstElement& queue) : queue_(queue) {
+    g_object_get(&queue_, "max-size-buffers", &buffers_, "max-size-bytes", &bytes_, "max-size-time", &time_, nullptr);
+    Set(0, 0, 0);
+  }
+  Unlimited(const Unlimited&) = delete;
+  Unlimited& operator=(const Unlimited&) = delete;
+  ~Unlimited() { Set(buffers_, bytes_, time_); }
+
+ private:
+  void Set(guint buffers, guint bytes, guint64 time) {
+    g_object_set(&queue_, "max-size-buffers", buffers, "max-size-bytes", bytes, "max-size-time", time, nullptr);
+  }
+
+  GstElement& queue_;
+  guint buffers_ = 0;
+  guint bytes_ = 0;
+  guint64 time_ = 0;
+};
+
+// Links a running branch to the tee, through which data may be flowing.
+void Join(GstElement& tee, GstElement& first) {
+  // The link takes this pad, being free, so that the gate is in place before anything can pass.
+  const Ptr<GstPad> pad(gst_element_request_pad_simple(&tee, "src_%u"));
+  AddGate(*pad, *GetSink(tee));
+  try {
+    check::element::LinkElement(tee, first, kElementError);
+  } catch (...) {
+    gst_element_release_request_pad(&tee, pad.Get());
+    throw;
+  }
+}
+
+void AddDummy(GstBin& outputBin) {
+  Add(outputBin, check::element::Make("fakesink", kDummy, kElementError));
+}
+
+void RemoveDummy(GstBin& outputBin, GstElement& tee) {
+  const auto dummy = check::bin::GetElement(outputBin, kDummy, kBinError);
+  Muted muted(check::pad::GetPeer(*GetSink(*dummy), kPadError));
+  muted.WaitUntilIdle();
+  const StateLock lock(*GST_ELEMENT(&outputBin));
+  check::element::SetNullState(*dummy, kElementError);
+  muted.Release(tee, *dummy);
+  check::bin::RemoveElement(outputBin, *dummy, kBinError);
+}
+
+// A sink that never prerolls would keep the pipeline from ever playing again, so what could not be attached leaves the
+// bin.
+void TakeOut(GstBin& outputBin, GstElement& element) noexcept {
+  if (GST_OBJECT_PARENT(&element) == GST_OBJECT_CAST(&outputBin)) {
+    gst_element_set_state(&element, GST_STATE_NULL);
+    gst_bin_remove(&outputBin, &element);
+  }
+}
+
+void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, bool first) {
+  const auto queue = check::element::Make("queue", nullptr, kElementError);
+  // A pipeline that is still starting must find the branch either not yet there or running.
+  const StateLock lock(*GST_ELEMENT(&outputBin));
+  Add(outputBin, element);
+  try {
+    Add(outputBin, queue);
+    Sync(*element);
+    Sync(*queue);
+    check::element::LinkElement(*queue, *element, kElementError);
+    const Ptr<GstCaps> others(first ? gst_caps_new_any() : gst_pad_query_caps(GetSink(tee).Get(), nullptr));
+    const Ptr<GstCaps> shared(gst_pad_query_caps(GetSink(*queue).Get(), others.Get()));
+    if (gst_caps_is_empty(shared.Get()) != FALSE) {
+      throw std::runtime_error("Cannot add an output that shares no format with the others");
+    }
+    Join(tee, *queue);
+  } catch (...) {
+    TakeOut(outputBin, *element);
+    TakeOut(outputBin, *queue);
+    throw;
+  }
+}
+
+// Starts a branch anew after its element refused to stop; false if it cannot run any more.
+bool Restart(const gstreamer::pipeline::Output& output) noexcept {
+  try {
+    check::element::SetNullState(*output.queue, kElementError);
+    Sync(*output.element);
+    Sync(*output.queue);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+void Detach(GstBin& outputBin, GstElement& tee, const gstreamer::pipeline::Output& output) {
+  Muted muted(check::pad::GetPeer(*GetSink(*output.queue), kPadError));
+  const Unlimited unlimited(*output.queue);
+  muted.WaitUntilIdle();
+  const StateLock lock(*GST_ELEMENT(&outputBin));
+  try {
+    check::element::SetNullState(*output.element, kElementError);
+    check::element::SetNullState(*output.queue, kElementError);
+  } catch (...) {
+    if (!Restart(output)) {
+      muted.Stay();
+    }
+    throw;
+  }
+  gst_element_unlink(output.queue.Get(), output.element.Get());
+  muted.Release(tee, *output.queue);
+  check::bin::RemoveElement(outputBin, *output.element, kBinError);
+  check::bin::RemoveElement(outputBin, *output.queue, kBinError);
+}
+
+}  // namespace
+
+bool IsInitialized(GstBin& outputBin) noexcept {
+  return Holds(outputBin, kTee);
+}
+
+void Initialize(GstBin& outputBin) {
+  AddDummy(outputBin);
+  const auto tee = check::element::Make("tee", kTee, kElementError);
+  // Between the placeholder and a branch the tee has no linked pad, which must not end the stream.
+  g_object_set(tee.Get(), "allow-not-linked", TRUE, nullptr);
+  Add(outputBin, tee);
+  check::element::LinkElement(*tee, *check::bin::GetElement(outputBin, kDummy, kBinError), kElementError);
+  check::element::GhostPad(*GST_ELEMENT(&outputBin), "sink", *GetSink(*tee), kElementError);
+}
+
+std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin) {
+  const auto tee = GetTee(outputBin);
+  const std::unique_ptr<GstIterator, decltype(&gst_iterator_free)> pads(gst_element_iterate_src_pads(tee.Get()),
+                                                                        gst_iterator_free);
+  std::vector<gstreamer::pipeline::Output> outputs;
+  GValue item = G_VALUE_INIT;
+  while (gst_iterator_next(pads.get(), &item) == GST_ITERATOR_OK) {
+    const Ptr<GstPad> pad(GST_PAD(g_value_dup_object(&item)));
+    g_value_unset(&item);
+    if (gst_pad_is_linked(pad.Get()) == FALSE) {
+      continue;
+    }
+    const auto peer = check::pad::GetPeer(*pad, kPadError);
+    auto queue = check::pad::GetParentElement(*peer, kPadError);
+    if (element::GetName(*queue) == kDummy) {
+      return {};
+    }
+    auto element = Next(*queue);
+    outputs.push_back({std::move(queue), std::move(element)});
+  }
+  return outputs;
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the list is handed over
+void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
+  const auto tee = GetTee(outputBin);
+  if (std::find(outputs.begin(), outputs.end(), Ptr<GstElement>()) != outputs.end()) {
+    throw std::invalid_argument("Cannot add an output that is null");
+  }
+  for (const auto& element : outputs) {
+    const bool first = GetOutputs(outputBin).empty();
+    if (first) {
+      RemoveDummy(outputBin, *tee);
+    }
+    Attach(outputBin, *tee, element, first);
+  }
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the list is handed over
+void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
+  const auto tee = GetTee(outputBin);
+  for (const auto& element : outputs) {
+    const auto branches = GetOutputs(outputBin);
+    const auto found = std::find_if(branches.begin(), branches.end(), [&](const gstreamer::pipeline::Output& branch) {
+      return branch.element == element;
+    });
+    if (found == branches.end()) {
+      throw std::runtime_error("Cannot remove an output that has not been added to the bin");
+    }
+    Detach(outputBin, *tee, *found);
+    if (branches.size() == 1) {
+      AddDummy(outputBin);
+      const auto dummy = check::bin::GetElement(outputBin, kDummy, kBinError);
+      Sync(*dummy);
+      Join(*tee, *dummy);
+    }
+  }
+}
+
+}  // namespace mox::gstreamer::bin::output

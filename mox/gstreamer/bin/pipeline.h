@@ -1,0 +1,30 @@
+#ifndef MOX_GSTREAMER_BIN_PIPELINE_H
+#define MOX_GSTREAMER_BIN_PIPELINE_H
+
+#include "mox/export.h"
+
+#include <gst/gst.h>
+
+/**
+ * The fixed skeleton of a pipeline: "input_bin" → "filter_bin" → "output_bin".
+ *
+ * Elements are found again by name, also in nested bins, so no element of a caller may bear a name of the skeleton. The
+ * functions lock nothing and must not run at the same time on one pipeline. A failing GStreamer call raises
+ * std::runtime_error.
+ */
+namespace mox::gstreamer::bin::pipeline {
+
+/** Whether all three bins are there and complete. Never throws. */
+MOX_EXPORT bool IsInitialized(GstBin& pipeline) noexcept;
+
+/** Builds the skeleton in an empty pipeline. What was added before a failure stays. */
+MOX_EXPORT void Initialize(GstBin& pipeline);
+
+/** The three bins, borrowed from the pipeline that owns them. */
+MOX_EXPORT GstBin& GetInputBin(GstBin& pipeline);
+MOX_EXPORT GstBin& GetFilterBin(GstBin& pipeline);
+MOX_EXPORT GstBin& GetOutputBin(GstBin& pipeline);
+
+}  // namespace mox::gstreamer::bin::pipeline
+
+#endif

@@ -1,0 +1,143 @@
+#include "mox/gstreamer/bus.h"
+
+#include "mox/gstreamer/pimpl.h"
+#include "mox/type/container/callbacks.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+
+namespace mox::gstreamer {
+namespace {
+
+// How long the reader may take to notice that it is to stop, or that what it is to read has changed.
+constexpr std::chrono::nanoseconds kSlice = std::chrono::milliseconds(500);
+
+using Callback = std::function<void(const GstMessage&)>;
+
+}  // namespace
+
+class Bus::Impl {
+ public:
+  explicit Impl(Ptr<GstBus> bus) : bus_(std::move(bus)), thread_([this] { BusThreadRun(); }) {}
+
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  ~Impl() {
+    stop_.exchange(true);
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+  }
+
+  GstBus& Get() { return *bus_; }
+  const GstBus& Get() const { return *bus_; }
+
+  unsigned Bind(GstMessageType type, Callback callback) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!callback) {
+      // Refused by the container itself, before anything is counted: the wrapper below would never look empty.
+      callbacks_.Insert(nullptr);
+    }
+    const unsigned index = callbacks_.Insert([type, callback = std::move(callback)](const GstMessage& message) {
+      if (GST_MESSAGE_TYPE(&message) == type) {
+        callback(message);
+      }
+    });
+    ++counts_[type];
+    Update();
+    return index;
+  }
+
+  void Unbind(GstMessageType type, unsigned index) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto count = counts_.find(type);
+    if (count != counts_.end() && count->second > 0) {
+      --count->second;
+    }
+    callbacks_.Erase(index);
+    Update();
+  }
+
+ private:
+  void BusThreadRun() {
+    while (!stop_) {
+      std::unique_lock<std::mutex> lock(mutex_);
+      const auto mask = static_cast<GstMessageType>(mask_);
+      if (mask == 0) {
+        wake_ = false;
+        condition_.wait_for(lock, kSlice, [this] { return wake_; });
+        continue;
+      }
+      lock.unlock();
+      const Ptr<GstMessage> message(
+          gst_bus_timed_pop_filtered(bus_.Get(), static_cast<GstClockTime>(kSlice.count()), mask));
+      if (message) {
+        lock.lock();
+        callbacks_(*message);
+      }
+    }
+  }
+
+  // What is bound has changed. The mask is made anew because types may share bits.
+  void Update() {
+    mask_ = 0;
+    for (const auto& [type, count] : counts_) {
+      mask_ |= count > 0 ? static_cast<std::uint32_t>(type) : 0;
+    }
+    wake_ = true;
+    condition_.notify_one();
+  }
+
+  Ptr<GstBus> bus_;
+  std::uint32_t mask_ = 0;
+  std::unordered_map<GstMessageType, std::size_t> counts_;
+  type::container::Callbacks<void(const GstMessage&)> callbacks_;
+  std::mutex mutex_;
+  std::condition_variable condition_;
+  bool wake_ = false;
+  std::atomic<bool> stop_ = false;
+  std::thread thread_;
+};
+
+Bus::Bus(Ptr<GstBus> bus) {
+  if (!bus) {
+    throw std::invalid_argument("Cannot read a bus that is null");
+  }
+  impl_ = std::make_shared<Impl>(std::move(bus));
+}
+
+Bus::Bus(Bus&& other) noexcept = default;
+Bus& Bus::operator=(Bus&& other) noexcept = default;
+Bus::~Bus() = default;
+
+GstBus& Bus::Get() {
+  return Deref(impl_).Get();
+}
+const GstBus& Bus::Get() const {
+  return std::as_const(Deref(impl_)).Get();
+}
+
+mox::type::Binding Bus::Bind(GstMessageType type, Callback callback) {
+  Impl& impl = Deref(impl_);
+  // As unsigned numbers: every extended type lies above the flag, and so does GST_MESSAGE_ANY.
+  if (static_cast<std::uint32_t>(type) >= static_cast<std::uint32_t>(GST_MESSAGE_EXTENDED)) {
+    throw std::logic_error("Cannot register types exceeding GST_MESSAGE_EXTENDED");
+  }
+  auto release = [weak = std::weak_ptr<Impl>(impl_), type](unsigned index) {
+    if (const auto alive = weak.lock()) {
+      alive->Unbind(type, index);
+    }
+  };
+  return {std::move(release), impl.Bind(type, std::move(callback))};
+}
+
+}  // namespace mox::gstreamer

@@ -1,0 +1,65 @@
+#ifndef MOX_GSTREAMER_BUS_H
+#define MOX_GSTREAMER_BUS_H
+
+#include "mox/export.h"
+#include "mox/gstreamer/check/ptr.h"
+#include "mox/type/binding.h"
+
+#include <functional>
+#include <memory>
+
+#include <gst/gst.h>
+
+namespace mox::gstreamer {
+
+/**
+ * Reads a GStreamer bus on a thread of its own and hands each message to the callbacks bound to its type.
+ *
+ * Only the types that have callbacks are taken from the bus; while nothing is bound messages stay on it, and while
+ * something is bound messages of other types are discarded. A new binding takes effect within 500 ms at the latest.
+ *
+ * Callbacks run on the reader thread, one at a time, in the order of their slots; the first free slot is used first.
+ * They borrow the message, must not throw, must not bind or release bindings of this bus, and must not wait for a
+ * thread that does.
+ *
+ * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", destroying it does nothing.
+ */
+class MOX_EXPORT Bus {
+ public:
+  /**
+   * Takes over the reference to the bus and starts the reader thread.
+   *
+   * @throws std::invalid_argument if `bus` is empty
+   * @throws std::system_error if the thread cannot be started
+   */
+  explicit Bus(Ptr<GstBus> bus);
+  Bus(Bus&& other) noexcept;
+  Bus& operator=(Bus&& other) noexcept;
+
+  /** Stops and joins the reader: waits up to about 500 ms, and for callbacks that are running. Not from a callback. */
+  ~Bus();
+
+  GstBus& Get();
+  const GstBus& Get() const;
+
+  /**
+   * Calls `callback` for every message whose type is exactly `type`, until the returned binding is released. The
+   * binding may be released from any thread but the reader, waits for callbacks that are running, and may outlive the
+   * bus.
+   *
+   * @throws std::logic_error "Cannot register types exceeding GST_MESSAGE_EXTENDED" for an extended type or
+   * GST_MESSAGE_ANY
+   * @throws std::invalid_argument "Cannot insert invalid functions into the Callbacks" for an empty callback
+   */
+  mox::type::Binding Bind(GstMessageType type, std::function<void(const GstMessage&)> callback);
+
+  friend void swap(Bus& left, Bus& right) noexcept { left.impl_.swap(right.impl_); }
+
+ private:
+  class Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace mox::gstreamer
+
+#endif

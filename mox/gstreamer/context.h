@@ -1,0 +1,26 @@
+#ifndef MOX_GSTREAMER_CONTEXT_H
+#define MOX_GSTREAMER_CONTEXT_H
+
+#include "mox/export.h"
+#include "mox/glib/value.h"
+
+#include <string>
+
+#include <gst/gst.h>
+
+namespace mox::gstreamer::context {
+
+/** A copy of the field `key` of the context's structure, or an empty value if there is no such field. */
+MOX_EXPORT mox::glib::Value GetValue(GstContext& context, const std::string& key) noexcept;
+
+/**
+ * Stores a copy of `value` as the field `key`, replacing an earlier one.
+ *
+ * @throws std::runtime_error if the context is shared and so not writable; it is left as it was
+ * @throws std::invalid_argument if the value is empty, which no field can hold
+ */
+MOX_EXPORT void SetValue(GstContext& context, const std::string& key, mox::glib::Value value);
+
+}  // namespace mox::gstreamer::context
+
+#endif

@@ -1,0 +1,268 @@
+#include "mox/gstreamer/pipeline.h"
+
+#include "mox/glib/value.h"
+#include "mox/gstreamer/bin/element.h"
+#include "mox/gstreamer/bin/filter.h"
+#include "mox/gstreamer/bin/input.h"
+#include "mox/gstreamer/bin/pipeline.h"
+#include "mox/gstreamer/bus.h"
+#include "mox/gstreamer/check/context.h"
+#include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/failure.h"
+#include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/check/pipeline.h"
+#include "mox/gstreamer/context.h"
+#include "mox/gstreamer/pad_probe.h"
+#include "mox/gstreamer/pimpl.h"
+#include "mox/type/binding.h"
+
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+namespace mox::gstreamer {
+namespace {
+
+constexpr auto kPipelineError = "Pipeline Error: ";
+constexpr auto kContextType = "context";
+
+mox::glib::Value MakeUnsigned(unsigned number) {
+  GValue value = G_VALUE_INIT;
+  g_value_init(&value, G_TYPE_UINT);
+  g_value_set_uint(&value, number);
+  return mox::glib::Value(value);
+}
+
+// A pipeline element with the skeleton inside and the context that tells its identifier.
+Ptr<GstPipeline> Make(unsigned id, const std::string& name) {
+  auto element = check::pipeline::Make(name.c_str(), kPipelineError);
+  bin::pipeline::Initialize(*GST_BIN(element.Get()));
+  const auto context = check::context::Make(kContextType, "Context Error: ");
+  context::SetValue(*context, "id", MakeUnsigned(id));
+  gst_element_set_context(GST_ELEMENT(element.Get()), context.Get());
+  return element;
+}
+
+}  // namespace
+
+class Pipeline::Impl {
+ public:
+  Impl(unsigned id, const std::string& name)
+      : id_(id), pipeline_(Make(id, name)), bus_(check::pipeline::GetBus(*pipeline_, kPipelineError)) {
+    on_stream_start_ =
+        bus_.Bind(GST_MESSAGE_STREAM_START, [this](const GstMessage& message) { OnStreamStart(message); });
+    on_end_of_stream_ = bus_.Bind(GST_MESSAGE_EOS, [this](const GstMessage& message) { OnEndOfStream(message); });
+    on_error_ = bus_.Bind(GST_MESSAGE_ERROR, [this](const GstMessage& message) { OnError(message); });
+  }
+
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  ~Impl() {
+    try {
+      SetEnable(false);
+    } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell
+    }
+    // Each waits for a callback that is just running; none runs once the members go.
+    on_error_.Release();
+    on_end_of_stream_.Release();
+    on_stream_start_.Release();
+  }
+
+  GstPipeline& Get() { return *pipeline_; }
+  const GstPipeline& Get() const { return *pipeline_; }
+  unsigned GetId() const { return id_; }
+
+  State GetState() const {
+    const Lock lock(mutex_);
+    return state_;
+  }
+
+  bool GetEnable() const {
+    const Lock lock(mutex_);
+    return enable_;
+  }
+
+  Ptr<GstElement> GetInput() const {
+    const Lock lock(mutex_);
+    return bin::input::GetInput(InputBin());
+  }
+
+  void SetInput(Ptr<GstElement> input) {
+    const Lock lock(mutex_);
+    if (!input && state_ != State::Stopped) {
+      throw std::runtime_error("Cannot remove the input if the pipeline is not stopped");
+    }
+    GstElement& input_bin = *GST_ELEMENT(&InputBin());
+    GstElement& filter_bin = *GST_ELEMENT(&FilterBin());
+    GstElement& output_bin = *GST_ELEMENT(&OutputBin());
+    // A pipeline that is still starting must not start the bins half-way through.
+    const bin::StateLock output_lock(output_bin);
+    const bin::StateLock filter_lock(filter_bin);
+    const bin::StateLock input_lock(input_bin);
+    check::element::SetNullState(output_bin, bin::kElementError);
+    check::element::SetNullState(filter_bin, bin::kElementError);
+    check::element::SetNullState(input_bin, bin::kElementError);
+    // The new input starts first, and a source that meets bins still stopped pauses for good: its first item is held.
+    const auto source = check::element::GetPad(input_bin, "src", bin::kElementError);
+    const PadProbe hold(*source, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
+                        [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+    bin::input::SetInput(InputBin(), std::move(input));
+    bin::Sync(input_bin);
+    bin::Sync(filter_bin);
+    bin::Sync(output_bin);
+  }
+
+  std::vector<Ptr<GstElement>> GetFilters() const {
+    const Lock lock(mutex_);
+    return bin::filter::GetFilters(FilterBin());
+  }
+
+  void AddFilters(std::vector<Ptr<GstElement>> filters) {
+    const Lock lock(mutex_);
+    const auto add = state_ == State::Stopped ? bin::filter::AddFilters : bin::filter::BlockAddFilters;
+    add(FilterBin(), std::move(filters));
+  }
+
+  void EraseFilters(std::vector<Ptr<GstElement>> filters) {
+    const Lock lock(mutex_);
+    const auto erase = state_ == State::Stopped ? bin::filter::EraseFilters : bin::filter::BlockEraseFilters;
+    erase(FilterBin(), std::move(filters));
+  }
+
+  std::vector<pipeline::Output> GetOutputs() const {
+    const Lock lock(mutex_);
+    return bin::output::GetOutputs(OutputBin());
+  }
+
+  void AddOutputs(std::vector<Ptr<GstElement>> outputs) {
+    const Lock lock(mutex_);
+    bin::output::AddOutputs(OutputBin(), std::move(outputs));
+  }
+
+  void EraseOutputs(std::vector<Ptr<GstElement>> outputs) {
+    const Lock lock(mutex_);
+    bin::output::EraseOutputs(OutputBin(), std::move(outputs));
+  }
+
+  Ptr<GstContext> GetContext() const {
+    return Ptr<GstContext>(gst_element_get_context(GST_ELEMENT(pipeline_.Get()), kContextType));
+  }
+
+  void SetEnable(bool enable) {
+    const Lock lock(mutex_);
+    if (enable && !bin::input::GetInput(InputBin())) {
+      std::ostringstream message;
+      message << "Cannot set the state of the pipeline with ID '" << id_
+              << "' to playing because it does not have an input";
+      throw std::logic_error(message.str());
+    }
+    const GstState target = enable ? GST_STATE_PLAYING : GST_STATE_NULL;
+    const State completing = enable ? State::Starting : State::Stopping;
+    const State done = enable ? State::Playing : State::Stopped;
+    if (enable == enable_ || state_ == completing || state_ == done) {
+      return;
+    }
+    const GstStateChangeReturn result = gst_element_set_state(GST_ELEMENT(pipeline_.Get()), target);
+    switch (result) {
+      case GST_STATE_CHANGE_SUCCESS:
+        state_ = done;
+        break;
+      case GST_STATE_CHANGE_ASYNC:
+      case GST_STATE_CHANGE_NO_PREROLL:
+        state_ = completing;
+        break;
+      default:
+        check::Fail("Failed to set the state of the pipeline with ID '", id_, "' to ", enable ? "playing" : "stopped",
+                    ": ", static_cast<int>(result));
+    }
+    enable_ = enable;
+    if (!enable) {
+      stopped_at_ = gst_util_seqnum_next();
+    }
+  }
+
+ private:
+  using Lock = std::lock_guard<std::mutex>;
+
+  void OnStreamStart(const GstMessage& message) {
+    const Lock lock(mutex_);
+    // The reader may have taken the message off the bus before the stream it tells of was stopped.
+    if (gst_util_seqnum_compare(gst_message_get_seqnum(const_cast<GstMessage*>(&message)), stopped_at_) > 0) {
+      state_ = State::Playing;
+    }
+  }
+
+  void OnEndOfStream(const GstMessage& /*message*/) {}
+  void OnError(const GstMessage& /*message*/) {}
+
+  GstBin& InputBin() const { return bin::pipeline::GetInputBin(*GST_BIN(pipeline_.Get())); }
+  GstBin& FilterBin() const { return bin::pipeline::GetFilterBin(*GST_BIN(pipeline_.Get())); }
+  GstBin& OutputBin() const { return bin::pipeline::GetOutputBin(*GST_BIN(pipeline_.Get())); }
+
+  const unsigned id_;
+  Ptr<GstPipeline> pipeline_;
+  Bus bus_;
+  type::Binding on_stream_start_;
+  type::Binding on_end_of_stream_;
+  type::Binding on_error_;
+  State state_ = State::Stopped;
+  bool enable_ = false;
+  mutable std::mutex mutex_;
+  // When the pipeline was last stopped, in the numbers that GStreamer gives to events and messages one after the other.
+  guint32 stopped_at_ = gst_util_seqnum_next();
+};
+
+Pipeline::Pipeline(unsigned id, const std::string& name) : impl_(std::make_unique<Impl>(id, name)) {}
+Pipeline::Pipeline(Pipeline&& other) noexcept = default;
+Pipeline& Pipeline::operator=(Pipeline&& other) noexcept = default;
+Pipeline::~Pipeline() = default;
+
+GstPipeline& Pipeline::Get() {
+  return Deref(impl_).Get();
+}
+const GstPipeline& Pipeline::Get() const {
+  return std::as_const(Deref(impl_)).Get();
+}
+unsigned Pipeline::GetId() const {
+  return Deref(impl_).GetId();
+}
+Pipeline::State Pipeline::GetState() const {
+  return Deref(impl_).GetState();
+}
+bool Pipeline::GetEnable() const {
+  return Deref(impl_).GetEnable();
+}
+Ptr<GstElement> Pipeline::GetInput() const {
+  return Deref(impl_).GetInput();
+}
+void Pipeline::SetInput(Ptr<GstElement> input) {
+  Deref(impl_).SetInput(std::move(input));
+}
+std::vector<Ptr<GstElement>> Pipeline::GetFilters() const {
+  return Deref(impl_).GetFilters();
+}
+void Pipeline::AddFilters(std::vector<Ptr<GstElement>> filters) {
+  Deref(impl_).AddFilters(std::move(filters));
+}
+void Pipeline::EraseFilters(std::vector<Ptr<GstElement>> filters) {
+  Deref(impl_).EraseFilters(std::move(filters));
+}
+std::vector<pipeline::Output> Pipeline::GetOutputs() const {
+  return Deref(impl_).GetOutputs();
+}
+void Pipeline::AddOutputs(std::vector<Ptr<GstElement>> outputs) {
+  Deref(impl_).AddOutputs(std::move(outputs));
+}
+void Pipeline::EraseOutputs(std::vector<Ptr<GstElement>> outputs) {
+  Deref(impl_).EraseOutputs(std::move(outputs));
+}
+Ptr<GstContext> Pipeline::GetContext() const {
+  return Deref(impl_).GetContext();
+}
+void Pipeline::SetEnable(bool enable) {
+  Deref(impl_).SetEnable(enable);
+}
+
+}  // namespace mox::gstreamer

@@ -1,0 +1,111 @@
+#ifndef MOX_GSTREAMER_PIPELINE_H
+#define MOX_GSTREAMER_PIPELINE_H
+
+#include "mox/export.h"
+#include "mox/gstreamer/bin/output.h"
+#include "mox/gstreamer/check/ptr.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gst/gst.h>
+
+namespace mox::gstreamer {
+
+/**
+ * One video pipeline: an input, any number of filters in a row, any number of outputs side by side. Filters and outputs
+ * come and go and the input is exchanged while video flows.
+ *
+ * A `Session` must exist for as long as the pipeline does. The pipeline reads its own bus: its messages are not for
+ * others to take, and those of end-of-stream and error change nothing.
+ *
+ * Every operation may be called from any thread except the pipeline's streaming threads. Operations on one pipeline run
+ * one after the other: each waits for the one before, also for a change that is waiting for data. Only `Get`, `GetId`
+ * and `GetContext` wait for nothing. Elements are shared: the caller's handles stay the caller's.
+ *
+ * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", destroying it does nothing.
+ * Failing GStreamer calls raise std::runtime_error with a text that names the objects.
+ */
+class MOX_EXPORT Pipeline {
+ public:
+  enum class State : std::uint32_t {
+    Stopped = 0,   ///< Initial, or stopped.
+    Starting = 1,  ///< On the way to playing: the outputs wait for their first frame.
+    Playing = 2,   ///< Playing, or a stream has started.
+    Stopping = 3,  ///< On the way to stopped.
+  };
+
+  /** Makes a stopped pipeline without input. `name` is the name of the GStreamer element. */
+  Pipeline(unsigned id, const std::string& name);
+  Pipeline(Pipeline&& other) noexcept;
+  Pipeline& operator=(Pipeline&& other) noexcept;
+
+  /** Stops the pipeline and joins its bus reader: waits up to about 500 ms. A failure to stop is swallowed. */
+  ~Pipeline();
+
+  /** The pipeline element, which the pipeline goes on owning. */
+  GstPipeline& Get();
+  const GstPipeline& Get() const;
+
+  unsigned GetId() const;
+  State GetState() const;
+
+  /** The last value that `SetEnable` applied. */
+  bool GetEnable() const;
+
+  /** The input element, or an empty handle. */
+  Ptr<GstElement> GetInput() const;
+
+  /**
+   * Replaces the input, in any state; an empty handle removes it from a stopped pipeline. The input needs a source pad
+   * already. The whole pipeline is stopped for the exchange and brought back to its state: outputs start anew, and what
+   * was under way in the pipeline is given up. Waits until every element has stopped.
+   *
+   * If the new element cannot be added or linked, the pipeline is left without input until the next `SetInput`.
+   *
+   * @throws std::runtime_error "Cannot remove the input if the pipeline is not stopped"
+   */
+  void SetInput(Ptr<GstElement> input);
+
+  /** The filters in the order of data flow. */
+  std::vector<Ptr<GstElement>> GetFilters() const;
+
+  /** `bin::filter::AddFilters` while stopped, else `bin::filter::BlockAddFilters`, which waits for data. */
+  void AddFilters(std::vector<Ptr<GstElement>> filters);
+
+  /** `bin::filter::EraseFilters` while stopped, else `bin::filter::BlockEraseFilters`, which waits for data. */
+  void EraseFilters(std::vector<Ptr<GstElement>> filters);
+
+  /** The outputs with their queues, in the order of attaching. */
+  std::vector<pipeline::Output> GetOutputs() const;
+
+  /** `bin::output::AddOutputs`, in every state. */
+  void AddOutputs(std::vector<Ptr<GstElement>> outputs);
+
+  /** `bin::output::EraseOutputs`, in every state. */
+  void EraseOutputs(std::vector<Ptr<GstElement>> outputs);
+
+  /** The GStreamer context of type "context" whose field "id" holds the identifier; empty if it was taken off. */
+  Ptr<GstContext> GetContext() const;
+
+  /**
+   * Starts or stops the pipeline; nothing happens if it is enabled, or is in one of the states, that the request leads
+   * to. Stopping waits for every element; starting does not wait for the first frame.
+   *
+   * @throws std::logic_error if it is to start without an input
+   * @throws std::runtime_error if GStreamer refuses; state and enable stay as they were
+   */
+  void SetEnable(bool enable);
+
+  friend void swap(Pipeline& left, Pipeline& right) noexcept { left.impl_.swap(right.impl_); }
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace mox::gstreamer
+
+#endif

@@ -1,0 +1,25 @@
+#ifndef MOX_LOGGING_NAME_H
+#define MOX_LOGGING_NAME_H
+
+#include "mox/export.h"
+
+#include <string>
+
+namespace mox::logging {
+
+/** The dotted, lower-case name of a logger, for example "mox.gstreamer.session". */
+class MOX_EXPORT Name {
+ public:
+  /** Copies @p name, a NUL-terminated string. */
+  explicit Name(const char* name);
+
+  /** The text of the name. */
+  const std::string& Get() const noexcept;
+
+ private:
+  std::string name_;
+};
+
+}  // namespace mox::logging
+
+#endif

@@ -1,0 +1,48 @@
+# What the scripts share. Sourced by them, not run.
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build=$(realpath -m "${MOX_BUILD_DIR:-$root/build}")
+
+build_packages=(
+  g++ cmake ninja-build pkg-config
+  libgstreamer1.0-dev libboost-filesystem1.81-dev libboost-system1.81-dev libgtest-dev
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-tools
+)
+
+say() { printf '\n== %s\n' "$*"; }
+
+# Installs those of the Debian packages that are missing.
+install_packages() {
+  local missing=() package as_root=()
+  for package in "$@"; do
+    dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
+  done
+  [[ ${#missing[@]} -gt 0 ]] || return 0
+  say "Installing ${missing[*]}"
+  if [[ $EUID -ne 0 ]]; then
+    command -v sudo >/dev/null || { echo "Become root, or install these packages first: ${missing[*]}" >&2; exit 1; }
+    as_root=(sudo)
+  fi
+  "${as_root[@]}" apt-get -q update
+  # Nothing of the user's is removed. Debian's older Boost is the one that would have to go.
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get -q install -y --no-remove --no-install-recommends "${missing[@]}" || {
+    echo "Could not install ${missing[*]}." >&2
+    if dpkg-query -W libboost1.74-dev >/dev/null 2>&1; then
+      echo "Boost 1.74 and 1.81 cannot both be installed: remove libboost1.74-dev, then try again." >&2
+    fi
+    exit 1
+  }
+}
+
+# Builds the targets (all by default) of a preset, installing what that needs.
+build_preset() {
+  local preset=$1
+  shift
+  local packages=("${build_packages[@]}")
+  [[ $preset != clang ]] || packages+=(clang-14)
+  install_packages "${packages[@]}"
+  say "Building $preset in $build/$preset"
+  cmake -S "$root" --preset "$preset" -B "$build/$preset" --log-level=WARNING
+  cmake --build "$build/$preset" ${1+--target "$@"}
+}

@@ -1,0 +1,179 @@
+#ifndef TESTS_GSTREAMER_LIVE_H
+#define TESTS_GSTREAMER_LIVE_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+#include "mox/gstreamer/bin/filter.h"
+#include "mox/gstreamer/bin/pipeline.h"
+#include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/ptr.h"
+#include "mox/gstreamer/pipeline.h"
+
+// Sources of numbered frames, outputs that prove the numbers, and conditions with deadlines.
+namespace live {
+
+using mox::gstreamer::Pipeline;
+using mox::gstreamer::Ptr;
+using Elements = std::vector<Ptr<GstElement>>;
+
+inline Ptr<GstElement> Make(const char* factory, const char* name = nullptr) {
+  return mox::gstreamer::check::element::Make(factory, name, "");
+}
+
+/** A bin made of a description, with ghost pads; `name` names it. */
+inline Ptr<GstElement> Parse(const std::string& description, const char* name = nullptr) {
+  Ptr<GstElement> bin(gst_parse_bin_from_description(description.c_str(), TRUE, nullptr));
+  if (name != nullptr) {
+    gst_object_set_name(GST_OBJECT(bin.Get()), name);
+  }
+  return bin;
+}
+
+/** Small numbered frames (GST_BUFFER_OFFSET): as fast as they go, or 60 a second. */
+inline Ptr<GstElement> MakeSource(bool paced = false) {
+  return Parse(std::string("videotestsrc pattern=black is-live=") + (paced ? "true" : "false") +
+               " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1");
+}
+
+constexpr auto kDeadline = std::chrono::seconds(20);
+
+/** Waits until the condition holds; ends the test program when it does not in time, for then a thread hangs. */
+template <typename Condition>
+void Await(const char* what, const Condition& condition) {
+  const auto end = std::chrono::steady_clock::now() + kDeadline;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) {
+      std::cerr << "still waiting for " << what << std::endl;
+      std::abort();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+/** Runs the function, and ends the test program when it does not return in time. */
+template <typename Function>
+void Within(std::chrono::seconds limit, const char* what, const Function& function) {
+  std::atomic<bool> done = false;
+  std::thread watchdog([&] {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!done) {
+      if (std::chrono::steady_clock::now() > end) {
+        std::cerr << what << " does not return" << std::endl;
+        std::abort();
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  });
+  function();
+  done = true;
+  watchdog.join();
+}
+
+/** Counts what reaches an element's "sink" pad, and every step in the frames' numbers that is not one. */
+class Watch {
+ public:
+  explicit Watch(Ptr<GstElement> element) : element_(std::move(element)) {
+    pad_ = Ptr<GstPad>(gst_element_get_static_pad(element_.Get(), "sink"));
+    probe_ = gst_pad_add_probe(
+        pad_.Get(), static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
+        OnItem, this, nullptr);
+  }
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+  ~Watch() { gst_pad_remove_probe(pad_.Get(), probe_); }
+
+  const Ptr<GstElement>& Element() const { return element_; }
+  std::size_t Frames() const { return frames_; }
+  std::size_t Lost() const { return lost_; }
+  std::size_t Repeated() const { return repeated_; }
+  std::size_t Eos() const { return eos_; }
+
+  /** Waits until `count` more frames have come. */
+  void AwaitFrames(std::size_t count = 2) const {
+    const std::size_t target = frames_ + count;
+    Await("frames", [&] { return frames_ >= target; });
+  }
+
+  void ExpectWhole(std::size_t given_up = 0) const {
+    EXPECT_LE(Lost(), given_up);
+    EXPECT_EQ(Repeated(), 0U);
+    EXPECT_EQ(Eos(), 0U);
+  }
+
+  /** A new stream starts: its first frame follows on nothing. */
+  void Restart() { next_ = GST_BUFFER_OFFSET_NONE; }
+
+ private:
+  static GstPadProbeReturn OnItem(GstPad*, GstPadProbeInfo* info, gpointer data) {
+    auto& watch = *static_cast<Watch*>(data);
+    if ((info->type & GST_PAD_PROBE_TYPE_BUFFER) == 0) {
+      watch.eos_ += GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS ? 1 : 0;
+      return GST_PAD_PROBE_OK;
+    }
+    const guint64 number = GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(info));
+    const guint64 expected = watch.next_;
+    if (expected != GST_BUFFER_OFFSET_NONE && number > expected) {
+      watch.lost_ += number - expected;
+    } else if (expected != GST_BUFFER_OFFSET_NONE && number < expected) {
+      ++watch.repeated_;
+    }
+    watch.next_ = number + 1;
+    ++watch.frames_;
+    return GST_PAD_PROBE_OK;
+  }
+
+  Ptr<GstElement> element_;
+  Ptr<GstPad> pad_;
+  gulong probe_ = 0;
+  std::atomic<guint64> next_ = GST_BUFFER_OFFSET_NONE;
+  std::atomic<std::size_t> frames_ = 0;
+  std::atomic<std::size_t> lost_ = 0;
+  std::atomic<std::size_t> repeated_ = 0;
+  std::atomic<std::size_t> eos_ = 0;
+};
+
+inline Ptr<GstElement> MakeSink(const char* name = nullptr) {
+  auto sink = Make("fakesink", name);
+  g_object_set(sink.Get(), "sync", FALSE, nullptr);
+  return sink;
+}
+
+/** A playing pipeline with one watched output, or more. */
+struct Stream {
+  explicit Stream(bool paced = false) {
+    pipeline.SetInput(MakeSource(paced));
+    pipeline.AddOutputs({watch.Element()});
+  }
+
+  void Play() {
+    pipeline.SetEnable(true);
+    watch.AwaitFrames();
+  }
+
+  GstBin& FilterBin() { return mox::gstreamer::bin::pipeline::GetFilterBin(*GST_BIN(&pipeline.Get())); }
+  GstBin& OutputBin() { return mox::gstreamer::bin::pipeline::GetOutputBin(*GST_BIN(&pipeline.Get())); }
+  std::string Graph() { return mox::gstreamer::bin::filter::GetGraph(FilterBin()); }
+
+  Watch watch{MakeSink("watched")};
+  Pipeline pipeline{1, "stream"};
+};
+
+/** A test with GStreamer up. */
+class Test : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
+};
+
+}  // namespace live
+
+#endif
