@@ -1,6 +1,12 @@
 #ifndef TESTS_GSTREAMER_LIVE_H
 #define TESTS_GSTREAMER_LIVE_H
 
+#include "mox/gstreamer/bin/filter.h"
+#include "mox/gstreamer/bin/pipeline.h"
+#include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/ptr.h"
+#include "mox/gstreamer/pipeline.h"
+
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -12,12 +18,6 @@
 
 #include <gst/gst.h>
 #include <gtest/gtest.h>
-
-#include "mox/gstreamer/bin/filter.h"
-#include "mox/gstreamer/bin/pipeline.h"
-#include "mox/gstreamer/check/element.h"
-#include "mox/gstreamer/check/ptr.h"
-#include "mox/gstreamer/pipeline.h"
 
 // Sources of numbered frames, outputs that prove the numbers, and conditions with deadlines.
 namespace live {
