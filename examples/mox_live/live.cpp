@@ -67,15 +67,15 @@ Live::Live() : pipeline_(1, "live") {
 
 const std::vector<Live::Command>& Live::Commands() {
   static const std::vector<Command> commands = {
-      {"input", "DESCRIPTION", "exchange the input; 'input none' removes it from a stopped pipeline", &Live::SetInput},
-      {"filter add", "DESCRIPTION", "append a filter to the chain", &Live::AddFilter},
-      {"filter erase", "NAME", "take a filter out of the chain", &Live::EraseFilter},
-      {"output add", "DESCRIPTION", "attach an output", &Live::AddOutput},
-      {"output erase", "NAME", "detach an output", &Live::EraseOutput},
+      {"input", " DESCRIPTION", "exchange the input; 'input none' removes it from a stopped pipeline", &Live::SetInput},
+      {"filter add", " DESCRIPTION", "append a filter to the chain", &Live::AddFilter},
+      {"filter erase", " NAME", "take a filter out of the chain", &Live::EraseFilter},
+      {"output add", " DESCRIPTION", "attach an output", &Live::AddOutput},
+      {"output erase", " NAME", "detach an output", &Live::EraseOutput},
       {"start", "", "start the pipeline", &Live::Start},
       {"stop", "", "stop the pipeline", &Live::Stop},
       {"show", "", "show the state, the input, the filters and the outputs", &Live::Show},
-      {"wait", "SECONDS", "wait that long, or until the stream ends", &Live::Wait},
+      {"wait", " SECONDS", "wait that long, or until the stream ends", &Live::Wait},
       {"quit", "", "end the program, as the end of standard input does", &Live::Quit},
   };
   return commands;
@@ -83,24 +83,25 @@ const std::vector<Live::Command>& Live::Commands() {
 
 void Live::WriteCommands(std::ostream& stream) {
   for (const auto& command : Commands()) {
-    const std::string usage = std::string(command.name) + ' ' + command.argument;
-    stream << "  " << std::left << std::setw(26) << usage << command.help << '\n';
+    stream << "  " << std::left << std::setw(26) << std::string(command.name) + command.argument << command.help
+           << '\n';
   }
 }
 
 void Live::Run(const std::string& line) {
-  const auto begin = line.find_first_not_of(" \t");
+  constexpr auto blank = " \t\r";
+  const auto begin = line.find_first_not_of(blank);
   if (begin == std::string::npos || line[begin] == '#') {
     return;
   }
-  const std::string text = line.substr(begin, line.find_last_not_of(" \t\r") + 1 - begin);
+  const std::string text = line.substr(begin, line.find_last_not_of(blank) + 1 - begin);
   std::string known;
   for (const auto& command : Commands()) {
     const std::string name = command.name;
     if (text.compare(0, name.size(), name) == 0 && (text.size() == name.size() || text[name.size()] == ' ')) {
       const auto argument = text.find_first_not_of(' ', name.size());
       if ((argument == std::string::npos) != (*command.argument == '\0')) {
-        throw std::runtime_error("use: " + name + ' ' + command.argument);
+        throw std::runtime_error("use: " + name + command.argument);
       }
       return (this->*command.run)(argument == std::string::npos ? "" : text.substr(argument));
     }

@@ -1,3 +1,4 @@
+#include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/session.h"
 
 #include <exception>
@@ -6,11 +7,15 @@
 #include <utility>
 #include <vector>
 
+#include <gst/gst.h>
+
 #include <getopt.h>
 
 #include "mox_live/live.h"
 
 namespace {
+
+using mox::gstreamer::Ptr;
 
 struct Options {
   std::vector<std::string> commands;
@@ -67,7 +72,7 @@ Commands, read from standard input line by line:
 A DESCRIPTION is that of gst-launch-1.0. Several elements become one bin. NAME is that of the element: the one set with
 'name=', or the one that 'show' tells. A bin is named inside round brackets:
 
-  videoflip name=mirror method=horizontal-flip
+  videoflip name=mirror video-direction=horiz
   ( name=pictures videoconvert ! pngenc ! multifilesink location=%03d.png )
 
 A command that is refused says why on standard error, and the next one is read. The exit status is 0 if no command was
@@ -85,8 +90,17 @@ bool Run(mox_live::Live& live, const std::string& command) {
   }
 }
 
+// Keeps autovideosink from trying DirectFB, which crashes in a thread of its own on a machine without a screen.
+void AvoidDirectFb() {
+  const Ptr<GstObject> sink(GST_OBJECT(gst_registry_lookup_feature(gst_registry_get(), "dfbvideosink")));
+  if (sink) {
+    gst_plugin_feature_set_rank(GST_PLUGIN_FEATURE(sink.Get()), GST_RANK_NONE);
+  }
+}
+
 int Run(const Options& options) {
   const mox::gstreamer::Session session;
+  AvoidDirectFb();
   mox_live::Live live;
   bool succeeded = true;
   for (const auto& command : options.commands) {

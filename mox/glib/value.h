@@ -22,7 +22,7 @@ class MOX_EXPORT Value {
   ~Value();
 
   /** The wrapped `GValue`, valid as long as this object is not changed. */
-  const GValue& GetValue() const noexcept;
+  [[nodiscard]] const GValue& GetValue() const noexcept;
 
  private:
   GValue value_ = G_VALUE_INIT;

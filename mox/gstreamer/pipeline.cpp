@@ -98,9 +98,7 @@ class Pipeline::Impl {
     GstElement& filter_bin = *GST_ELEMENT(&FilterBin());
     GstElement& output_bin = *GST_ELEMENT(&OutputBin());
     // A pipeline that is still starting must not start the bins half-way through.
-    const bin::StateLock output_lock(output_bin);
-    const bin::StateLock filter_lock(filter_bin);
-    const bin::StateLock input_lock(input_bin);
+    const bin::StateLock state_lock(*GST_ELEMENT(pipeline_.Get()));
     check::element::SetNullState(output_bin, bin::kElementError);
     check::element::SetNullState(filter_bin, bin::kElementError);
     check::element::SetNullState(input_bin, bin::kElementError);

@@ -32,8 +32,8 @@ Level GstLevelToMoxLevel(GstDebugLevel level) noexcept {
 }
 
 /** The word at @p address, or none where nothing can be read. */
-std::optional<std::uintptr_t> Read(std::uintptr_t address) noexcept {
-  if (address % alignof(std::uintptr_t) != 0) {
+std::optional<const void*> Read(const void* address) noexcept {
+  if (reinterpret_cast<std::uintptr_t>(address) % alignof(void*) != 0) {
     return std::nullopt;
   }
   // The kernel copies the signal set before it refuses the operation, and does not fault where it cannot.
@@ -41,7 +41,7 @@ std::optional<std::uintptr_t> Read(std::uintptr_t address) noexcept {
   const bool readable =
       syscall(SYS_rt_sigprocmask, ~0, address, nullptr, sizeof(std::uint64_t)) != 0 && errno == EINVAL;
   errno = error;
-  return readable ? std::optional(*reinterpret_cast<const std::uintptr_t*>(address)) : std::nullopt;
+  return readable ? std::optional(*static_cast<const void* const*>(address)) : std::nullopt;
 }
 
 /** Whether @p type is a registered type: a small number, or the address of GLib's description of the type. Where it is
@@ -55,17 +55,17 @@ bool IsType(GType type) noexcept {
  *  instance, which starts with the address of its class, which starts with the type; a caps, event or other boxed kind,
  *  which starts with its type; or something else altogether. */
 const char* GetTypeName(const GObject* object) noexcept {
-  const auto first = Read(reinterpret_cast<std::uintptr_t>(object));
+  const auto first = Read(object);
   const auto second = first ? Read(*first) : std::nullopt;
   if (!second) {
     return nullptr;
   }
-  if (IsType(*first)) {
-    return g_type_name(*first);
+  if (const auto type = reinterpret_cast<GType>(*first); IsType(type)) {
+    return g_type_name(type);
   }
-  const GType type = *second;
-  const bool is_instance = (type <= G_TYPE_FUNDAMENTAL_MAX || Read(type)) && IsType(type) &&
-                           reinterpret_cast<std::uintptr_t>(g_type_class_peek(type)) == *first;
+  const auto type = reinterpret_cast<GType>(*second);
+  const bool is_instance =
+      (type <= G_TYPE_FUNDAMENTAL_MAX || Read(*second)) && IsType(type) && g_type_class_peek(type) == *first;
   return is_instance ? g_type_name(type) : nullptr;
 }
 

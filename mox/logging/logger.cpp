@@ -86,7 +86,7 @@ void AppendMessage(std::string* out, const char* format, const std::function<voi
 
 }  // namespace
 
-Logger::Logger(const Name& name) : name_(name) {}
+Logger::Logger(const Name& name) : name_(name) {}  // NOLINT(modernize-pass-by-value): part of the interface
 
 Logger::~Logger() = default;
 

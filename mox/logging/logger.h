@@ -47,10 +47,10 @@ class MOX_EXPORT Logger {
   void Log(Level level, const char* format, Args&&... args) const;
 
   /** The name given at construction. */
-  const Name& GetName() const noexcept;
+  [[nodiscard]] const Name& GetName() const noexcept;
 
   /** Whether records at @p level of the logger called @p name are written. */
-  bool Filter(const Name& name, Level level) const noexcept;
+  [[nodiscard]] bool Filter(const Name& name, Level level) const noexcept;
 
   /**
    * Builds the text of a record in the empty string @p out. A percent sign that starts no placeholder and a placeholder
@@ -68,6 +68,10 @@ class MOX_EXPORT Logger {
 
 template <typename Argument>
 class Logger::Functor {
+  using Value = std::remove_cv_t<std::remove_reference_t<Argument>>;
+  static_assert(std::is_same_v<Value, int> || std::is_same_v<Value, std::string> ||
+                    std::is_convertible_v<Argument, const char*>,
+                "Not a kind of argument that a record takes");
   static_assert(std::is_reference_v<Argument> || std::is_pointer_v<Argument>, "The argument would have to be copied");
 
  public:
@@ -93,10 +97,6 @@ class Logger::Functor {
     }
     out->append(first, text.end());
   }
-
-  // Keeps what only converts to one of the above from being rendered as it.
-  template <typename T>
-  static void Append(std::string* out, const T& value) = delete;
 
   Argument argument_;
 };

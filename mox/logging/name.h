@@ -14,7 +14,7 @@ class MOX_EXPORT Name {
   explicit Name(const char* name);
 
   /** The text of the name. */
-  const std::string& Get() const noexcept;
+  [[nodiscard]] const std::string& Get() const noexcept;
 
  private:
   std::string name_;

@@ -13,6 +13,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include <gst/base/gstbasesink.h>
+
 namespace mox::gstreamer::bin::output {
 namespace {
 
@@ -91,6 +93,43 @@ class Unlimited {
   guint64 time_ = 0;
 };
 
+// Lets the sinks of an output, or the output itself, start without waiting for a first frame. A sink that does wait
+// takes the whole pipeline back to PAUSED, where the others may wait for it while it waits for the frames that they
+// hold up.
+class WithoutPreroll {
+ public:
+  explicit WithoutPreroll(const Ptr<GstElement>& output) {
+    Collect(output);
+    if (GST_IS_BIN(output.Get())) {
+      const std::unique_ptr<GstIterator, decltype(&gst_iterator_free)> elements(
+          gst_bin_iterate_recurse(GST_BIN(output.Get())), gst_iterator_free);
+      const auto collect = [](const GValue* item, gpointer self) {
+        static_cast<WithoutPreroll*>(self)->Collect(Ptr<GstElement>(GST_ELEMENT(g_value_dup_object(item))));
+      };
+      gst_iterator_foreach(elements.get(), collect, this);
+    }
+    Set(FALSE);
+  }
+  WithoutPreroll(const WithoutPreroll&) = delete;
+  WithoutPreroll& operator=(const WithoutPreroll&) = delete;
+  ~WithoutPreroll() { Set(TRUE); }
+
+ private:
+  void Collect(const Ptr<GstElement>& element) {
+    if (GST_IS_BASE_SINK(element.Get()) && gst_base_sink_is_async_enabled(GST_BASE_SINK(element.Get())) != FALSE) {
+      sinks_.push_back(element);
+    }
+  }
+
+  void Set(gboolean waits) {
+    for (const auto& sink : sinks_) {
+      gst_base_sink_set_async_enabled(GST_BASE_SINK(sink.Get()), waits);
+    }
+  }
+
+  std::vector<Ptr<GstElement>> sinks_;
+};
+
 // Links a running branch to the tee, through which data may be flowing.
 void Join(GstElement& tee, GstElement& first) {
   // The link takes this pad, being free, so that the gate is in place before anything can pass.
@@ -134,7 +173,10 @@ void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, 
   Add(outputBin, element);
   try {
     Add(outputBin, queue);
-    Sync(*element);
+    {
+      const WithoutPreroll without_preroll(element);
+      Sync(*element);
+    }
     Sync(*queue);
     check::element::LinkElement(*queue, *element, kElementError);
     const Ptr<GstCaps> others(first ? gst_caps_new_any() : gst_pad_query_caps(GetSink(tee).Get(), nullptr));
@@ -251,7 +293,10 @@ void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
     if (branches.size() == 1) {
       AddDummy(outputBin);
       const auto dummy = check::bin::GetElement(outputBin, kDummy, kBinError);
-      Sync(*dummy);
+      {
+        const WithoutPreroll without_preroll(dummy);
+        Sync(*dummy);
+      }
       Join(*tee, *dummy);
     }
   }
