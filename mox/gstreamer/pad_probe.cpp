@@ -64,9 +64,8 @@ class PadProbe::Impl {
     ProbeData* const handed_over = data.release();
     id_ = gst_pad_add_probe(pad_, type, ProbeCallback, handed_over, DataDestroyNotify);
     if (id_ == 0) {
-      // A refused probe leaves the data behind; an idle probe that ran and asked to be removed has destroyed it, and
-      // with it the other owners of the promise.
-      if (promise_.use_count() > 1) {
+      // A refused probe leaves the data behind; that of an idle probe that ran and asked to be removed is GStreamer's.
+      if ((type & GST_PAD_PROBE_TYPE_IDLE) == 0) {
         DataDestroyNotify(handed_over);
       }
       std::ostringstream message;
@@ -78,7 +77,12 @@ class PadProbe::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  ~Impl() { gst_pad_remove_probe(pad_, id_); }
+  ~Impl() {
+    // Without data the probe is gone already: its callback asked for that.
+    if (promise_.use_count() > 1) {
+      gst_pad_remove_probe(pad_, id_);
+    }
+  }
 
   GstPad& GetPad() { return *pad_; }
   const GstPad& GetPad() const { return *pad_; }

@@ -64,6 +64,8 @@ class Pipeline::Impl {
       SetEnable(false);
     } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell
     }
+    // A start that failed leaves elements part of the way up.
+    gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
     // Each waits for a callback that is just running; none runs once the members go.
     on_error_.Release();
     on_end_of_stream_.Release();
@@ -187,7 +189,8 @@ class Pipeline::Impl {
   void OnStreamStart(const GstMessage& message) {
     const Lock lock(mutex_);
     // The reader may have taken the message off the bus before the stream it tells of was stopped.
-    if (gst_util_seqnum_compare(gst_message_get_seqnum(const_cast<GstMessage*>(&message)), stopped_at_) > 0) {
+    if (enable_ ||
+        gst_util_seqnum_compare(gst_message_get_seqnum(const_cast<GstMessage*>(&message)), stopped_at_) > 0) {
       state_ = State::Playing;
     }
   }

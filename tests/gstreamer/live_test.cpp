@@ -107,7 +107,7 @@ INSTANTIATE_TEST_SUITE_P(Live, FilterChanges,
                                          Change{"Paced", true, "identity", 1}, Change{"Queue", false, "queue", 1},
                                          Change{"Threads", false, "identity", 4},
                                          Change{"PacedQueueThreads", true, "queue", 3}),
-                         [](const auto& info) { return info.param.name; });
+                         [](const auto& test) { return test.param.name; });
 
 using Live = live::Test;
 

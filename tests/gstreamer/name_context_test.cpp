@@ -1,6 +1,8 @@
 #include "mox/glib/value.h"
 #include "mox/gstreamer/context.h"
 #include "mox/gstreamer/name.h"
+#include "tests/gstreamer/elements.h"
+#include "tests/gstreamer/live.h"
 
 #include <memory>
 #include <stdexcept>
@@ -8,9 +10,6 @@
 
 #include <gst/gst.h>
 #include <gtest/gtest.h>
-
-#include "tests/gstreamer/elements.h"
-#include "tests/gstreamer/live.h"
 
 namespace mox::gstreamer {
 namespace {
