@@ -83,6 +83,7 @@ class Bus::Impl {
       if (message) {
         lock.lock();
         callbacks_(*message);
+        lock.unlock();
       }
     }
   }

@@ -2,6 +2,7 @@
 
 #include "mox/gstreamer/pimpl.h"
 
+#include <atomic>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
@@ -14,8 +15,8 @@ namespace {
 struct ProbeData {
   bool called = false;
   std::mutex mutex;
-  std::function<void(std::exception_ptr)> error;
   std::function<GstPadProbeReturn(GstPad&, GstPadProbeInfo&)> callback;
+  std::function<void(std::exception_ptr)> error;
 };
 
 GstPadProbeReturn ProbeCallback(GstPad* pad, GstPadProbeInfo* info, gpointer user_data) noexcept {
@@ -47,19 +48,25 @@ void DataDestroyNotify(gpointer data) noexcept {
 }  // namespace
 
 class PadProbe::Impl {
+  struct Result {
+    std::promise<GstPadProbeReturn> promise;
+    std::atomic<bool> removes = false;
+  };
+
  public:
   Impl(GstPad& pad, GstPadProbeType type, std::function<GstPadProbeReturn(GstPad&, GstPadProbeInfo&)> callback)
-      : promise_(std::make_shared<std::promise<GstPadProbeReturn>>()), pad_(&pad) {
+      : result_(std::make_shared<Result>()), pad_(&pad) {
     auto data = std::make_unique<ProbeData>();
     {
       // The thread that reaches the probe takes this mutex first, and so sees the data whole.
       const std::lock_guard<std::mutex> lock(data->mutex);
-      data->callback = [promise = promise_, callback = std::move(callback)](GstPad& at, GstPadProbeInfo& info) {
+      data->callback = [result = result_, callback = std::move(callback)](GstPad& at, GstPadProbeInfo& info) {
         const GstPadProbeReturn answer = callback(at, info);
-        promise->set_value(answer);
+        result->removes = answer == GST_PAD_PROBE_REMOVE;
+        result->promise.set_value(answer);
         return answer;
       };
-      data->error = [promise = promise_](std::exception_ptr error) { promise->set_exception(std::move(error)); };
+      data->error = [result = result_](std::exception_ptr error) { result->promise.set_exception(std::move(error)); };
     }
     ProbeData* const handed_over = data.release();
     id_ = gst_pad_add_probe(pad_, type, ProbeCallback, handed_over, DataDestroyNotify);
@@ -78,19 +85,19 @@ class PadProbe::Impl {
   Impl& operator=(const Impl&) = delete;
 
   ~Impl() {
-    // Without data the probe is gone already: its callback asked for that.
-    if (promise_.use_count() > 1) {
+    // A callback that asked for it has the probe removed, or soon will.
+    if (!result_->removes) {
       gst_pad_remove_probe(pad_, id_);
     }
   }
 
   GstPad& GetPad() { return *pad_; }
   const GstPad& GetPad() const { return *pad_; }
-  std::future<GstPadProbeReturn> GetFuture() { return promise_->get_future(); }
+  std::future<GstPadProbeReturn> GetFuture() { return result_->promise.get_future(); }
 
  private:
   // Shared with the callback, which may outlast this object on another thread.
-  std::shared_ptr<std::promise<GstPadProbeReturn>> promise_;
+  std::shared_ptr<Result> result_;
   GstPad* pad_;
   gulong id_ = 0;
 };

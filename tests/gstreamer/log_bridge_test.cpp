@@ -1,4 +1,5 @@
 #include "mox/gstreamer/session.h"
+#include "tests/logging/capture.h"
 
 #include <array>
 #include <cstdint>
@@ -11,8 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
-
-#include "tests/logging/capture.h"
 
 namespace {
 

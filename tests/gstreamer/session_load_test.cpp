@@ -1,5 +1,7 @@
 // This program does not load the library itself: each test gives it a place or a name of its own.
 
+#include "tests/logging/capture.h"
+
 #include <cstdlib>
 #include <string>
 
@@ -9,8 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
-
-#include "tests/logging/capture.h"
 
 namespace mox::gstreamer {
 namespace {

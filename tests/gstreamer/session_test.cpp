@@ -1,5 +1,8 @@
 #include "mox/gstreamer/session.h"
 
+#include "tests/gstreamer/session_c.h"
+#include "tests/logging/capture.h"
+
 #include <cstdlib>
 #include <memory>
 #include <ostream>
@@ -9,9 +12,6 @@
 #include <gmock/gmock.h>
 #include <gst/gst.h>
 #include <gtest/gtest.h>
-
-#include "tests/gstreamer/session_c.h"
-#include "tests/logging/capture.h"
 
 namespace mox::gstreamer {
 namespace {

@@ -232,9 +232,11 @@ void ChangeDrained(GstBin& filterBin, const Change& change, const Filters& filte
       }
     };
     // A refused change that closed the chain itself stands; any other gives way to the chain that ran before.
-    if (!changing || !IsClosed(filterBin)) {
-      attempt([&] { Restore(filterBin, before, filters); });
-    }
+    attempt([&] {
+      if (!changing || !IsClosed(filterBin)) {
+        Restore(filterBin, before, filters);
+      }
+    });
     attempt([&] { Sync(element); });
     std::rethrow_exception(error);
   }

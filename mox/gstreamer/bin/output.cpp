@@ -4,6 +4,7 @@
 #include "mox/gstreamer/bin/gate.h"
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/failure.h"
 #include "mox/gstreamer/check/pad.h"
 #include "mox/gstreamer/name.h"
 #include "mox/gstreamer/pad_probe.h"
@@ -103,7 +104,7 @@ class WithoutPreroll {
     if (GST_IS_BIN(output.Get())) {
       const std::unique_ptr<GstIterator, decltype(&gst_iterator_free)> elements(
           gst_bin_iterate_recurse(GST_BIN(output.Get())), gst_iterator_free);
-      const auto collect = [](const GValue* item, gpointer self) {
+      const auto collect = [](const GValue* item, gpointer self) noexcept {
         static_cast<WithoutPreroll*>(self)->Collect(Ptr<GstElement>(GST_ELEMENT(g_value_dup_object(item))));
       };
       gst_iterator_foreach(elements.get(), collect, this);
@@ -179,10 +180,12 @@ void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, 
     }
     Sync(*queue);
     check::element::LinkElement(*queue, *element, kElementError);
+    // A tee links what no format suits together with the rest, and the stream would end at the next frame.
     const Ptr<GstCaps> others(first ? gst_caps_new_any() : gst_pad_query_caps(GetSink(tee).Get(), nullptr));
     const Ptr<GstCaps> shared(gst_pad_query_caps(GetSink(*queue).Get(), others.Get()));
     if (gst_caps_is_empty(shared.Get()) != FALSE) {
-      throw std::runtime_error("Cannot add an output that shares no format with the others");
+      check::Fail(kElementError, "Failed to link element '", element::GetFullName(tee), "' with element '",
+                  element::GetFullName(*queue), "'");
     }
     Join(tee, *queue);
   } catch (...) {
