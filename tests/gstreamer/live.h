@@ -7,6 +7,7 @@
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/pipeline.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -79,10 +80,18 @@ void Within(std::chrono::seconds limit, const char* what, const Function& functi
   watchdog.join();
 }
 
-/** Counts what reaches an element's "sink" pad, and every step in the frames' numbers that is not one. */
+/**
+ * Counts what reaches an element's "sink" pad, and every step in the frames' numbers that is not one. The first frame
+ * seen follows on nothing; that of a later stream is number 0.
+ */
 class Watch {
  public:
-  explicit Watch(Ptr<GstElement> element) : element_(std::move(element)) {
+  /** How many of the frames missing from one number to before another are lost; asked at each frame of the stream. */
+  using Judge = std::function<std::size_t(guint stream, guint64 from, guint64 to)>;
+
+  explicit Watch(
+      Ptr<GstElement> element, Judge judge = [](guint, guint64 from, guint64 to) { return to - from; })
+      : element_(std::move(element)), judge_(std::move(judge)) {
     pad_ = Ptr<GstPad>(gst_element_get_static_pad(element_.Get(), "sink"));
     probe_ = gst_pad_add_probe(
         pad_.Get(), static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
@@ -96,6 +105,7 @@ class Watch {
   std::size_t Frames() const { return frames_; }
   std::size_t Lost() const { return lost_; }
   std::size_t Repeated() const { return repeated_; }
+  std::size_t OutOfOrder() const { return out_of_order_; }
   std::size_t Eos() const { return eos_; }
 
   /** Waits until `count` more frames have come. */
@@ -106,39 +116,55 @@ class Watch {
 
   void ExpectWhole(std::size_t given_up = 0) const {
     EXPECT_LE(Lost(), given_up);
-    EXPECT_EQ(Repeated(), 0U);
+    EXPECT_EQ(Repeated() + OutOfOrder(), 0U);
     EXPECT_EQ(Eos(), 0U);
   }
 
-  /** A new stream starts: its first frame follows on nothing. */
+  /** The element was away: its next frame follows on nothing. */
   void Restart() { next_ = GST_BUFFER_OFFSET_NONE; }
 
  private:
   static GstPadProbeReturn OnItem(GstPad*, GstPadProbeInfo* info, gpointer data) {
     auto& watch = *static_cast<Watch*>(data);
-    if ((info->type & GST_PAD_PROBE_TYPE_BUFFER) == 0) {
-      watch.eos_ += GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS ? 1 : 0;
-      return GST_PAD_PROBE_OK;
+    if ((info->type & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
+      watch.OnFrame(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(info)));
+    } else {
+      watch.OnEvent(GST_PAD_PROBE_INFO_EVENT(info));
     }
-    const guint64 number = GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(info));
-    const guint64 expected = watch.next_;
-    if (expected != GST_BUFFER_OFFSET_NONE && number > expected) {
-      watch.lost_ += number - expected;
-    } else if (expected != GST_BUFFER_OFFSET_NONE && number < expected) {
-      ++watch.repeated_;
-    }
-    watch.next_ = number + 1;
-    ++watch.frames_;
     return GST_PAD_PROBE_OK;
   }
 
+  void OnFrame(guint64 number) {
+    const guint64 expected = next_ == GST_BUFFER_OFFSET_NONE ? number : next_.load();
+    lost_ += judge_(stream_, expected, std::max(expected, number));
+    repeated_ += number + 1 == expected ? 1 : 0;
+    out_of_order_ += number + 1 < expected ? 1 : 0;
+    next_ = number + 1;
+    ++frames_;
+  }
+
+  // A source gives every stream that it starts a group of its own; a pad that is linked anew hears of the same again.
+  void OnEvent(GstEvent* event) {
+    eos_ += GST_EVENT_TYPE(event) == GST_EVENT_EOS ? 1 : 0;
+    guint stream = stream_;
+    if (GST_EVENT_TYPE(event) == GST_EVENT_STREAM_START && gst_event_parse_group_id(event, &stream) != FALSE &&
+        stream != stream_) {
+      out_of_order_ += stream < stream_ ? 1 : 0;
+      next_ = stream_ == 0 ? GST_BUFFER_OFFSET_NONE : 0;
+      stream_ = stream;
+    }
+  }
+
   Ptr<GstElement> element_;
+  Judge judge_;
   Ptr<GstPad> pad_;
   gulong probe_ = 0;
+  std::atomic<guint> stream_ = 0;
   std::atomic<guint64> next_ = GST_BUFFER_OFFSET_NONE;
   std::atomic<std::size_t> frames_ = 0;
   std::atomic<std::size_t> lost_ = 0;
   std::atomic<std::size_t> repeated_ = 0;
+  std::atomic<std::size_t> out_of_order_ = 0;
   std::atomic<std::size_t> eos_ = 0;
 };
 

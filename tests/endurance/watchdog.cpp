@@ -1,0 +1,70 @@
+#include "tests/endurance/watchdog.h"
+
+#include <cstdlib>
+#include <iostream>
+#include <utility>
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+namespace endurance {
+
+Watchdog::Watchdog(std::chrono::seconds limit, unsigned seed)
+    : limit_(limit), seed_(seed), thread_([this] { Run(); }) {}
+
+Watchdog::~Watchdog() {
+  stop_ = true;
+  thread_.join();
+}
+
+unsigned Watchdog::Guard(std::string what, Count count) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::size_t now = count();
+  guarded_.emplace(next_, Guarded{std::move(what), std::move(count), now, std::chrono::steady_clock::now()});
+  return next_++;
+}
+
+void Watchdog::Release(unsigned guard) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  guarded_.erase(guard);
+}
+
+void Watchdog::Run() {
+  while (!stop_) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Look(std::chrono::steady_clock::now());
+  }
+}
+
+void Watchdog::Look(Time now) {
+  bool stands = false;
+  for (auto& [id, guarded] : guarded_) {
+    const std::size_t count = guarded.count();
+    if (count != guarded.last) {
+      guarded.last = count;
+      guarded.moved = now;
+    }
+    stands = stands || now - guarded.moved > limit_;
+  }
+  if (stands) {
+    Report(now);
+  }
+}
+
+void Watchdog::Report(Time now) const {
+  std::cerr << "\nSTALL with the seed " << seed_ << ". What moves, how often it has, and how long ago:\n";
+  for (const auto& [id, guarded] : guarded_) {
+    const std::chrono::duration<double> ago = now - guarded.moved;
+    std::cerr << "  " << guarded.what << ": " << guarded.last << ", " << ago.count() << " s\n";
+  }
+  std::cerr << "The stacks, by gdb:" << std::endl;
+  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+  const std::string command = "gdb -batch -nx -ex 'thread apply all bt' -p " + std::to_string(getpid()) + " 1>&2";
+  if (std::system(command.c_str()) != 0) {
+    std::cerr << "gdb, of the package of that name, did not run: no stacks" << std::endl;
+  }
+  std::abort();
+}
+
+}  // namespace endurance
