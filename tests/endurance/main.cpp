@@ -150,7 +150,7 @@ int main(int argc, char** argv) {
   std::cout << "mox-endurance --seconds " << options.seconds << " --seed " << options.seed << " --threads "
             << options.threads << (options.live ? " --live" : "") << std::endl;
   gst_init(nullptr, nullptr);
-  endurance::Watchdog watchdog(live::kDeadline, options.seed);
+  endurance::Watchdog watchdog(live::kDeadline);
   // What GStreamer makes once and keeps is there after a first short walk.
   RunFor(std::chrono::seconds(2), options, watchdog);
   const Held before = Measure();

@@ -44,7 +44,20 @@ constexpr std::array kOutputs = {"fakesink",
                                  "queue ! fakesink",
                                  "videoconvert ! capsfilter caps=video/x-raw,format=I420 ! fakesink",
                                  "identity sleep-time=500 ! fakesink",
-                                 "identity name=stuck sleep-time=200000 ! fakesink"};
+                                 "identity name=stuck sleep-time=300000 ! fakesink"};
+
+// The states of an element and of those in it: what it has, what it is on its way to, what it is to get to.
+void DescribeStates(GstElement& element, const std::string& indent, std::ostream& out) {
+  out << indent << GST_OBJECT_NAME(&element) << ": " << gst_element_state_get_name(GST_STATE(&element)) << " > "
+      << gst_element_state_get_name(GST_STATE_PENDING(&element)) << " > "
+      << gst_element_state_get_name(GST_STATE_TARGET(&element)) << ", "
+      << gst_element_state_change_return_get_name(GST_STATE_RETURN(&element)) << "\n";
+  if (GST_IS_BIN(&element)) {
+    for (const GList* child = GST_BIN_CHILDREN(&element); child != nullptr; child = child->next) {
+      DescribeStates(*GST_ELEMENT(child->data), indent + "  ", out);
+    }
+  }
+}
 
 }  // namespace
 
@@ -128,6 +141,7 @@ class Walk::Walker {
   };
 
   void Step(bool playing) {
+    Unstick();
     const unsigned drawn = Draw(random_, 100);
     if (drawn < 45) {
       filters_.size() < Draw(random_, 4) ? AddFilter() : EraseFilter();
@@ -142,8 +156,20 @@ class Walk::Walker {
     }
   }
 
+  // The outputs that are stuck have been so for long enough.
+  void Unstick() {
+    for (const auto& output : outputs_) {
+      auto* const element = output.watch->Element().Get();
+      const Ptr<GstElement> stuck(GST_IS_BIN(element) ? gst_bin_get_by_name(GST_BIN(element), "stuck") : nullptr);
+      if (stuck) {
+        g_object_set(stuck.Get(), "sleep-time", 0, nullptr);
+      }
+    }
+  }
+
   template <typename Call>
   void Time(Kind kind, const Call& call) {
+    walk_.Note(name_ + ": " + kKindNames[kind]);
     const auto start = std::chrono::steady_clock::now();
     call();
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
@@ -315,6 +341,7 @@ Figures Walk::Run(const std::function<bool(std::size_t)>& more) {
   pipeline_.SetInput(MakeInput(random));
   pipeline_.SetEnable(true);
   const unsigned guard = watchdog_.Guard("frames out of the filters", [this] { return leaving_->Frames(); });
+  watchdog_.Describe([this](std::ostream& out) { Describe(out); });
   std::vector<std::unique_ptr<Walker>> walkers;
   std::vector<std::thread> threads;
   for (unsigned i = 0; i < threads_; ++i) {
@@ -330,11 +357,30 @@ Figures Walk::Run(const std::function<bool(std::size_t)>& more) {
   }
   CheckEnd();
   watchdog_.Release(guard);
+  watchdog_.Describe({});
   pipeline_.SetEnable(false);
   Add(*entering_);
   Add(*leaving_);
   figures_.given_up = ledger_.GivenUp();
   return std::move(figures_);
+}
+
+void Walk::Note(std::string change) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  history_.push_back(std::move(change));
+  if (history_.size() > 20) {
+    history_.pop_front();
+  }
+}
+
+void Walk::Describe(std::ostream& out) {
+  out << "The last changes begun:\n";
+  const std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& change : history_) {
+    out << "  " << change << "\n";
+  }
+  out << "The states, as current > pending > target, last return:\n";
+  DescribeStates(*GST_ELEMENT(&pipeline_.Get()), "  ", out);
 }
 
 // Everything is taken out again and the stream flows on.

@@ -7,9 +7,11 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <random>
 #include <set>
 #include <shared_mutex>
@@ -96,6 +98,8 @@ class Walk {
   class Walker;
 
   Ptr<GstElement> MakeInput(std::mt19937& random) const;
+  void Note(std::string change);
+  void Describe(std::ostream& out);
   void CheckEnd();
   void Add(const live::Watch& watch);
 
@@ -111,6 +115,7 @@ class Walk {
   std::shared_mutex stopping_;
   std::mutex mutex_;
   Figures figures_;
+  std::deque<std::string> history_;
   std::atomic<std::size_t> changes_ = 0;
   std::atomic<bool> stop_ = false;
 };

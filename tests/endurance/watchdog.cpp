@@ -9,8 +9,7 @@
 
 namespace endurance {
 
-Watchdog::Watchdog(std::chrono::seconds limit, unsigned seed)
-    : limit_(limit), seed_(seed), thread_([this] { Run(); }) {}
+Watchdog::Watchdog(std::chrono::seconds limit) : limit_(limit), thread_([this] { Run(); }) {}
 
 Watchdog::~Watchdog() {
   stop_ = true;
@@ -27,6 +26,11 @@ unsigned Watchdog::Guard(std::string what, Count count) {
 void Watchdog::Release(unsigned guard) {
   const std::lock_guard<std::mutex> lock(mutex_);
   guarded_.erase(guard);
+}
+
+void Watchdog::Describe(std::function<void(std::ostream&)> describe) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  describe_ = std::move(describe);
 }
 
 void Watchdog::Run() {
@@ -53,10 +57,13 @@ void Watchdog::Look(Time now) {
 }
 
 void Watchdog::Report(Time now) const {
-  std::cerr << "\nSTALL with the seed " << seed_ << ". What moves, how often it has, and how long ago:\n";
+  std::cerr << "\nSTALL. What is to move, how often it has, and how long ago:\n";
   for (const auto& [id, guarded] : guarded_) {
     const std::chrono::duration<double> ago = now - guarded.moved;
     std::cerr << "  " << guarded.what << ": " << guarded.last << ", " << ago.count() << " s\n";
+  }
+  if (describe_) {
+    describe_(std::cerr);
   }
   std::cerr << "The stacks, by gdb:" << std::endl;
   prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);

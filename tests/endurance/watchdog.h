@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <thread>
 
@@ -17,8 +18,8 @@ class Watchdog {
  public:
   using Count = std::function<std::size_t()>;
 
-  /** `limit` is how long something may stand still. `seed` is told with the report. */
-  Watchdog(std::chrono::seconds limit, unsigned seed);
+  /** `limit` is how long something may stand still. */
+  explicit Watchdog(std::chrono::seconds limit);
   Watchdog(const Watchdog&) = delete;
   Watchdog& operator=(const Watchdog&) = delete;
   ~Watchdog();
@@ -26,6 +27,9 @@ class Watchdog {
   /** From now on `count` must change; it is called from the watchdog's thread until it is released. */
   unsigned Guard(std::string what, Count count);
   void Release(unsigned guard);
+
+  /** `describe` tells more in the report. */
+  void Describe(std::function<void(std::ostream&)> describe);
 
  private:
   using Time = std::chrono::steady_clock::time_point;
@@ -42,10 +46,10 @@ class Watchdog {
   [[noreturn]] void Report(Time now) const;
 
   const std::chrono::seconds limit_;
-  const unsigned seed_;
   std::mutex mutex_;
   std::map<unsigned, Guarded> guarded_;
   unsigned next_ = 0;
+  std::function<void(std::ostream&)> describe_;
   std::atomic<bool> stop_ = false;
   std::thread thread_;
 };
