@@ -1,5 +1,7 @@
 #include "tests/endurance/walk.h"
 
+#include "tests/gstreamer/faulty.h"
+
 #include <algorithm>
 #include <chrono>
 #include <exception>
@@ -264,11 +266,8 @@ class Walk::Walker {
       case 3:
         return Expect("Element Error: Failed to link element '", [&] { pipeline_.AddFilters({one, audio}); });
       case 4: {
-        // It cannot leave READY.
-        auto source = live::Make("filesrc");
-        g_object_set(source.Get(), "location", "/nowhere/at/all", nullptr);
-        const auto refusing = Counted(live::Parse("identity"));
-        gst_bin_add(GST_BIN(refusing.Get()), source.Ref());
+        const auto refusing = Counted(faulty::Make());
+        faulty::Of(*refusing).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
         return Expect("Element Error: Failed to sync the state of the element 'filter_bin", [&] {
           pipeline_.AddFilters({one, refusing});
         });
@@ -292,6 +291,7 @@ class Walk::Walker {
   template <typename Call>
   void Expect(const std::string& text, const Call& call) {
     std::string raised = "no error";
+    walk_.Note(name_ + ": to be answered " + text);
     Time(kWrong, [&] {
       try {
         call();
