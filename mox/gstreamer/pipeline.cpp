@@ -101,14 +101,23 @@ class Pipeline::Impl {
     GstElement& output_bin = *GST_ELEMENT(&OutputBin());
     // A pipeline that is still starting must not start the bins half-way through.
     const bin::StateLock state_lock(*GST_ELEMENT(pipeline_.Get()));
-    check::element::SetNullState(output_bin, bin::kElementError);
-    check::element::SetNullState(filter_bin, bin::kElementError);
-    check::element::SetNullState(input_bin, bin::kElementError);
-    // The new input starts first, and a source that meets bins still stopped pauses for good: its first item is held.
+    // Nothing passes from the old input to outputs that have stopped, which it would take for the end of the stream;
+    // and the first item of the new one, which starts first, is held, for a source that meets bins still stopped pauses
+    // for good.
     const auto source = check::element::GetPad(input_bin, "src", bin::kElementError);
     const PadProbe hold(*source, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
                         [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+    const bool failed = HasFailed();
+    if (failed) {
+      gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
+    }
+    check::element::SetNullState(output_bin, bin::kElementError);
+    check::element::SetNullState(filter_bin, bin::kElementError);
+    check::element::SetNullState(input_bin, bin::kElementError);
     bin::input::SetInput(InputBin(), std::move(input));
+    if (failed && enable_) {
+      gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_PLAYING);
+    }
     bin::Sync(input_bin);
     bin::Sync(filter_bin);
     bin::Sync(output_bin);
@@ -144,6 +153,10 @@ class Pipeline::Impl {
   void EraseOutputs(std::vector<Ptr<GstElement>> outputs) {
     const Lock lock(mutex_);
     bin::output::EraseOutputs(OutputBin(), std::move(outputs));
+    // The others go on without an output that failed.
+    if (enable_ && HasFailed()) {
+      gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_PLAYING);
+    }
   }
 
   Ptr<GstContext> GetContext() const {
@@ -197,6 +210,15 @@ class Pipeline::Impl {
 
   void OnEndOfStream(const GstMessage& /*message*/) {}
   void OnError(const GstMessage& /*message*/) {}
+
+  // Whether an element has posted an error or refused a state since the pipeline was last told its own: from then on
+  // GStreamer takes no notice of what becomes of the bins, and none of them is brought to PLAYING any more.
+  bool HasFailed() const {
+    GST_OBJECT_LOCK(pipeline_.Get());
+    const bool failed = GST_STATE_RETURN(pipeline_.Get()) == GST_STATE_CHANGE_FAILURE;
+    GST_OBJECT_UNLOCK(pipeline_.Get());
+    return failed;
+  }
 
   GstBin& InputBin() const { return bin::pipeline::GetInputBin(*GST_BIN(pipeline_.Get())); }
   GstBin& FilterBin() const { return bin::pipeline::GetFilterBin(*GST_BIN(pipeline_.Get())); }

@@ -252,6 +252,19 @@ TEST_F(Live, AChangeAfterTheEndOfTheStreamIsRefused) {
   EXPECT_EQ(stream.Graph(), "[next]");
 }
 
+TEST_F(Live, AFailedStartIsFollowedByAGoodOne) {
+  Stream stream;
+  const auto missing = Make("filesrc");
+  g_object_set(missing.Get(), "location", "/nowhere/at/all", nullptr);
+  stream.pipeline.SetInput(missing);
+  EXPECT_THROW(stream.pipeline.SetEnable(true), std::runtime_error);
+  stream.pipeline.SetInput(MakeSource());
+  EXPECT_EQ(stream.pipeline.GetState(), Pipeline::State::Stopped);
+  EXPECT_LE(GST_STATE(&stream.OutputBin()), GST_STATE_READY);
+  Within(seconds(20), "a start", [&] { stream.Play(); });
+  stream.watch.ExpectWhole();
+}
+
 TEST_F(Live, ThousandOutputsComeAndGoBesideAnother) {
   Stream stream;
   stream.Play();

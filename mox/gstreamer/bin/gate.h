@@ -13,12 +13,6 @@ namespace mox::gstreamer::bin {
  */
 void AddGate(GstPad& source);
 
-/**
- * The same for a pad of a tee, which joins maybe in the middle of a push and so may have missed sticky events: what
- * `tee_sink` has received and the peer has not is sent before the gate opens.
- */
-void AddGate(GstPad& source, GstPad& tee_sink);
-
 }  // namespace mox::gstreamer::bin
 
 #endif

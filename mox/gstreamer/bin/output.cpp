@@ -22,9 +22,6 @@ namespace {
 constexpr auto kTee = "output_tee";
 constexpr auto kDummy = "dummy_output";
 
-constexpr auto kDownstream = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST |
-                                                          GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM);
-
 Ptr<GstElement> GetTee(GstBin& outputBin) {
   return check::bin::GetElement(outputBin, kTee, kBinError);
 }
@@ -37,9 +34,11 @@ Ptr<GstPad> GetSink(GstElement& element) {
 // from a branch that is being stopped as fatal to the whole stream. Ends with the pad's release, or when it is let go.
 class Muted {
  public:
-  explicit Muted(Ptr<GstPad> pad)
-      : pad_(std::move(pad)),
-        id_(gst_pad_add_probe(pad_.Get(), GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, Drop, nullptr, nullptr)) {}
+  explicit Muted(Ptr<GstPad> pad) : pad_(std::move(pad)), id_(TakeBack(*pad_)) {
+    if (id_ == 0) {
+      id_ = gst_pad_add_probe(pad_.Get(), GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, Drop, nullptr, nullptr);
+    }
+  }
   Muted(const Muted&) = delete;
   Muted& operator=(const Muted&) = delete;
   ~Muted() {
@@ -60,10 +59,15 @@ class Muted {
     gst_element_release_request_pad(&tee, pad_.Get());
   }
 
-  // Leaves the pad dropping what comes, for a branch that stays but cannot take anything any more.
-  void Stay() { id_ = 0; }
+  // Leaves the pad dropping what comes, for a branch that stays but cannot take anything any more. The next to mute the
+  // pad takes over from here.
+  void Stay() { g_object_set_data(G_OBJECT(pad_.Get()), kStays, GSIZE_TO_POINTER(std::exchange(id_, 0))); }
 
  private:
+  static constexpr auto kStays = "mox-muted";
+
+  static gulong TakeBack(GstPad& pad) { return GPOINTER_TO_SIZE(g_object_steal_data(G_OBJECT(&pad), kStays)); }
+
   static GstPadProbeReturn Drop(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*data*/) noexcept {
     return GST_PAD_PROBE_DROP;
   }
@@ -131,11 +135,43 @@ class WithoutPreroll {
   std::vector<Ptr<GstElement>> sinks_;
 };
 
+// Whether the tee has received every sticky event that was sent to it.
+bool HasAllEvents(GstPad& entrance, GstPad& tee_sink) {
+  struct Walk {
+    GstPad& tee_sink;
+    bool complete = true;
+  } walk{tee_sink};
+  const auto compare = [](GstPad* /*entrance*/, GstEvent** event, gpointer data) noexcept -> gboolean {
+    auto& self = *static_cast<Walk*>(data);
+    self.complete = false;
+    for (guint i = 0; !self.complete; ++i) {
+      const Ptr<GstEvent> received(gst_pad_get_sticky_event(&self.tee_sink, GST_EVENT_TYPE(*event), i));
+      if (!received) {
+        break;
+      }
+      self.complete = received.Get() == *event;
+    }
+    return self.complete;
+  };
+  gst_pad_sticky_events_foreach(&entrance, compare, &walk);
+  return walk.complete;
+}
+
 // Links a running branch to the tee, through which data may be flowing.
 void Join(GstElement& tee, GstElement& first) {
+  const auto tee_sink = GetSink(tee);
+  const auto entrance = check::pad::GetPeer(*tee_sink, kPadError);
+  // A pad made while an event is on its way through the tee would miss it. What comes next is held meanwhile; a frame
+  // that is inside already, maybe for long in the queue of a slow output, does no harm and is not waited for.
+  constexpr auto idle_or_held =
+      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
+  PadProbe hold(*entrance, idle_or_held, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+  if (!HasAllEvents(*entrance, *tee_sink)) {
+    hold.GetFuture().wait();
+  }
   // The link takes this pad, being free, so that the gate is in place before anything can pass.
   const Ptr<GstPad> pad(gst_element_request_pad_simple(&tee, "src_%u"));
-  AddGate(*pad, *GetSink(tee));
+  AddGate(*pad);
   try {
     check::element::LinkElement(tee, first, kElementError);
   } catch (...) {
