@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <utility>
 
 #include <gst/base/gstbasetransform.h>
 #include <gst/gst.h>
@@ -87,21 +88,28 @@ inline void OnInstance(GTypeInstance* element, gpointer /*type*/) {
                          [](gpointer faults) { delete static_cast<Faults*>(faults); });
 }
 
-inline GType Register() {
+}  // namespace detail
+
+/** Makes the factory "faulty" known: an "identity" that can be told to fail. */
+inline void Register() {
+  static bool registered = false;
+  if (std::exchange(registered, true)) {
+    return;
+  }
   const Ptr<GstElement> identity(gst_element_factory_make("identity", nullptr));
   const GType parent = G_OBJECT_TYPE(identity.Get());
   GTypeQuery query{};
   g_type_query(parent, &query);
-  return g_type_register_static_simple(parent, "MoxTestFaulty", query.class_size, OnClass, query.instance_size,
-                                       OnInstance, GTypeFlags());
+  const GType type =
+      g_type_register_static_simple(parent, "MoxTestFaulty", query.class_size, detail::OnClass, query.instance_size,
+                                    detail::OnInstance, GTypeFlags());
+  gst_element_register(nullptr, "faulty", GST_RANK_NONE, type);
 }
 
-}  // namespace detail
-
-/** An "identity" that can be told to fail. */
-inline Ptr<GstElement> Make(const char* name = nullptr) {
-  static const GType type = detail::Register();
-  return Ptr<GstElement>(GST_ELEMENT(g_object_new(type, "name", name, nullptr)));
+/** One of them by itself. */
+inline Ptr<GstElement> Make() {
+  Register();
+  return Ptr<GstElement>(gst_element_factory_make("faulty", nullptr));
 }
 
 }  // namespace faulty
