@@ -1,11 +1,9 @@
 #include "tests/endurance/watchdog.h"
 
-#include <cstdlib>
+#include "tests/gstreamer/live.h"
+
 #include <iostream>
 #include <utility>
-
-#include <sys/prctl.h>
-#include <unistd.h>
 
 namespace endurance {
 
@@ -65,13 +63,7 @@ void Watchdog::Report(Time now) const {
   if (describe_) {
     describe_(std::cerr);
   }
-  std::cerr << "The stacks, by gdb:" << std::endl;
-  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
-  const std::string command = "gdb -batch -nx -ex 'thread apply all bt' -p " + std::to_string(getpid()) + " 1>&2";
-  if (std::system(command.c_str()) != 0) {
-    std::cerr << "gdb, of the package of that name, did not run: no stacks" << std::endl;
-  }
-  std::abort();
+  live::Hang();
 }
 
 }  // namespace endurance

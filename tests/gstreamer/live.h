@@ -20,6 +20,9 @@
 #include <gst/gst.h>
 #include <gtest/gtest.h>
 
+#include <sys/prctl.h>
+#include <unistd.h>
+
 // Sources of numbered frames, outputs that prove the numbers, and conditions with deadlines.
 namespace live {
 
@@ -48,6 +51,17 @@ inline Ptr<GstElement> MakeSource(bool paced = false) {
 
 constexpr auto kDeadline = std::chrono::seconds(20);
 
+/** Ends the test program, for a thread hangs; tells what every thread does, where gdb is installed. */
+[[noreturn]] inline void Hang() {
+  std::cerr << "The stacks, by gdb:" << std::endl;
+  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+  const std::string command = "gdb -batch -nx -ex 'thread apply all bt' -p " + std::to_string(getpid()) + " 1>&2";
+  if (std::system(command.c_str()) != 0) {
+    std::cerr << "gdb did not run: no stacks" << std::endl;
+  }
+  std::abort();
+}
+
 /** Waits until the condition holds; ends the test program when it does not in time, for then a thread hangs. */
 template <typename Condition>
 void Await(const char* what, const Condition& condition) {
@@ -55,7 +69,7 @@ void Await(const char* what, const Condition& condition) {
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) {
       std::cerr << "still waiting for " << what << std::endl;
-      std::abort();
+      Hang();
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
@@ -70,7 +84,7 @@ void Within(std::chrono::seconds limit, const char* what, const Function& functi
     while (!done) {
       if (std::chrono::steady_clock::now() > end) {
         std::cerr << what << " does not return" << std::endl;
-        std::abort();
+        Hang();
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
