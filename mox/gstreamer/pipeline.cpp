@@ -44,6 +44,11 @@ Ptr<GstPipeline> Make(unsigned id, const std::string& name) {
   return element;
 }
 
+// Holds what comes to the pad for as long as the probe is there.
+PadProbe Hold(GstPad& pad) {
+  return {pad, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; }};
+}
+
 }  // namespace
 
 class Pipeline::Impl {
@@ -101,19 +106,20 @@ class Pipeline::Impl {
     GstElement& output_bin = *GST_ELEMENT(&OutputBin());
     // A pipeline that is still starting must not start the bins half-way through.
     const bin::StateLock state_lock(*GST_ELEMENT(pipeline_.Get()));
-    // Nothing passes from the old input to outputs that have stopped, which it would take for the end of the stream;
-    // and the first item of the new one, which starts first, is held, for a source that meets bins still stopped pauses
-    // for good.
-    const auto source = check::element::GetPad(input_bin, "src", bin::kElementError);
-    const PadProbe hold(*source, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
-                        [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
     const bool failed = HasFailed();
     if (failed) {
       gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
     }
-    check::element::SetNullState(output_bin, bin::kElementError);
-    check::element::SetNullState(filter_bin, bin::kElementError);
+    const auto source = check::element::GetPad(input_bin, "src", bin::kElementError);
+    {
+      // The old input would take the answer of outputs that have stopped for the end of the stream, and tell them.
+      const auto held = Hold(*source);
+      check::element::SetNullState(output_bin, bin::kElementError);
+      check::element::SetNullState(filter_bin, bin::kElementError);
+    }
     check::element::SetNullState(input_bin, bin::kElementError);
+    // The new input starts first, and a source that meets bins still stopped pauses for good.
+    const auto held = Hold(*source);
     bin::input::SetInput(InputBin(), std::move(input));
     if (failed && enable_) {
       gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_PLAYING);

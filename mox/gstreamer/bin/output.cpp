@@ -30,6 +30,51 @@ Ptr<GstPad> GetSink(GstElement& element) {
   return check::element::GetPad(element, "sink", kElementError);
 }
 
+// Whether the sink has received every sticky event that was sent to it.
+bool HasAllEvents(GstPad& source, GstPad& sink) {
+  struct Walk {
+    GstPad& sink;
+    bool complete = true;
+  } walk{sink};
+  const auto compare = [](GstPad* /*source*/, GstEvent** sent, gpointer data) noexcept -> gboolean {
+    auto& [sink_pad, complete] = *static_cast<Walk*>(data);
+    complete = false;
+    for (guint i = 0; !complete; ++i) {
+      const Ptr<GstEvent> received(gst_pad_get_sticky_event(&sink_pad, GST_EVENT_TYPE(*sent), i));
+      if (!received) {
+        break;
+      }
+      complete = received.Get() == *sent;
+    }
+    return complete ? TRUE : FALSE;
+  };
+  gst_pad_sticky_events_foreach(&source, compare, &walk);
+  return walk.complete;
+}
+
+// Holds what is to enter the tee while its pads come and go: a pad that is made while an event passes would miss it,
+// and to one that is released meanwhile the event would fail, and with it the stream. A frame that is inside already,
+// maybe for long in the queue of a slow output, does no harm and is not waited for.
+class BetweenItems {
+ public:
+  explicit BetweenItems(GstElement& tee)
+      : sink_(GetSink(tee)),
+        entrance_(check::pad::GetPeer(*sink_, kPadError)),
+        hold_(*entrance_, kIdleOrHeld, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; }) {
+    if (!HasAllEvents(*entrance_, *sink_)) {
+      hold_.GetFuture().wait();
+    }
+  }
+
+ private:
+  static constexpr auto kIdleOrHeld =
+      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
+
+  Ptr<GstPad> sink_;
+  Ptr<GstPad> entrance_;
+  PadProbe hold_;
+};
+
 // A pad of the tee while its branch is taken away: what the tee sends into it is dropped, for a tee takes "flushing"
 // from a branch that is being stopped as fatal to the whole stream. Ends with the pad's release, or when it is let go.
 class Muted {
@@ -55,6 +100,7 @@ class Muted {
 
   // Unlinks the branch and gives the request pad back to the tee.
   void Release(GstElement& tee, GstElement& first) {
+    const BetweenItems between(tee);
     gst_element_unlink(&tee, &first);
     gst_element_release_request_pad(&tee, pad_.Get());
   }
@@ -135,40 +181,9 @@ class WithoutPreroll {
   std::vector<Ptr<GstElement>> sinks_;
 };
 
-// Whether the tee has received every sticky event that was sent to it.
-bool HasAllEvents(GstPad& entrance, GstPad& tee_sink) {
-  struct Walk {
-    GstPad& tee_sink;
-    bool complete = true;
-  } walk{tee_sink};
-  const auto compare = [](GstPad* /*entrance*/, GstEvent** event, gpointer data) noexcept -> gboolean {
-    auto& self = *static_cast<Walk*>(data);
-    self.complete = false;
-    for (guint i = 0; !self.complete; ++i) {
-      const Ptr<GstEvent> received(gst_pad_get_sticky_event(&self.tee_sink, GST_EVENT_TYPE(*event), i));
-      if (!received) {
-        break;
-      }
-      self.complete = received.Get() == *event;
-    }
-    return self.complete;
-  };
-  gst_pad_sticky_events_foreach(&entrance, compare, &walk);
-  return walk.complete;
-}
-
 // Links a running branch to the tee, through which data may be flowing.
 void Join(GstElement& tee, GstElement& first) {
-  const auto tee_sink = GetSink(tee);
-  const auto entrance = check::pad::GetPeer(*tee_sink, kPadError);
-  // A pad made while an event is on its way through the tee would miss it. What comes next is held meanwhile; a frame
-  // that is inside already, maybe for long in the queue of a slow output, does no harm and is not waited for.
-  constexpr auto idle_or_held =
-      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
-  PadProbe hold(*entrance, idle_or_held, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
-  if (!HasAllEvents(*entrance, *tee_sink)) {
-    hold.GetFuture().wait();
-  }
+  const BetweenItems between(tee);
   // The link takes this pad, being free, so that the gate is in place before anything can pass.
   const Ptr<GstPad> pad(gst_element_request_pad_simple(&tee, "src_%u"));
   AddGate(*pad);
