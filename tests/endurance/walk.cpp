@@ -260,6 +260,13 @@ class Walk::Walker {
     for (unsigned i = Draw(random_, 3); i > 0; --i) {
       Step(false);
     }
+    if (Draw(random_, 4) == 0) {
+      const auto refusing = Counted(faulty::Make());
+      faulty::Of(*refusing).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
+      pipeline_.SetInput(refusing);
+      Expect("Failed to set the state of the pipeline with ID '1' to playing: 0", [&] { pipeline_.SetEnable(true); });
+      pipeline_.SetInput(walk_.MakeInput(random_));
+    }
     Time(kStart, [&] { pipeline_.SetEnable(true); });
   }
 

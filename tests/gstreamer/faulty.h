@@ -22,7 +22,7 @@ struct Faults {
   static constexpr int kFollows = -1;
 
   std::atomic<int> answer = kFollows;          ///< The answer to a request for any state, instead of following it.
-  std::atomic<GstStateChange> fails = kNone;   ///< The state change that fails.
+  std::atomic<GstStateChange> fails = kNone;   ///< The state change that fails, with an ERROR message.
   std::atomic<GstStateChange> blocks = kNone;  ///< The state change that takes a second.
   std::atomic<bool> refuses_caps = false;
   std::atomic<GstFlowReturn> flow = GST_FLOW_OK;  ///< The answer to a frame; kDrops lets none through.
@@ -56,8 +56,11 @@ inline GstStateChangeReturn OnChange(GstElement* element, GstStateChange change)
   if (change == Of(*element).blocks) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
   }
-  return change == Of(*element).fails ? GST_STATE_CHANGE_FAILURE
-                                      : ParentOf<GstElementClass>(element).change_state(element, change);
+  if (change == Of(*element).fails) {
+    GST_ELEMENT_ERROR(element, CORE, STATE_CHANGE, ("told to fail"), (nullptr));
+    return GST_STATE_CHANGE_FAILURE;
+  }
+  return ParentOf<GstElementClass>(element).change_state(element, change);
 }
 
 inline gboolean OnCaps(GstBaseTransform* element, GstPadDirection direction, GstCaps* caps) {
@@ -70,7 +73,7 @@ inline GstFlowReturn OnFrame(GstBaseTransform* element, GstBuffer* frame) {
   auto& faults = Of(*GST_ELEMENT(element));
   if (faults.errors > 0) {
     --faults.errors;
-    GST_ELEMENT_ERROR(element, STREAM, FAILED, ("told to"), (nullptr));
+    GST_ELEMENT_ERROR(element, STREAM, FAILED, ("told to fail"), (nullptr));
   }
   const GstFlowReturn flow = faults.flow;
   return flow != GST_FLOW_OK ? flow : ParentOf<GstBaseTransformClass>(element).transform_ip(element, frame);
@@ -100,9 +103,8 @@ inline void Register() {
   const GType parent = G_OBJECT_TYPE(identity.Get());
   GTypeQuery query{};
   g_type_query(parent, &query);
-  const GType type =
-      g_type_register_static_simple(parent, "MoxTestFaulty", query.class_size, detail::OnClass, query.instance_size,
-                                    detail::OnInstance, GTypeFlags());
+  const GType type = g_type_register_static_simple(parent, "MoxTestFaulty", query.class_size, detail::OnClass,
+                                                   query.instance_size, detail::OnInstance, GTypeFlags());
   gst_element_register(nullptr, "faulty", GST_RANK_NONE, type);
 }
 
