@@ -1,41 +1,78 @@
 #include "tests/endurance/walk.h"
 
+#include "tests/endurance/watchdog.h"
 #include "tests/gstreamer/faulty.h"
+#include "tests/gstreamer/live.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <chrono>
+#include <deque>
 #include <exception>
 #include <iostream>
-#include <iterator>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <set>
+#include <shared_mutex>
 #include <thread>
+#include <utility>
 
 namespace endurance {
 namespace {
+
+using live::Ptr;
+using live::Watch;
 
 std::atomic<std::size_t> alive = 0;
 
 // Has the element counted until it is finalised.
 Ptr<GstElement> Counted(Ptr<GstElement> element) {
   ++alive;
-  g_object_weak_ref(
-      G_OBJECT(element.Get()), [](gpointer, GObject*) { --alive; }, nullptr);
+  const auto gone = [](gpointer /*data*/, GObject* /*element*/) { --alive; };
+  g_object_weak_ref(G_OBJECT(element.Get()), gone, nullptr);
   return element;
 }
 
-using Random = std::mt19937;
+// The numbers that a walker draws, and what it makes by them.
+class Random {
+ public:
+  Random(int seed, int walker) {
+    std::seed_seq sequence{seed, walker};
+    engine_.seed(sequence);
+  }
 
-unsigned Draw(Random& random, std::size_t below) {
-  return static_cast<unsigned>(random() % below);
-}
+  std::size_t Below(std::size_t limit) { return engine_() % limit; }
 
-template <std::size_t kSize>
-Ptr<GstElement> MakeOne(Random& random, const std::array<const char*, kSize>& descriptions) {
-  const std::string description = descriptions.at(Draw(random, kSize));
-  const bool bin = description.find(' ') != std::string::npos;
-  return Counted(bin ? live::Parse(description) : live::Make(description.c_str()));
-}
+  template <std::size_t kSize>
+  Ptr<GstElement> Make(const std::array<const char*, kSize>& descriptions) {
+    const std::string description = descriptions.at(Below(kSize));
+    const bool bin = description.find(' ') != std::string::npos;
+    return Counted(bin ? live::Parse(description) : live::Make(description.c_str()));
+  }
 
-// With threads of their own, and without.
+  Ptr<GstElement> MakeInput(bool paced) {
+    constexpr std::array kFormats = {"I420", "RGB", "BGRx", "NV12"};
+    constexpr std::array kEnds = {"", " ! queue", " ! identity"};
+    return Counted(live::Parse(std::string("videotestsrc pattern=black is-live=") + (paced ? "true" : "false") +
+                               " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1,format=" +
+                               kFormats.at(Below(kFormats.size())) + kEnds.at(Below(kEnds.size()))));
+  }
+
+  template <typename T>
+  T TakeFrom(std::vector<T>& list) {
+    std::swap(list.at(Below(list.size())), list.back());
+    T taken = std::move(list.back());
+    list.pop_back();
+    return taken;
+  }
+
+ private:
+  std::mt19937 engine_;
+};
+
+// With threads of their own and without.
 constexpr std::array kFilters = {"identity", "queue", "identity ! identity", "queue max-size-buffers=2 ! identity"};
 
 constexpr std::array kFormatFilters = {"videoflip", "edgetv", "queue ! videoflip",
@@ -55,69 +92,121 @@ constexpr std::array kOutputs = {"fakesink",
                                  "identity sleep-time=1000 ! fakesink",
                                  "identity name=stuck sleep-time=300000 ! fakesink"};
 
+// Knows which frames were given up by right: a change to a filter of another format may give up one.
+class Ledger {
+ public:
+  void Begin() { ++begun_; }
+  void Finish() { ++finished_; }
+
+  // A frame enters the filters. Of those missing before it, one is given up for each change under way since the last.
+  std::size_t Enter(guint stream, guint64 from, guint64 to) {
+    std::size_t allowed = begun_ - std::exchange(finished_at_last_frame_, finished_.load());
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (; from < to && allowed > 0; ++from, --allowed) {
+      given_up_.emplace(stream, from);
+    }
+    return to - from;
+  }
+
+  // A frame arrives further on. Of those missing before it, all are lost that had entered.
+  std::size_t Arrive(guint stream, guint64 from, guint64 to) {
+    std::size_t lost = 0;
+    for (; from < to; ++from) {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      lost += 1 - given_up_.count({stream, from});
+    }
+    return lost;
+  }
+
+  std::size_t GivenUp() const { return given_up_.size(); }
+
+ private:
+  std::atomic<std::size_t> begun_ = 0;
+  std::atomic<std::size_t> finished_ = 0;
+  std::size_t finished_at_last_frame_ = 0;
+  std::mutex mutex_;
+  std::set<std::pair<guint, guint64>> given_up_;
+};
+
 // The states of an element and of those in it: what it has, what it is on its way to, what it is to get to.
-void DescribeStates(GstElement& element, const std::string& indent, std::ostream& out) {
-  out << indent << GST_OBJECT_NAME(&element) << ": " << gst_element_state_get_name(GST_STATE(&element)) << " > "
-      << gst_element_state_get_name(GST_STATE_PENDING(&element)) << " > "
-      << gst_element_state_get_name(GST_STATE_TARGET(&element)) << ", "
-      << gst_element_state_change_return_get_name(GST_STATE_RETURN(&element)) << "\n";
+void DescribeStates(GstElement& element, const std::string& indent) {
+  std::cerr << indent << GST_OBJECT_NAME(&element) << ": " << gst_element_state_get_name(GST_STATE(&element)) << " > "
+            << gst_element_state_get_name(GST_STATE_PENDING(&element)) << " > "
+            << gst_element_state_get_name(GST_STATE_TARGET(&element)) << ", "
+            << gst_element_state_change_return_get_name(GST_STATE_RETURN(&element)) << "\n";
   if (GST_IS_BIN(&element)) {
     for (const GList* child = GST_BIN_CHILDREN(&element); child != nullptr; child = child->next) {
-      DescribeStates(*GST_ELEMENT(child->data), indent + "  ", out);
+      DescribeStates(*GST_ELEMENT(child->data), indent + "  ");
     }
   }
 }
 
-}  // namespace
+// What the walkers share.
+struct Ground {
+  explicit Ground(const Options& given) : options(given) {}
 
-std::size_t CountAlive() {
-  return alive;
-}
+  Watch::Judge Arrive() {
+    return [this](guint stream, guint64 from, guint64 to) { return ledger.Arrive(stream, from, to); };
+  }
 
-std::size_t Ledger::Enter(guint stream, guint64 from, guint64 to) {
-  // A change gives up a frame before it finishes or at once after, and a frame passes only before or after that.
-  std::size_t may_miss = begun_ - finished_at_last_frame_;
-  finished_at_last_frame_ = finished_.load();
-  std::size_t lost = 0;
-  for (guint64 number = from; number < to; ++number) {
-    if (may_miss == 0) {
-      ++lost;
-      continue;
+  Watch::Judge Enter() {
+    return [this](guint stream, guint64 from, guint64 to) { return ledger.Enter(stream, from, to); };
+  }
+
+  void Note(const std::string& change) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    last_changes.push_back(change);
+    if (last_changes.size() > 20) {
+      last_changes.pop_front();
     }
-    --may_miss;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    given_up_.emplace(stream, number);
   }
-  return lost;
-}
 
-std::size_t Ledger::Arrive(guint stream, guint64 from, guint64 to) {
-  std::size_t lost = 0;
-  for (guint64 number = from; number < to; ++number) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    lost += given_up_.count({stream, number}) == 0 ? 1 : 0;
+  void Describe() {
+    std::cerr << "The last changes begun:\n";
+    for (const auto& change : last_changes) {
+      std::cerr << "  " << change << "\n";
+    }
+    std::cerr << "The states, as current > pending > target, last return:\n";
+    DescribeStates(*GST_ELEMENT(&pipeline.Get()), "  ");
   }
-  return lost;
-}
 
-std::size_t Ledger::GivenUp() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  return given_up_.size();
-}
+  void Unexpected(const std::string& what) {
+    std::cerr << "\nUNEXPECTED, " << what << std::endl;
+    const std::lock_guard<std::mutex> lock(mutex);
+    ++figures.unexpected;
+  }
 
-// One thread of the walk, with the filters and outputs that it has put in.
-class Walk::Walker {
+  void Add(const Watch& watch, bool drained_through = false) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    figures.lost += watch.Lost();
+    figures.repeated += watch.Repeated();
+    figures.out_of_order += watch.OutOfOrder();
+    figures.eos += drained_through ? 0 : watch.Eos();
+  }
+
+  const Options options;
+  live::Pipeline pipeline{1, "walk"};
+  Ledger ledger;
+  // Some wrong requests break a stopped pipeline, whose filters are not put back: they keep it from being stopped.
+  std::shared_mutex stopping;
+  std::mutex mutex;
+  Figures figures;
+  std::deque<std::string> last_changes;
+  std::atomic<std::size_t> changes = 0;
+  std::atomic<bool> stop = false;
+  Watchdog watchdog{[this] { Describe(); }};
+};
+
+// One thread, with the filters and outputs that it has put in.
+class Walker {
  public:
-  Walker(Walk& walk, unsigned index)
-      : walk_(walk), pipeline_(walk.pipeline_), name_("thread " + std::to_string(index)) {
-    std::seed_seq seed{walk.seed_, index};
-    random_.seed(seed);
-  }
+  Walker(Ground& ground, int index)
+      : ground_(ground), name_("thread " + std::to_string(index)), random_(ground.options.seed, index) {}
 
   void Run() {
-    const unsigned guard = walk_.watchdog_.Guard(name_, [this] { return changes_.load(); });
+    const auto guard = ground_.watchdog.Guard(name_, [this] { return changes_.load(); });
     try {
-      while (!walk_.stop_) {
+      while (!ground_.stop) {
         Step(true);
       }
       while (!filters_.empty()) {
@@ -127,14 +216,13 @@ class Walk::Walker {
         EraseOutput();
       }
     } catch (const std::exception& error) {
-      Unexpected(error.what());
-      walk_.stop_ = true;
+      ground_.Unexpected(name_ + ": " + error.what());
+      ground_.stop = true;
     }
-    walk_.watchdog_.Release(guard);
-    const std::lock_guard<std::mutex> lock(walk_.mutex_);
-    for (std::size_t kind = 0; kind < kKinds; ++kind) {
-      auto& all = walk_.figures_.latencies[kind];
-      all.insert(all.end(), latencies_[kind].begin(), latencies_[kind].end());
+    const std::lock_guard<std::mutex> lock(ground_.mutex);
+    for (const auto& [kind, latencies] : latencies_) {
+      auto& all = ground_.figures.latencies[kind];
+      all.insert(all.end(), latencies.begin(), latencies.end());
     }
   }
 
@@ -145,23 +233,23 @@ class Walk::Walker {
   };
 
   struct Output {
-    std::unique_ptr<live::Watch> watch;
-    unsigned guard;
+    std::unique_ptr<Watch> watch;
+    mox::type::Binding guard;
   };
 
   void Step(bool playing) {
     Unstick();
-    const unsigned drawn = Draw(random_, 100);
+    const std::size_t drawn = random_.Below(100);
     if (drawn < 45) {
-      filters_.size() < Draw(random_, 4) ? AddFilter() : EraseFilter();
+      filters_.size() <= random_.Below(4) ? AddFilter() : EraseFilter();
     } else if (drawn < 80) {
-      outputs_.size() < Draw(random_, 4) ? AddOutput() : EraseOutput();
+      outputs_.size() <= random_.Below(4) ? AddOutput() : EraseOutput();
     } else if (drawn < 87) {
-      Time(kInput, [&] { pipeline_.SetInput(walk_.MakeInput(random_)); });
+      Time("exchange input", [&] { pipeline_.SetInput(random_.MakeInput(ground_.options.live != 0)); });
     } else if (drawn < 90 && playing) {
       StopAndStart();
     } else if (playing) {
-      Wrong();
+      RequestWrongly();
     }
   }
 
@@ -177,33 +265,39 @@ class Walk::Walker {
   }
 
   template <typename Call>
-  void Time(Kind kind, const Call& call) {
-    walk_.Note(name_ + ": " + kKindNames[kind]);
+  void Time(const std::string& kind, const Call& call) {
+    ground_.Note(name_ + ": " + kind);
     const auto start = std::chrono::steady_clock::now();
     call();
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
     latencies_[kind].push_back(took.count());
     ++changes_;
-    ++walk_.changes_;
+    ++ground_.changes;
   }
 
   void AddFilter() {
-    const bool other_format = Draw(random_, 3) == 0;
-    const auto filter = other_format ? MakeOne(random_, kFormatFilters) : MakeOne(random_, kFilters);
-    ChangeFilter(other_format ? kAddFormat : kAddFilter, [&] { pipeline_.AddFilters({filter}); });
+    const bool other_format = random_.Below(3) == 0;
+    const auto filter = other_format ? random_.Make(kFormatFilters) : random_.Make(kFilters);
+    ChangeFilters("add filter", other_format, [&] { pipeline_.AddFilters({filter}); });
     filters_.push_back({filter, other_format});
     Check(IsFilter(filter), "an added filter is not there");
   }
 
   void EraseFilter() {
-    if (filters_.empty()) {
-      return;
-    }
-    const auto at = std::next(filters_.begin(), Draw(random_, filters_.size()));
-    const Filter filter = *at;
-    filters_.erase(at);
-    ChangeFilter(filter.other_format ? kEraseFormat : kEraseFilter, [&] { pipeline_.EraseFilters({filter.element}); });
+    const Filter filter = random_.TakeFrom(filters_);
+    ChangeFilters("erase filter", filter.other_format, [&] { pipeline_.EraseFilters({filter.element}); });
     Check(!IsFilter(filter.element), "an erased filter is there still");
+  }
+
+  template <typename Call>
+  void ChangeFilters(const std::string& kind, bool other_format, const Call& call) {
+    if (other_format) {
+      ground_.ledger.Begin();
+    }
+    Time(kind + (other_format ? " of other format" : ""), call);
+    if (other_format) {
+      ground_.ledger.Finish();
+    }
   }
 
   bool IsFilter(const Ptr<GstElement>& element) {
@@ -211,70 +305,45 @@ class Walk::Walker {
     return std::find(filters.begin(), filters.end(), element) != filters.end();
   }
 
-  template <typename Call>
-  void ChangeFilter(Kind kind, const Call& call) {
-    const bool other_format = kind == kAddFormat || kind == kEraseFormat;
-    if (other_format) {
-      walk_.ledger_.Begin();
-    }
-    Time(kind, call);
-    if (other_format) {
-      walk_.ledger_.Finish();
-    }
-  }
-
-  std::unique_ptr<live::Watch> MakeOutput() {
-    return std::make_unique<live::Watch>(MakeOne(random_, kOutputs), [this](guint stream, guint64 from, guint64 to) {
-      return walk_.ledger_.Arrive(stream, from, to);
-    });
-  }
-
   void AddOutput() {
-    auto watch = MakeOutput();
-    Time(kAddOutput, [&] { pipeline_.AddOutputs({watch->Element()}); });
+    auto watch = std::make_unique<Watch>(random_.Make(kOutputs), ground_.Arrive());
+    Time("add output", [&] { pipeline_.AddOutputs({watch->Element()}); });
     Keep(std::move(watch));
   }
 
-  void Keep(std::unique_ptr<live::Watch> watch) {
-    const unsigned guard = walk_.watchdog_.Guard(name_ + ", frames of " + GST_OBJECT_NAME(watch->Element().Get()),
-                                                 [frames = watch.get()] { return frames->Frames(); });
-    outputs_.push_back({std::move(watch), guard});
+  void Keep(std::unique_ptr<Watch> watch) {
+    auto guard = ground_.watchdog.Guard(name_ + ", frames of " + GST_OBJECT_NAME(watch->Element().Get()),
+                                        [frames = watch.get()] { return frames->Frames(); });
+    outputs_.push_back({std::move(watch), std::move(guard)});
   }
 
   void EraseOutput() {
-    if (outputs_.empty()) {
-      return;
-    }
-    const auto at = std::next(outputs_.begin(), Draw(random_, outputs_.size()));
-    const Output output = std::move(*at);
-    outputs_.erase(at);
-    walk_.watchdog_.Release(output.guard);
-    Time(kEraseOutput, [&] { pipeline_.EraseOutputs({output.watch->Element()}); });
-    walk_.Add(*output.watch);
+    Output output = random_.TakeFrom(outputs_);
+    output.guard.Release();
+    Time("erase output", [&] { pipeline_.EraseOutputs({output.watch->Element()}); });
+    ground_.Add(*output.watch);
   }
 
-  // While the pipeline is stopped a few changes are made, by the others maybe as well.
+  // While the pipeline is stopped a few changes are made, by others maybe as well, and a start may fail.
   void StopAndStart() {
-    const std::unique_lock<std::shared_mutex> lock(walk_.stopping_);
-    Time(kStop, [&] { pipeline_.SetEnable(false); });
-    for (unsigned i = Draw(random_, 3); i > 0; --i) {
+    const std::unique_lock<std::shared_mutex> lock(ground_.stopping);
+    Time("stop", [&] { pipeline_.SetEnable(false); });
+    for (std::size_t i = random_.Below(3); i > 0; --i) {
       Step(false);
     }
-    if (Draw(random_, 4) == 0) {
-      const auto refusing = Counted(faulty::Make());
-      faulty::Of(*refusing).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
-      pipeline_.SetInput(refusing);
+    if (random_.Below(4) == 0) {
+      pipeline_.SetInput(MakeRefusing());
       Expect("Failed to set the state of the pipeline with ID '1' to playing: 0", [&] { pipeline_.SetEnable(true); });
-      pipeline_.SetInput(walk_.MakeInput(random_));
+      pipeline_.SetInput(random_.MakeInput(ground_.options.live != 0));
     }
-    Time(kStart, [&] { pipeline_.SetEnable(true); });
+    Time("start", [&] { pipeline_.SetEnable(true); });
   }
 
-  void Wrong() {
-    const std::shared_lock<std::shared_mutex> lock(walk_.stopping_);
+  void RequestWrongly() {
+    const std::shared_lock<std::shared_mutex> lock(ground_.stopping);
     const auto one = Counted(live::Make("identity"));
     const auto audio = Counted(live::Parse("audioconvert"));
-    switch (Draw(random_, 8)) {
+    switch (random_.Below(8)) {
       case 0:
         return Expect("Cannot add a filter that is null", [&] { pipeline_.AddFilters({one, Ptr<GstElement>()}); });
       case 1:
@@ -284,22 +353,17 @@ class Walk::Walker {
         return Expect("Bin Error: Failed to add element '", [&] { pipeline_.AddFilters({one, one}); });
       case 3:
         return Expect("Element Error: Failed to link element '", [&] { pipeline_.AddFilters({one, audio}); });
-      case 4: {
-        const auto refusing = Counted(faulty::Make());
-        faulty::Of(*refusing).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
+      case 4:
         return Expect("Element Error: Failed to sync the state of the element 'filter_bin", [&] {
-          pipeline_.AddFilters({one, refusing});
+          pipeline_.AddFilters({one, MakeRefusing()});
         });
-      }
       case 5:
         return Expect("Cannot remove an output that has not been added to the bin",
                       [&] { pipeline_.EraseOutputs({one}); });
       case 6: {
         // What is listed before the wrong one stays: were the wrong one the first, there could be no output any more.
-        auto watch = MakeOutput();
-        Expect("Element Error: Failed to link element '", [&] {
-          pipeline_.AddOutputs({watch->Element(), Counted(live::Parse("audioconvert ! fakesink"))});
-        });
+        auto watch = std::make_unique<Watch>(random_.Make(kOutputs), ground_.Arrive());
+        Expect("Element Error: Failed to link element '", [&] { pipeline_.AddOutputs({watch->Element(), audio}); });
         return Keep(std::move(watch));
       }
       default:
@@ -307,11 +371,17 @@ class Walk::Walker {
     }
   }
 
+  static Ptr<GstElement> MakeRefusing() {
+    auto refusing = Counted(faulty::Make());
+    faulty::Of(*refusing).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
+    return refusing;
+  }
+
   template <typename Call>
   void Expect(const std::string& text, const Call& call) {
     std::string raised = "no error";
-    walk_.Note(name_ + ": to be answered " + text);
-    Time(kWrong, [&] {
+    ground_.Note(name_ + ", to be told " + text);
+    Time("wrong request", [&] {
       try {
         call();
       } catch (const std::exception& error) {
@@ -323,111 +393,60 @@ class Walk::Walker {
 
   void Check(bool holds, const std::string& otherwise) {
     if (!holds) {
-      Unexpected(otherwise);
+      ground_.Unexpected(name_ + ": " + otherwise);
     }
   }
 
-  void Unexpected(const std::string& what) {
-    std::cerr << "\nUNEXPECTED, " << name_ << " after " << changes_ << " changes: " << what << std::endl;
-    const std::lock_guard<std::mutex> lock(walk_.mutex_);
-    ++walk_.figures_.unexpected;
-  }
-
-  Walk& walk_;
-  live::Pipeline& pipeline_;
+  Ground& ground_;
+  live::Pipeline& pipeline_ = ground_.pipeline;
   const std::string name_;
   Random random_;
   std::vector<Filter> filters_;
   std::vector<Output> outputs_;
-  std::array<std::vector<double>, kKinds> latencies_;
+  std::map<std::string, std::vector<double>> latencies_;
   std::atomic<std::size_t> changes_ = 0;
 };
 
-Walk::Walk(unsigned seed, unsigned threads, bool live, Watchdog& watchdog)
-    : seed_(seed), threads_(threads), live_(live), watchdog_(watchdog) {
-  auto& pipeline = *GST_BIN(&pipeline_.Get());
-  const auto watch = [](GstBin& bin, live::Watch::Judge judge) {
-    return std::make_unique<live::Watch>(Ptr<GstElement>(GST_ELEMENT(gst_object_ref(&bin))), std::move(judge));
-  };
-  entering_ = watch(mox::gstreamer::bin::pipeline::GetFilterBin(pipeline),
-                    [this](guint stream, guint64 from, guint64 to) { return ledger_.Enter(stream, from, to); });
-  leaving_ = watch(mox::gstreamer::bin::pipeline::GetOutputBin(pipeline),
-                   [this](guint stream, guint64 from, guint64 to) { return ledger_.Arrive(stream, from, to); });
+}  // namespace
+
+std::size_t CountAlive() {
+  return alive;
 }
 
-Figures Walk::Run(const std::function<bool(std::size_t)>& more) {
-  std::mt19937 random(seed_);
-  pipeline_.SetInput(MakeInput(random));
-  pipeline_.SetEnable(true);
-  const unsigned guard = watchdog_.Guard("frames out of the filters", [this] { return leaving_->Frames(); });
-  watchdog_.Describe([this](std::ostream& out) { Describe(out); });
-  std::vector<std::unique_ptr<Walker>> walkers;
+Figures Walk(const Options& options) {
+  Ground ground(options);
+  auto& pipeline = ground.pipeline;
+  auto& filters = mox::gstreamer::bin::pipeline::GetFilterBin(*GST_BIN(&pipeline.Get()));
+  auto& outputs = mox::gstreamer::bin::pipeline::GetOutputBin(*GST_BIN(&pipeline.Get()));
+  const Watch entering(Ptr<GstElement>(GST_ELEMENT(gst_object_ref(&filters))), ground.Enter());
+  const Watch leaving(Ptr<GstElement>(GST_ELEMENT(gst_object_ref(&outputs))), ground.Arrive());
+  pipeline.SetInput(Random(options.seed, -1).MakeInput(options.live != 0));
+  pipeline.SetEnable(true);
+  const auto guard = ground.watchdog.Guard("frames out of the filters", [&] { return leaving.Frames(); });
+
+  std::deque<Walker> walkers;
   std::vector<std::thread> threads;
-  for (unsigned i = 0; i < threads_; ++i) {
-    walkers.push_back(std::make_unique<Walker>(*this, i));
-    threads.emplace_back([&walker = *walkers.back()] { walker.Run(); });
+  for (int i = 0; i < options.threads; ++i) {
+    threads.emplace_back([&walker = walkers.emplace_back(ground, i)] { walker.Run(); });
   }
-  while (!stop_ && more(changes_)) {
+  for (int tenths = 0; tenths < 10 * options.seconds && !ground.stop; ++tenths) {
+    std::cerr << "\r" << tenths / 10 << " s, " << ground.changes << " changes, " << alive << " elements " << std::flush;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
-  stop_ = true;
+  ground.stop = true;
   for (auto& thread : threads) {
     thread.join();
   }
-  CheckEnd();
-  watchdog_.Release(guard);
-  watchdog_.Describe({});
-  pipeline_.SetEnable(false);
-  Add(*leaving_);
-  figures_.lost += entering_->Lost();
-  figures_.repeated += entering_->Repeated();
-  figures_.out_of_order += entering_->OutOfOrder();  // not the EOS: each change sends one through the filters
-  figures_.given_up = ledger_.GivenUp();
-  return std::move(figures_);
-}
 
-void Walk::Note(std::string change) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  history_.push_back(std::move(change));
-  if (history_.size() > 20) {
-    history_.pop_front();
+  if (!pipeline.GetFilters().empty() || !pipeline.GetOutputs().empty() || !pipeline.GetEnable()) {
+    ground.Unexpected("what is left is not an empty playing pipeline");
   }
-}
-
-void Walk::Describe(std::ostream& out) {
-  out << "The last changes begun:\n";
-  const std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& change : history_) {
-    out << "  " << change << "\n";
-  }
-  out << "The states, as current > pending > target, last return:\n";
-  DescribeStates(*GST_ELEMENT(&pipeline_.Get()), "  ", out);
-}
-
-// Everything is taken out again and the stream flows on.
-void Walk::CheckEnd() {
-  const bool empty = pipeline_.GetFilters().empty() && pipeline_.GetOutputs().empty();
-  if (!empty || !pipeline_.GetEnable()) {
-    std::cerr << "\nUNEXPECTED: what is left at the end is not an empty playing pipeline" << std::endl;
-    ++figures_.unexpected;
-  }
-  leaving_->AwaitFrames(10);
-}
-
-void Walk::Add(const live::Watch& watch) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  figures_.lost += watch.Lost();
-  figures_.repeated += watch.Repeated();
-  figures_.out_of_order += watch.OutOfOrder();
-  figures_.eos += watch.Eos();
-}
-
-Ptr<GstElement> Walk::MakeInput(std::mt19937& random) const {
-  constexpr std::array kFormats = {"I420", "RGB", "BGRx", "NV12"};
-  constexpr std::array kEnds = {"", " ! queue", " ! identity"};
-  return Counted(live::Parse(std::string("videotestsrc pattern=black is-live=") + (live_ ? "true" : "false") +
-                             " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1,format=" +
-                             kFormats.at(Draw(random, kFormats.size())) + kEnds.at(Draw(random, kEnds.size()))));
+  leaving.AwaitFrames(10);
+  pipeline.SetEnable(false);
+  ground.Add(leaving);
+  ground.Add(entering, true);
+  ground.figures.given_up = ground.ledger.GivenUp();
+  return std::move(ground.figures);
 }
 
 }  // namespace endurance
