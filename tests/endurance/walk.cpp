@@ -245,7 +245,7 @@ class Walker {
     } else if (drawn < 80) {
       outputs_.size() <= random_.Below(4) ? AddOutput() : EraseOutput();
     } else if (drawn < 87) {
-      Time("exchange input", [&] { pipeline_.SetInput(random_.MakeInput(ground_.options.live != 0)); });
+      ExchangeInput(playing);
     } else if (drawn < 90 && playing) {
       StopAndStart();
     } else if (playing) {
@@ -322,6 +322,15 @@ class Walker {
     output.guard.Release();
     Time("erase output", [&] { pipeline_.EraseOutputs({output.watch->Element()}); });
     ground_.Add(*output.watch);
+  }
+
+  void ExchangeInput(bool playing) {
+    // Not in place of an input that another has just set so as to see the start fail.
+    std::shared_lock<std::shared_mutex> lock(ground_.stopping, std::defer_lock);
+    if (playing) {
+      lock.lock();
+    }
+    Time("exchange input", [&] { pipeline_.SetInput(random_.MakeInput(ground_.options.live != 0)); });
   }
 
   // While the pipeline is stopped a few changes are made, by others maybe as well, and a start may fail.
