@@ -1,4 +1,5 @@
 #include "tests/endurance/walk.h"
+#include "tests/gstreamer/live.h"
 
 #include <algorithm>
 #include <chrono>
@@ -7,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <random>
 #include <thread>
 
@@ -19,6 +21,12 @@ namespace {
 
 using endurance::Figures;
 using endurance::Options;
+
+#ifdef MOX_SANITIZED
+constexpr std::size_t kMemoryTolerance = std::numeric_limits<int>::max();  // sanitizers keep memory on purpose
+#else
+constexpr std::size_t kMemoryTolerance = 16384;
+#endif
 
 constexpr auto kDescription =
     "Changes a playing pipeline at random and counts every frame at every output. Fails if a frame is lost, repeated "
@@ -52,6 +60,7 @@ Options Read(int argc, char** argv) {
 struct Held {
   std::size_t descriptors;
   std::size_t threads;
+  std::size_t objects;  // of GStreamer, where its tracer "leaks" runs
   std::size_t kibibytes;
 };
 
@@ -68,7 +77,7 @@ Held Measure() {
   std::size_t size = 0;
   std::size_t resident = 0;
   statm >> size >> resident;
-  return {CountEntries("/proc/self/fd"), CountEntries("/proc/self/task"),
+  return {CountEntries("/proc/self/fd"), CountEntries("/proc/self/task"), live::CountObjects(),
           resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024};
 }
 
@@ -124,6 +133,7 @@ int main(int argc, char** argv) {
   good &= MustBeZero("elements not finalised", endurance::CountAlive());
   good &= MustBeLevel("file descriptors", before.descriptors, after.descriptors, 0);
   good &= MustBeLevel("threads", before.threads, after.threads, 0);
-  good &= MustBeLevel("resident memory, KiB", before.kibibytes, after.kibibytes, 16384);
+  good &= MustBeLevel("objects, by the leaks tracer", before.objects, after.objects, 0);
+  good &= MustBeLevel("resident memory, KiB", before.kibibytes, after.kibibytes, kMemoryTolerance);
   return good ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -89,8 +89,9 @@ constexpr std::array kOutputs = {"fakesink",
                                  "videoconvert ! capsfilter caps=video/x-raw,format=I420 ! fakesink",
                                  "videoconvert ! capsfilter caps=video/x-raw,format=RGB ! queue ! fakesink",
                                  "identity sleep-time=200 ! fakesink",
-                                 "identity sleep-time=1000 ! fakesink",
-                                 "identity name=stuck sleep-time=300000 ! fakesink"};
+                                 "identity sleep-time=1000 ! fakesink"};
+
+constexpr std::array kStuckOutputs = {"identity name=stuck sleep-time=300000 ! fakesink"};
 
 // Knows which frames were given up by right: a change to a filter of another format may give up one.
 class Ledger {
@@ -305,8 +306,13 @@ class Walker {
     return std::find(filters.begin(), filters.end(), element) != filters.end();
   }
 
+  std::unique_ptr<Watch> MakeOutput() {
+    const bool stuck = random_.Below(40) == 0;
+    return std::make_unique<Watch>(stuck ? random_.Make(kStuckOutputs) : random_.Make(kOutputs), ground_.Arrive());
+  }
+
   void AddOutput() {
-    auto watch = std::make_unique<Watch>(random_.Make(kOutputs), ground_.Arrive());
+    auto watch = MakeOutput();
     Time("add output", [&] { pipeline_.AddOutputs({watch->Element()}); });
     Keep(std::move(watch));
   }
@@ -371,7 +377,7 @@ class Walker {
                       [&] { pipeline_.EraseOutputs({one}); });
       case 6: {
         // What is listed before the wrong one stays: were the wrong one the first, there could be no output any more.
-        auto watch = std::make_unique<Watch>(random_.Make(kOutputs), ground_.Arrive());
+        auto watch = MakeOutput();
         Expect("Element Error: Failed to link element '", [&] { pipeline_.AddOutputs({watch->Element(), audio}); });
         return Keep(std::move(watch));
       }

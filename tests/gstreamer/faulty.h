@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
-#include <utility>
 
 #include <gst/base/gstbasetransform.h>
 #include <gst/gst.h>
@@ -95,17 +94,15 @@ inline void OnInstance(GTypeInstance* element, gpointer /*type*/) {
 
 /** Makes the factory "faulty" known: an "identity" that can be told to fail. */
 inline void Register() {
-  static bool registered = false;
-  if (std::exchange(registered, true)) {
-    return;
-  }
-  const Ptr<GstElement> identity(gst_element_factory_make("identity", nullptr));
-  const GType parent = G_OBJECT_TYPE(identity.Get());
-  GTypeQuery query{};
-  g_type_query(parent, &query);
-  const GType type = g_type_register_static_simple(parent, "MoxTestFaulty", query.class_size, detail::OnClass,
-                                                   query.instance_size, detail::OnInstance, GTypeFlags());
-  gst_element_register(nullptr, "faulty", GST_RANK_NONE, type);
+  [[maybe_unused]] static const bool registered = [] {
+    const Ptr<GstElement> identity(gst_element_factory_make("identity", nullptr));
+    const GType parent = G_OBJECT_TYPE(identity.Get());
+    GTypeQuery query{};
+    g_type_query(parent, &query);
+    const GType type = g_type_register_static_simple(parent, "MoxTestFaulty", query.class_size, detail::OnClass,
+                                                     query.instance_size, detail::OnInstance, GTypeFlags());
+    return gst_element_register(nullptr, "faulty", GST_RANK_NONE, type) != FALSE;
+  }();
 }
 
 /** One of them by itself. */
