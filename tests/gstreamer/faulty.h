@@ -92,23 +92,26 @@ inline void OnInstance(GTypeInstance* element, gpointer /*type*/) {
 
 }  // namespace detail
 
-/** Makes the factory "faulty" known: an "identity" that can be told to fail. */
-inline void Register() {
-  [[maybe_unused]] static const bool registered = [] {
+inline GType Type() {
+  static const GType type = [] {
     const Ptr<GstElement> identity(gst_element_factory_make("identity", nullptr));
     const GType parent = G_OBJECT_TYPE(identity.Get());
     GTypeQuery query{};
     g_type_query(parent, &query);
-    const GType type = g_type_register_static_simple(parent, "MoxTestFaulty", query.class_size, detail::OnClass,
-                                                     query.instance_size, detail::OnInstance, GTypeFlags());
-    return gst_element_register(nullptr, "faulty", GST_RANK_NONE, type) != FALSE;
+    return g_type_register_static_simple(parent, "MoxTestFaulty", query.class_size, detail::OnClass,
+                                         query.instance_size, detail::OnInstance, GTypeFlags());
   }();
+  return type;
 }
 
-/** One of them by itself. */
+/** An "identity" that can be told to fail. */
 inline Ptr<GstElement> Make() {
-  Register();
-  return Ptr<GstElement>(gst_element_factory_make("faulty", nullptr));
+  return Ptr<GstElement>(GST_ELEMENT(g_object_new(Type(), nullptr)));
+}
+
+/** Makes it known to descriptions, as "faulty". */
+inline void Register() {
+  gst_element_register(nullptr, "faulty", GST_RANK_NONE, Type());
 }
 
 }  // namespace faulty
