@@ -136,14 +136,14 @@ class Pipeline::Impl {
 
   void AddFilters(std::vector<Ptr<GstElement>> filters) {
     const Lock lock(mutex_);
-    const Resumption resumption(*this);
+    const Recovery recovery(*this);
     const auto add = state_ == State::Stopped ? bin::filter::AddFilters : bin::filter::BlockAddFilters;
     add(FilterBin(), std::move(filters));
   }
 
   void EraseFilters(std::vector<Ptr<GstElement>> filters) {
     const Lock lock(mutex_);
-    const Resumption resumption(*this);
+    const Recovery recovery(*this);
     const auto erase = state_ == State::Stopped ? bin::filter::EraseFilters : bin::filter::BlockEraseFilters;
     erase(FilterBin(), std::move(filters));
   }
@@ -155,13 +155,13 @@ class Pipeline::Impl {
 
   void AddOutputs(std::vector<Ptr<GstElement>> outputs) {
     const Lock lock(mutex_);
-    const Resumption resumption(*this);
+    const Recovery recovery(*this);
     bin::output::AddOutputs(OutputBin(), std::move(outputs));
   }
 
   void EraseOutputs(std::vector<Ptr<GstElement>> outputs) {
     const Lock lock(mutex_);
-    const Resumption resumption(*this);
+    const Recovery recovery(*this);
     bin::output::EraseOutputs(OutputBin(), std::move(outputs));
   }
 
@@ -226,13 +226,18 @@ class Pipeline::Impl {
     return failed;
   }
 
-  // At the end of a change, made or refused: the pipeline goes on without an element that failed and is gone.
-  class Resumption {
+  // Around a change: elements that a failed start has left part of the way up are brought down first, and a pipeline
+  // goes on without an element that failed and is gone, also when the change is refused.
+  class Recovery {
    public:
-    explicit Resumption(Impl& impl) noexcept : impl_(impl) {}
-    Resumption(const Resumption&) = delete;
-    Resumption& operator=(const Resumption&) = delete;
-    ~Resumption() {
+    explicit Recovery(Impl& impl) noexcept : impl_(impl) {
+      if (impl_.state_ == State::Stopped && impl_.HasFailed()) {
+        gst_element_set_state(GST_ELEMENT(impl_.pipeline_.Get()), GST_STATE_NULL);
+      }
+    }
+    Recovery(const Recovery&) = delete;
+    Recovery& operator=(const Recovery&) = delete;
+    ~Recovery() {
       if (impl_.enable_ && impl_.HasFailed()) {
         gst_element_set_state(GST_ELEMENT(impl_.pipeline_.Get()), GST_STATE_PLAYING);
       }
