@@ -92,40 +92,6 @@ inline std::vector<std::string> GhostPadsOf(GstBin& bin) {
   return pads;
 }
 
-/** An "identity" that answers a request for a state as it is told to, instead of following it. */
-class Moody {
- public:
-  static Ptr<GstElement> Make(const char* name = nullptr) {
-    static const GType type = Register();
-    return Ptr<GstElement>(GST_ELEMENT(g_object_new(type, "name", name, nullptr)));
-  }
-
-  static void Answer(GstElement& element, GstStateChangeReturn answer) {
-    g_object_set_data(G_OBJECT(&element), "answer", GINT_TO_POINTER(answer + 1));
-  }
-
-  /** From now on it follows. */
-  static void Calm(GstElement& element) { g_object_set_data(G_OBJECT(&element), "answer", nullptr); }
-
- private:
-  static GType Register() {
-    const Ptr<GstElement> identity(gst_element_factory_make("identity", nullptr));
-    const GType parent = G_OBJECT_TYPE(identity.Get());
-    GTypeQuery query{};
-    g_type_query(parent, &query);
-    return g_type_register_static_simple(parent, "MoxTestMoody", query.class_size, OnClass, query.instance_size,
-                                         nullptr, GTypeFlags());
-  }
-
-  static void OnClass(gpointer type, gpointer /*data*/) { GST_ELEMENT_CLASS(type)->set_state = OnState; }
-
-  static GstStateChangeReturn OnState(GstElement* element, GstState state) {
-    const int answer = GPOINTER_TO_INT(g_object_get_data(G_OBJECT(element), "answer"));
-    auto* const parent = GST_ELEMENT_CLASS(g_type_class_peek_parent(GST_ELEMENT_GET_CLASS(element)));
-    return answer != 0 ? static_cast<GstStateChangeReturn>(answer - 1) : parent->set_state(element, state);
-  }
-};
-
 }  // namespace elements
 
 #endif

@@ -7,6 +7,7 @@
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/pipeline.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -18,6 +19,9 @@
 
 #include <gst/gst.h>
 #include <gtest/gtest.h>
+
+#include <sys/prctl.h>
+#include <unistd.h>
 
 // Sources of numbered frames, outputs that prove the numbers, and conditions with deadlines.
 namespace live {
@@ -47,6 +51,17 @@ inline Ptr<GstElement> MakeSource(bool paced = false) {
 
 constexpr auto kDeadline = std::chrono::seconds(20);
 
+/** Ends the test program, for a thread hangs; tells what every thread does, where gdb is installed. */
+[[noreturn]] inline void Hang() {
+  std::cerr << "The stacks, by gdb:" << std::endl;
+  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+  const std::string command = "gdb -batch -nx -ex 'thread apply all bt' -p " + std::to_string(getpid()) + " 1>&2";
+  if (std::system(command.c_str()) != 0) {
+    std::cerr << "gdb did not run: no stacks" << std::endl;
+  }
+  std::abort();
+}
+
 /** Waits until the condition holds; ends the test program when it does not in time, for then a thread hangs. */
 template <typename Condition>
 void Await(const char* what, const Condition& condition) {
@@ -54,7 +69,7 @@ void Await(const char* what, const Condition& condition) {
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) {
       std::cerr << "still waiting for " << what << std::endl;
-      std::abort();
+      Hang();
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
@@ -69,7 +84,7 @@ void Within(std::chrono::seconds limit, const char* what, const Function& functi
     while (!done) {
       if (std::chrono::steady_clock::now() > end) {
         std::cerr << what << " does not return" << std::endl;
-        std::abort();
+        Hang();
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
@@ -79,10 +94,18 @@ void Within(std::chrono::seconds limit, const char* what, const Function& functi
   watchdog.join();
 }
 
-/** Counts what reaches an element's "sink" pad, and every step in the frames' numbers that is not one. */
+/**
+ * Counts what reaches an element's "sink" pad, and every step in the frames' numbers that is not one. The first frame
+ * seen follows on nothing; that of a later stream is number 0.
+ */
 class Watch {
  public:
-  explicit Watch(Ptr<GstElement> element) : element_(std::move(element)) {
+  /** How many of the frames missing from one number to before another are lost; asked at each frame of the stream. */
+  using Judge = std::function<std::size_t(guint stream, guint64 from, guint64 to)>;
+
+  explicit Watch(
+      Ptr<GstElement> element, Judge judge = [](guint, guint64 from, guint64 to) { return to - from; })
+      : element_(std::move(element)), judge_(std::move(judge)) {
     pad_ = Ptr<GstPad>(gst_element_get_static_pad(element_.Get(), "sink"));
     probe_ = gst_pad_add_probe(
         pad_.Get(), static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
@@ -96,6 +119,7 @@ class Watch {
   std::size_t Frames() const { return frames_; }
   std::size_t Lost() const { return lost_; }
   std::size_t Repeated() const { return repeated_; }
+  std::size_t OutOfOrder() const { return out_of_order_; }
   std::size_t Eos() const { return eos_; }
 
   /** Waits until `count` more frames have come. */
@@ -106,39 +130,55 @@ class Watch {
 
   void ExpectWhole(std::size_t given_up = 0) const {
     EXPECT_LE(Lost(), given_up);
-    EXPECT_EQ(Repeated(), 0U);
+    EXPECT_EQ(Repeated() + OutOfOrder(), 0U);
     EXPECT_EQ(Eos(), 0U);
   }
 
-  /** A new stream starts: its first frame follows on nothing. */
+  /** The element was away: its next frame follows on nothing. */
   void Restart() { next_ = GST_BUFFER_OFFSET_NONE; }
 
  private:
   static GstPadProbeReturn OnItem(GstPad*, GstPadProbeInfo* info, gpointer data) {
     auto& watch = *static_cast<Watch*>(data);
-    if ((info->type & GST_PAD_PROBE_TYPE_BUFFER) == 0) {
-      watch.eos_ += GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS ? 1 : 0;
-      return GST_PAD_PROBE_OK;
+    if ((info->type & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
+      watch.OnFrame(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(info)));
+    } else {
+      watch.OnEvent(GST_PAD_PROBE_INFO_EVENT(info));
     }
-    const guint64 number = GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(info));
-    const guint64 expected = watch.next_;
-    if (expected != GST_BUFFER_OFFSET_NONE && number > expected) {
-      watch.lost_ += number - expected;
-    } else if (expected != GST_BUFFER_OFFSET_NONE && number < expected) {
-      ++watch.repeated_;
-    }
-    watch.next_ = number + 1;
-    ++watch.frames_;
     return GST_PAD_PROBE_OK;
   }
 
+  void OnFrame(guint64 number) {
+    const guint64 expected = next_ == GST_BUFFER_OFFSET_NONE ? number : next_.load();
+    lost_ += judge_(stream_, expected, std::max(expected, number));
+    repeated_ += number + 1 == expected ? 1 : 0;
+    out_of_order_ += number + 1 < expected ? 1 : 0;
+    next_ = number + 1;
+    ++frames_;
+  }
+
+  // A source gives every stream that it starts a group of its own; a pad that is linked anew hears of the same again.
+  void OnEvent(GstEvent* event) {
+    eos_ += GST_EVENT_TYPE(event) == GST_EVENT_EOS ? 1 : 0;
+    guint stream = stream_;
+    if (GST_EVENT_TYPE(event) == GST_EVENT_STREAM_START && gst_event_parse_group_id(event, &stream) != FALSE &&
+        stream != stream_) {
+      out_of_order_ += stream < stream_ ? 1 : 0;
+      next_ = stream_ == 0 ? GST_BUFFER_OFFSET_NONE : 0;
+      stream_ = stream;
+    }
+  }
+
   Ptr<GstElement> element_;
+  Judge judge_;
   Ptr<GstPad> pad_;
   gulong probe_ = 0;
+  std::atomic<guint> stream_ = 0;
   std::atomic<guint64> next_ = GST_BUFFER_OFFSET_NONE;
   std::atomic<std::size_t> frames_ = 0;
   std::atomic<std::size_t> lost_ = 0;
   std::atomic<std::size_t> repeated_ = 0;
+  std::atomic<std::size_t> out_of_order_ = 0;
   std::atomic<std::size_t> eos_ = 0;
 };
 
@@ -167,6 +207,22 @@ struct Stream {
   Watch watch{MakeSink("watched")};
   Pipeline pipeline{1, "stream"};
 };
+
+/** How many GStreamer objects there are, as the tracer "leaks" tells; 0 where it does not run. */
+inline std::size_t CountObjects() {
+  std::size_t count = 0;
+  GList* const tracers = gst_tracing_get_active_tracers();
+  for (const GList* tracer = tracers; tracer != nullptr; tracer = tracer->next) {
+    if (g_signal_lookup("get-live-objects", G_OBJECT_TYPE(tracer->data)) != 0) {
+      GstStructure* info = nullptr;
+      g_signal_emit_by_name(tracer->data, "get-live-objects", &info);
+      count = gst_value_list_get_size(gst_structure_get_value(info, "live-objects-list"));
+      gst_structure_free(info);
+    }
+  }
+  g_list_free_full(tracers, gst_object_unref);
+  return count;
+}
 
 /** A test with GStreamer up. */
 class Test : public testing::Test {

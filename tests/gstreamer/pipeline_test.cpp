@@ -2,6 +2,7 @@
 
 #include "mox/gstreamer/context.h"
 #include "tests/gstreamer/elements.h"
+#include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
 #include <stdexcept>
@@ -16,7 +17,6 @@ namespace {
 
 using elements::ErrorOf;
 using elements::Life;
-using elements::Moody;
 using elements::References;
 using live::Await;
 using live::Make;
@@ -38,7 +38,7 @@ void Handle(Pipeline& pipeline, GstMessage* message) {
 class PipelineTest : public live::Test {
  protected:
   Pipeline pipeline{7, "seven"};
-  const Ptr<GstElement> source = Moody::Make();
+  const Ptr<GstElement> source = faulty::Make();
 };
 
 TEST_F(PipelineTest, ContextTellsTheIdentifier) {
@@ -55,22 +55,22 @@ TEST_F(PipelineTest, TheAnswerOfAStateChangeDecides) {
   pipeline.SetInput(source);
   const auto sink = Make("fakesink");
   pipeline.AddOutputs({sink});
-  Moody::Answer(*source, GST_STATE_CHANGE_FAILURE);
+  faulty::Of(*source).answer = GST_STATE_CHANGE_FAILURE;
   EXPECT_EQ(ErrorOf([&] { pipeline.SetEnable(true); }),
             "Failed to set the state of the pipeline with ID '7' to playing: 0");
   ExpectState(pipeline, State::Stopped, false);
   for (const auto& [async, state] : {std::pair(true, State::Starting), std::pair(false, State::Playing)}) {
     g_object_set(sink.Get(), "async", async ? TRUE : FALSE, nullptr);
-    Moody::Calm(*source);
+    faulty::Of(*source).answer = faulty::Faults::kFollows;
     pipeline.SetEnable(true);
     ExpectState(pipeline, state, true);
     EXPECT_EQ(ErrorOf([&] { pipeline.SetInput({}); }), "Cannot remove the input if the pipeline is not stopped");
-    Moody::Answer(*source, GST_STATE_CHANGE_FAILURE);
+    faulty::Of(*source).answer = GST_STATE_CHANGE_FAILURE;
     pipeline.SetEnable(true);  // asks for nothing
     EXPECT_EQ(ErrorOf([&] { pipeline.SetEnable(false); }),
               "Failed to set the state of the pipeline with ID '7' to stopped: 0");
     ExpectState(pipeline, state, true);
-    Moody::Calm(*source);
+    faulty::Of(*source).answer = faulty::Faults::kFollows;
     pipeline.SetEnable(false);
     ExpectState(pipeline, State::Stopped, false);
   }
@@ -93,10 +93,10 @@ TEST_F(PipelineTest, AFailedStopIsSwallowed) {
   const Ptr<GstElement> element(GST_ELEMENT(gst_object_ref(&pipeline.Get())));
   pipeline.SetInput(source);
   pipeline.SetEnable(true);
-  Moody::Answer(*source, GST_STATE_CHANGE_FAILURE);
+  faulty::Of(*source).answer = GST_STATE_CHANGE_FAILURE;
   pipeline = Pipeline(8, "eight");
   EXPECT_EQ(References(element), 1);
-  Moody::Calm(*source);
+  faulty::Of(*source).answer = faulty::Faults::kFollows;
   EXPECT_EQ(gst_element_set_state(element.Get(), GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
 }
 
@@ -126,7 +126,7 @@ TEST_F(PipelineTest, LateMessagesDoNotRevive) {
 TEST_F(PipelineTest, ReferencesAreExact) {
   const auto filter = Make("identity");
   const auto sink = Make("fakesink");
-  const auto other = Moody::Make();
+  const auto other = faulty::Make();
   pipeline.SetInput(source);
   pipeline.AddFilters({filter});
   pipeline.AddOutputs({sink});

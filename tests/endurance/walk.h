@@ -1,0 +1,38 @@
+#ifndef TESTS_ENDURANCE_WALK_H
+#define TESTS_ENDURANCE_WALK_H
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace endurance {
+
+struct Options {
+  int seconds = 60;
+  int seed = 0;
+  int threads = 4;
+  int live = 0;
+};
+
+/** What a walk came to. */
+struct Figures {
+  std::map<std::string, std::vector<double>> latencies;  ///< By kind of change, in ms, as its caller sees them.
+  std::size_t given_up = 0;                              ///< Frames that changes of the video format gave up.
+  // These must be 0.
+  std::size_t lost = 0;
+  std::size_t repeated = 0;
+  std::size_t out_of_order = 0;
+  std::size_t eos = 0;
+  std::size_t unexpected = 0;  ///< Calls that raised what they were not to raise.
+};
+
+/** Changes a playing pipeline at random, from several threads at once, and checks every frame at every output. */
+Figures Walk(const Options& options);
+
+/** How many elements made by walks are still there. */
+std::size_t CountAlive();
+
+}  // namespace endurance
+
+#endif
