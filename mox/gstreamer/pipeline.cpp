@@ -106,10 +106,6 @@ class Pipeline::Impl {
     GstElement& output_bin = *GST_ELEMENT(&OutputBin());
     // A pipeline that is still starting must not start the bins half-way through.
     const bin::StateLock state_lock(*GST_ELEMENT(pipeline_.Get()));
-    const bool failed = HasFailed();
-    if (failed) {
-      gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
-    }
     const auto source = check::element::GetPad(input_bin, "src", bin::kElementError);
     {
       // The old input would take the answer of outputs that have stopped for the end of the stream, and tell them.
@@ -118,6 +114,10 @@ class Pipeline::Impl {
       check::element::SetNullState(filter_bin, bin::kElementError);
     }
     check::element::SetNullState(input_bin, bin::kElementError);
+    const bool failed = HasFailed();
+    if (failed) {
+      gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
+    }
     // The new input starts first, and a source that meets bins still stopped pauses for good.
     const auto held = Hold(*source);
     bin::input::SetInput(InputBin(), std::move(input));
@@ -136,12 +136,14 @@ class Pipeline::Impl {
 
   void AddFilters(std::vector<Ptr<GstElement>> filters) {
     const Lock lock(mutex_);
+    const Recovery recovery(*this);
     const auto add = state_ == State::Stopped ? bin::filter::AddFilters : bin::filter::BlockAddFilters;
     add(FilterBin(), std::move(filters));
   }
 
   void EraseFilters(std::vector<Ptr<GstElement>> filters) {
     const Lock lock(mutex_);
+    const Recovery recovery(*this);
     const auto erase = state_ == State::Stopped ? bin::filter::EraseFilters : bin::filter::BlockEraseFilters;
     erase(FilterBin(), std::move(filters));
   }
@@ -153,16 +155,14 @@ class Pipeline::Impl {
 
   void AddOutputs(std::vector<Ptr<GstElement>> outputs) {
     const Lock lock(mutex_);
+    const Recovery recovery(*this);
     bin::output::AddOutputs(OutputBin(), std::move(outputs));
   }
 
   void EraseOutputs(std::vector<Ptr<GstElement>> outputs) {
     const Lock lock(mutex_);
+    const Recovery recovery(*this);
     bin::output::EraseOutputs(OutputBin(), std::move(outputs));
-    // The others go on without an output that failed.
-    if (enable_ && HasFailed()) {
-      gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_PLAYING);
-    }
   }
 
   Ptr<GstContext> GetContext() const {
@@ -217,7 +217,7 @@ class Pipeline::Impl {
   void OnEndOfStream(const GstMessage& /*message*/) {}
   void OnError(const GstMessage& /*message*/) {}
 
-  // Whether an element has posted an error or refused a state since the pipeline was last told its own: from then on
+  // Whether an element has posted an error or refused a state since the pipeline was last told its own. From then on
   // GStreamer takes no notice of what becomes of the bins, and none of them is brought to PLAYING any more.
   bool HasFailed() const {
     GST_OBJECT_LOCK(pipeline_.Get());
@@ -225,6 +225,27 @@ class Pipeline::Impl {
     GST_OBJECT_UNLOCK(pipeline_.Get());
     return failed;
   }
+
+  // Around a change: elements that a failed start has left part of the way up are brought down first, and a pipeline
+  // goes on without an element that failed and is gone, also when the change is refused.
+  class Recovery {
+   public:
+    explicit Recovery(Impl& impl) noexcept : impl_(impl) {
+      if (impl_.state_ == State::Stopped && impl_.HasFailed()) {
+        gst_element_set_state(GST_ELEMENT(impl_.pipeline_.Get()), GST_STATE_NULL);
+      }
+    }
+    Recovery(const Recovery&) = delete;
+    Recovery& operator=(const Recovery&) = delete;
+    ~Recovery() {
+      if (impl_.enable_ && impl_.HasFailed()) {
+        gst_element_set_state(GST_ELEMENT(impl_.pipeline_.Get()), GST_STATE_PLAYING);
+      }
+    }
+
+   private:
+    Impl& impl_;
+  };
 
   GstBin& InputBin() const { return bin::pipeline::GetInputBin(*GST_BIN(pipeline_.Get())); }
   GstBin& FilterBin() const { return bin::pipeline::GetFilterBin(*GST_BIN(pipeline_.Get())); }

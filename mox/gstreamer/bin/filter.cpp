@@ -262,6 +262,10 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
       ChangeDrained(filterBin, change, filters, before);
     } catch (...) {
       error = std::current_exception();
+      // A filter that refused to stop has kept the EOS on its pads. The link anew has the stream's events sent again,
+      // which take it off.
+      gst_pad_unlink(&pad, sink.Get());
+      gst_pad_link_full(&pad, sink.Get(), GST_PAD_LINK_CHECK_NOTHING);
     }
     // What was held has the format of the old chain. Where the new one does not take it, a held frame is given up and
     // the converter negotiates afresh.

@@ -105,9 +105,10 @@ class Muted {
     gst_element_release_request_pad(&tee, pad_.Get());
   }
 
-  // Leaves the pad dropping what comes, for a branch that stays but cannot take anything any more. The next to mute the
-  // pad takes over from here.
+  // From here on the pad drops what comes, until it is released or runs again or another one mutes it: its branch is
+  // about to stop, and whatever goes wrong on the way must not reach the tee.
   void Stay() { g_object_set_data(G_OBJECT(pad_.Get()), kStays, GSIZE_TO_POINTER(std::exchange(id_, 0))); }
+  void RunAgain() { id_ = TakeBack(*pad_); }
 
  private:
   static constexpr auto kStays = "mox-muted";
@@ -204,6 +205,7 @@ void RemoveDummy(GstBin& outputBin, GstElement& tee) {
   Muted muted(check::pad::GetPeer(*GetSink(*dummy), kPadError));
   muted.WaitUntilIdle();
   const StateLock lock(*GST_ELEMENT(&outputBin));
+  muted.Stay();
   check::element::SetNullState(*dummy, kElementError);
   muted.Release(tee, *dummy);
   check::bin::RemoveElement(outputBin, *dummy, kBinError);
@@ -263,12 +265,13 @@ void Detach(GstBin& outputBin, GstElement& tee, const gstreamer::pipeline::Outpu
   const Unlimited unlimited(*output.queue);
   muted.WaitUntilIdle();
   const StateLock lock(*GST_ELEMENT(&outputBin));
+  muted.Stay();
   try {
     check::element::SetNullState(*output.element, kElementError);
     check::element::SetNullState(*output.queue, kElementError);
   } catch (...) {
-    if (!Restart(output)) {
-      muted.Stay();
+    if (Restart(output)) {
+      muted.RunAgain();
     }
     throw;
   }
