@@ -11,7 +11,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <exception>
 #include <functional>
+#include <future>
 #include <iostream>
 #include <string>
 #include <thread>
@@ -78,20 +80,24 @@ void Await(const char* what, const Condition& condition) {
 /** Runs the function, and ends the test program when it does not return in time. */
 template <typename Function>
 void Within(std::chrono::seconds limit, const char* what, const Function& function) {
-  std::atomic<bool> done = false;
-  std::thread watchdog([&] {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done) {
-      if (std::chrono::steady_clock::now() > end) {
-        std::cerr << what << " does not return" << std::endl;
-        Hang();
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  std::promise<void> done;
+  std::thread watchdog([&, returned = done.get_future()] {
+    if (returned.wait_for(limit) == std::future_status::timeout) {
+      std::cerr << what << " does not return" << std::endl;
+      Hang();
     }
   });
-  function();
-  done = true;
+  std::exception_ptr error;
+  try {
+    function();
+  } catch (...) {
+    error = std::current_exception();
+  }
+  done.set_value();
   watchdog.join();
+  if (error) {
+    std::rethrow_exception(error);
+  }
 }
 
 /**
