@@ -16,6 +16,7 @@
 #include "mox/gstreamer/pimpl.h"
 #include "mox/type/binding.h"
 
+#include <initializer_list>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
@@ -116,7 +117,7 @@ class Pipeline::Impl {
     check::element::SetNullState(input_bin, bin::kElementError);
     const bool failed = HasFailed();
     if (failed) {
-      gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
+      TakeDown({&output_bin, &filter_bin, &input_bin});
     }
     // The new input starts first, and a source that meets bins still stopped pauses for good.
     const auto held = Hold(*source);
@@ -224,6 +225,17 @@ class Pipeline::Impl {
     const bool failed = GST_STATE_RETURN(pipeline_.Get()) == GST_STATE_CHANGE_FAILURE;
     GST_OBJECT_UNLOCK(pipeline_.Get());
     return failed;
+  }
+
+  // Takes the pipeline down around its bins, which are down already and would else be taken up first.
+  void TakeDown(std::initializer_list<GstElement*> bins) {
+    for (GstElement* const bin : bins) {
+      gst_element_set_locked_state(bin, TRUE);
+    }
+    gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
+    for (GstElement* const bin : bins) {
+      gst_element_set_locked_state(bin, FALSE);
+    }
   }
 
   // Around a change: elements that a failed start has left part of the way up are brought down first, and a pipeline

@@ -98,9 +98,8 @@ class Muted {
     idle.GetFuture().wait();
   }
 
-  // Unlinks the branch and gives the request pad back to the tee.
+  // Unlinks the branch and gives the request pad back to the tee, between two items.
   void Release(GstElement& tee, GstElement& first) {
-    const BetweenItems between(tee);
     gst_element_unlink(&tee, &first);
     gst_element_release_request_pad(&tee, pad_.Get());
   }
@@ -207,6 +206,7 @@ void RemoveDummy(GstBin& outputBin, GstElement& tee) {
   const StateLock lock(*GST_ELEMENT(&outputBin));
   muted.Stay();
   check::element::SetNullState(*dummy, kElementError);
+  const BetweenItems between(tee);
   muted.Release(tee, *dummy);
   check::bin::RemoveElement(outputBin, *dummy, kBinError);
 }
@@ -275,6 +275,8 @@ void Detach(GstBin& outputBin, GstElement& tee, const gstreamer::pipeline::Outpu
     }
     throw;
   }
+  // From here on nothing can fail.
+  const BetweenItems between(tee);
   gst_element_unlink(output.queue.Get(), output.element.Get());
   muted.Release(tee, *output.queue);
   check::bin::RemoveElement(outputBin, *output.element, kBinError);
