@@ -3,6 +3,8 @@
 
 #include "mox/export.h"
 
+/** @file */
+
 #ifdef __cplusplus
 
 #include <boost/filesystem/path.hpp>
