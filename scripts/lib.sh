@@ -6,27 +6,35 @@ build=$(realpath -m "${MOX_BUILD_DIR:-$root/build}")
 
 build_packages=(
   g++ cmake ninja-build pkg-config
-  libgstreamer1.0-dev libboost-filesystem1.81-dev libboost-system1.81-dev libgtest-dev libgmock-dev
+  libgstreamer1.0-dev libboost-filesystem1.81-dev libboost-system1.81-dev libgtest-dev libgmock-dev doxygen
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-tools
 )
 
 say() { printf '\n== %s\n' "$*"; }
 
+as_root() {
+  if [[ $EUID -eq 0 ]]; then
+    "$@"
+  else
+    sudo "$@"
+  fi
+}
+
 # Installs those of the Debian packages that are missing.
 install_packages() {
-  local missing=() package as_root=()
+  local missing=() package
   for package in "$@"; do
     dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
   done
   [[ ${#missing[@]} -gt 0 ]] || return 0
   say "Installing ${missing[*]}"
-  if [[ $EUID -ne 0 ]]; then
-    command -v sudo >/dev/null || { echo "Become root, or install these packages first: ${missing[*]}" >&2; exit 1; }
-    as_root=(sudo)
+  if [[ $EUID -ne 0 ]] && ! command -v sudo >/dev/null; then
+    echo "Become root, or install these packages first: ${missing[*]}" >&2
+    exit 1
   fi
-  "${as_root[@]}" apt-get -q update
+  as_root apt-get -q update
   # Nothing of the user's is removed. Debian's older Boost is the one that would have to go.
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+  as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get -q install -y --no-remove --no-install-recommends "${missing[@]}" || {
     echo "Could not install ${missing[*]}." >&2
     if dpkg-query -W libboost1.74-dev >/dev/null 2>&1; then

@@ -16,9 +16,13 @@ class MOX_EXPORT Value {
   /** Copies @p value; one that was never initialised makes an empty value. */
   explicit Value(const GValue& value);
 
+  /** Copies the `GValue`, or takes it over from the other one, which is empty afterwards. */
+  ///@{
   Value(const Value& other);
   Value(Value&& other) noexcept;
   Value& operator=(Value other) noexcept;
+  ///@}
+
   ~Value();
 
   /** The wrapped `GValue`, valid as long as this object is not changed. */

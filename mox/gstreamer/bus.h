@@ -33,14 +33,21 @@ class MOX_EXPORT Bus {
    * @throws std::system_error if the thread cannot be started
    */
   explicit Bus(Ptr<GstBus> bus);
+
+  /** Takes over what the other one holds, which is empty afterwards. */
+  ///@{
   Bus(Bus&& other) noexcept;
   Bus& operator=(Bus&& other) noexcept;
+  ///@}
 
   /** Stops and joins the reader: waits up to about 500 ms, and for callbacks that are running. Not from a callback. */
   ~Bus();
 
+  /** The bus, borrowed. */
+  ///@{
   GstBus& Get();
   const GstBus& Get() const;
+  ///@}
 
   /**
    * Calls `callback` for every message whose type is exactly `type`, until the returned binding is released. The
@@ -53,6 +60,7 @@ class MOX_EXPORT Bus {
    */
   mox::type::Binding Bind(GstMessageType type, std::function<void(const GstMessage&)> callback);
 
+  /** Exchanges the two; the callbacks go with their buses. */
   friend void swap(Bus& left, Bus& right) noexcept { left.impl_.swap(right.impl_); }
 
  private:

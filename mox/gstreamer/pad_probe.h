@@ -34,13 +34,20 @@ class MOX_EXPORT PadProbe {
    * once and answered GST_PAD_PROBE_REMOVE, which leaves nothing to own
    */
   PadProbe(GstPad& pad, GstPadProbeType type, std::function<GstPadProbeReturn(GstPad&, GstPadProbeInfo&)> callback);
+
+  /** Takes over what the other one holds, which is empty afterwards. */
+  ///@{
   PadProbe(PadProbe&& other) noexcept;
   PadProbe& operator=(PadProbe&& other) noexcept;
+  ///@}
+
   ~PadProbe();
 
   /** The pad given at construction. */
+  ///@{
   GstPad& GetPad();
   const GstPad& GetPad() const;
+  ///@}
 
   /**
    * The outcome: the callback's answer or its exception; std::future_error (broken promise) if the probe is destroyed
@@ -50,6 +57,7 @@ class MOX_EXPORT PadProbe {
    */
   std::future<GstPadProbeReturn> GetFuture();
 
+  /** Exchanges the two. */
   friend void swap(PadProbe& left, PadProbe& right) noexcept { left.impl_.swap(right.impl_); }
 
  private:

@@ -30,6 +30,7 @@ namespace mox::gstreamer {
  */
 class MOX_EXPORT Pipeline {
  public:
+  /** Where a pipeline stands between stopped and playing. */
   enum class State : std::uint32_t {
     Stopped = 0,   ///< Initial, or stopped.
     Starting = 1,  ///< On the way to playing: the outputs wait for their first frame.
@@ -39,17 +40,26 @@ class MOX_EXPORT Pipeline {
 
   /** Makes a stopped pipeline without input. `name` is the name of the GStreamer element. */
   Pipeline(unsigned id, const std::string& name);
+
+  /** Takes over what the other one holds, which is empty afterwards. */
+  ///@{
   Pipeline(Pipeline&& other) noexcept;
   Pipeline& operator=(Pipeline&& other) noexcept;
+  ///@}
 
   /** Stops the pipeline and joins its bus reader: waits up to about 500 ms. A failure to stop is swallowed. */
   ~Pipeline();
 
   /** The pipeline element, which the pipeline goes on owning. */
+  ///@{
   GstPipeline& Get();
   const GstPipeline& Get() const;
+  ///@}
 
+  /** The identifier given at construction. */
   unsigned GetId() const;
+
+  /** Where the pipeline stands. */
   State GetState() const;
 
   /** The last value that `SetEnable` applied. */
@@ -99,6 +109,7 @@ class MOX_EXPORT Pipeline {
    */
   void SetEnable(bool enable);
 
+  /** Exchanges the two. */
   friend void swap(Pipeline& left, Pipeline& right) noexcept { left.impl_.swap(right.impl_); }
 
  private:

@@ -3,6 +3,8 @@
 
 #include "mox/export.h"
 
+/** @file */
+
 #ifdef __cplusplus
 
 namespace mox::gstreamer {

@@ -31,6 +31,7 @@ class MOX_EXPORT Logger {
   template <typename Argument>
   class Functor;
 
+  /** Makes a logger; records bear its name. */
   explicit Logger(const Name& name);
   ~Logger();
   Logger(const Logger&) = delete;
@@ -75,8 +76,10 @@ class Logger::Functor {
   static_assert(std::is_reference_v<Argument> || std::is_pointer_v<Argument>, "The argument would have to be copied");
 
  public:
+  /** Borrows the argument. */
   explicit Functor(Argument argument) noexcept : argument_(argument) {}
 
+  /** Appends the text of the argument to @p out. */
   void operator()(std::string* out) const { Append(out, argument_); }
 
  private:

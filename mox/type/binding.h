@@ -19,8 +19,11 @@ class MOX_EXPORT Binding {
   /** Holds the registration @p index, which `release(index)` undoes. An empty @p release makes an empty binding. */
   Binding(std::function<void(unsigned)> release, unsigned index) noexcept;
 
+  /** Takes over what the other one holds, which is empty afterwards. */
+  ///@{
   Binding(Binding&& other) noexcept;
   Binding& operator=(Binding&& other) noexcept;
+  ///@}
 
   /** Releases; what the release function throws is lost. */
   ~Binding();

@@ -1,5 +1,7 @@
 #include "mox/logging/logger.h"
 
+#include "tests/logging/capture.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <ostream>
@@ -7,8 +9,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include "tests/logging/capture.h"
 
 namespace mox::logging {
 namespace {

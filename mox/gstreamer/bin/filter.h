@@ -63,8 +63,10 @@ MOX_EXPORT std::string GetGraph(GstBin& filterBin);
  * @throws std::runtime_error "Cannot change the filters because the stream has ended" if the end of the stream has
  * passed already, so that nothing can reach the bin any more; nothing is changed
  */
+///@{
 MOX_EXPORT void BlockAddFilters(GstBin& filterBin, std::vector<Ptr<GstElement>> filters);
 MOX_EXPORT void BlockEraseFilters(GstBin& filterBin, std::vector<Ptr<GstElement>> filters);
+///@}
 
 }  // namespace mox::gstreamer::bin::filter
 

@@ -21,9 +21,11 @@ MOX_EXPORT bool IsInitialized(GstBin& pipeline) noexcept;
 MOX_EXPORT void Initialize(GstBin& pipeline);
 
 /** The three bins, borrowed from the pipeline that owns them. */
+///@{
 MOX_EXPORT GstBin& GetInputBin(GstBin& pipeline);
 MOX_EXPORT GstBin& GetFilterBin(GstBin& pipeline);
 MOX_EXPORT GstBin& GetOutputBin(GstBin& pipeline);
+///@}
 
 }  // namespace mox::gstreamer::bin::pipeline
 

@@ -33,16 +33,23 @@ struct TypeOf<GstElement> {
 /** How `Ptr` counts references to a kind of GstMiniObject. */
 template <typename T>
 struct MiniObjectReference {
+  /** Adds or drops one reference to the object, which is not null. */
+  ///@{
   static void Add(T* object) noexcept { gst_mini_object_ref(GST_MINI_OBJECT_CAST(object)); }
   static void Drop(T* object) noexcept { gst_mini_object_unref(GST_MINI_OBJECT_CAST(object)); }
+  ///@}
 };
 
 /** How `Ptr` counts references to a `T`: as a GstObject, unless its first member tells that it is a mini object. */
 template <typename T, typename = void>
 struct Reference {
   static_assert(sizeof(T) != 0, "The kind of an opaque type must be told by a specialisation");
+
+  /** Adds or drops one reference to the object, which is not null. */
+  ///@{
   static void Add(T* object) noexcept { gst_object_ref(object); }
   static void Drop(T* object) noexcept { gst_object_unref(object); }
+  ///@}
 };
 
 template <typename T>
@@ -71,13 +78,16 @@ struct Reference<GstBufferList> : MiniObjectReference<GstBufferList> {};
 template <typename T>
 class Ptr {
  public:
+  /** Owns nothing. */
   Ptr() noexcept = default;
 
   /** Takes over the reference that the caller owns. */
   explicit Ptr(T* adopted) noexcept : object_(adopted) {}
 
+  /** Adds a reference. */
   Ptr(const Ptr& other) noexcept : object_(other.object_) { Ref(); }
 
+  /** Takes the reference over; the other handle is empty afterwards. */
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
 
   /** Stores the new object before the old one is released. */
@@ -87,6 +97,7 @@ class Ptr {
     return *this;
   }
 
+  /** Adds a reference to the new object before the old one is released. */
   Ptr& operator=(const Ptr& other) noexcept { return *this = Ptr(other); }
 
   ~Ptr() {
@@ -95,9 +106,14 @@ class Ptr {
     }
   }
 
+  /** The object, borrowed; null for an empty handle, which must not be dereferenced. */
+  ///@{
   T* Get() const noexcept { return object_; }
   T& operator*() const noexcept { return *object_; }
   T* operator->() const noexcept { return object_; }
+  ///@}
+
+  /** Whether there is an object. */
   explicit operator bool() const noexcept { return object_ != nullptr; }
 
   /** Adds a reference, which belongs to whoever receives the returned pointer. Null for an empty handle. */
@@ -108,8 +124,11 @@ class Ptr {
     return object_;
   }
 
+  /** Whether both handles own the same object, or nothing. */
+  ///@{
   friend bool operator==(const Ptr& left, const Ptr& right) noexcept { return left.object_ == right.object_; }
   friend bool operator!=(const Ptr& left, const Ptr& right) noexcept { return left.object_ != right.object_; }
+  ///@}
 
  private:
   T* object_ = nullptr;
