@@ -23,8 +23,8 @@ std::atomic<long> until_failure = -1;
 
 }  // namespace
 
-// Of the whole program, the library among it.
-void* operator new(std::size_t size) {
+// Of the whole program, the library among it. Not inlined, for g++ then takes new and free for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   if (until_failure >= 0 && until_failure-- == 0) {
     throw std::bad_alloc();
   }
@@ -32,11 +32,11 @@ void* operator new(std::size_t size) {
   return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
 
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
   std::free(memory);
 }
 
