@@ -23,7 +23,7 @@ std::atomic<long> until_failure = -1;
 
 }  // namespace
 
-// Of the whole program, the library among it. Not inlined: the compiler would see new meet free.
+// Of the whole program, the library among it. Not inlined, for g++ then takes new and free for a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t size) {
   if (until_failure >= 0 && until_failure-- == 0) {
     throw std::bad_alloc();
