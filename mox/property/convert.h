@@ -3,13 +3,13 @@
 
 #include "mox/property/value.h"
 
+#include <cmath>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <type_traits>
 #include <variant>
-
-#include <nlohmann/json.hpp>
 
 // How values pass from one type to another and into text. Private to the library.
 namespace mox::property {
@@ -18,21 +18,17 @@ namespace mox::property {
 template <typename To, typename From>
 std::optional<To> ConvertNumber(From value) {
   static_assert(std::numeric_limits<long double>::digits >= 64, "Every number of the ten kinds must fit");
+  constexpr bool rounds = std::is_floating_point_v<From> && std::is_floating_point_v<To>;
   const long double exact = value;
-  if constexpr (std::is_floating_point_v<To>) {
-    const bool is_finite = exact - exact == 0;
-    if (is_finite && (exact < std::numeric_limits<To>::lowest() || exact > std::numeric_limits<To>::max())) {
-      return std::nullopt;
-    }
-    return static_cast<To>(exact);
-  } else {
-    // Also false where the value is not a number.
-    if (!(exact >= std::numeric_limits<To>::lowest() && exact <= std::numeric_limits<To>::max()) ||
-        static_cast<long double>(static_cast<To>(exact)) != exact) {
-      return std::nullopt;
-    }
-    return static_cast<To>(exact);
+  if (rounds && !std::isfinite(exact)) {
+    return static_cast<To>(value);
   }
+  // Also false for what is not a number.
+  const bool is_within = exact >= std::numeric_limits<To>::lowest() && exact <= std::numeric_limits<To>::max();
+  if (!is_within || (!rounds && static_cast<long double>(static_cast<To>(exact)) != exact)) {
+    return std::nullopt;
+  }
+  return static_cast<To>(exact);
 }
 
 /** The value as another type, or nothing where that type cannot hold it. */

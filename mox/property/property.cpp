@@ -26,8 +26,8 @@ T Property::Read() const {
   if (auto converted = Convert<T>(value)) {
     return *std::move(converted);
   }
-  throw std::runtime_error("The value " + ToText(ToJson(value)) + " of the '" + name_ + "' property cannot be read as " +
-                           kTypeName<T>);
+  throw std::runtime_error("The value " + ToText(ToJson(value)) + " of the '" + name_ +
+                           "' property cannot be read as " + kTypeName<T>);
 }
 
 template bool Property::Read() const;

@@ -14,7 +14,7 @@ namespace mox::property {
 /**
  * A named, typed value that is set and read in any of the ten value types, where that keeps the value.
  *
- * A number passes as a number of another type that has exactly this value; only what becomes a float or a double is
+ * A number passes as a number of another type that has exactly this value; only a double that becomes a float is
  * rounded to the nearest one. A bool passes as 0 or 1. Text passes as text alone. What does not pass is refused with a
  * std::runtime_error that names the property and the value, and changes nothing.
  *

@@ -7,8 +7,8 @@
 namespace mox::property {
 
 /** The value of a property of any of the ten kinds. */
-using Value = std::variant<bool, signed char, unsigned char, int, unsigned int, long, unsigned long, float, double,
-                           std::string>;
+using Value =
+    std::variant<bool, signed char, unsigned char, int, unsigned int, long, unsigned long, float, double, std::string>;
 
 /** The name of the type of a `Primitive<T>`. */
 template <typename T>

@@ -56,9 +56,9 @@ bool InstallProperty(const Property& property, GObjectClass* klass, unsigned int
     return false;
   }
   const auto& number = property.As<Primitive<T>>();
-  GParamSpec* const spec = make(property.GetName().c_str(), property.GetNiceName().c_str(),
-                                property.GetDescription().c_str(), number.GetLimits().minimum,
-                                number.GetLimits().maximum, number.GetValue(), G_PARAM_READWRITE);
+  GParamSpec* const spec =
+      make(property.GetName().c_str(), property.GetNiceName().c_str(), property.GetDescription().c_str(),
+           number.GetLimits().minimum, number.GetLimits().maximum, number.GetValue(), G_PARAM_READWRITE);
   g_object_class_install_property(G_OBJECT_CLASS(klass), id, spec);
   return true;
 }
@@ -94,9 +94,9 @@ void Binder::InstallProperties(GObjectClass* klass) {
     installed |= InstallProperty<unsigned long, guint64>(property, klass, id, g_param_spec_uint64);
     if (!installed) {
       const char* const type = Object::TypeName(property.GetTypeHash());
-      throw std::runtime_error("Failed to install '" + property.GetName() +
-                               "' property into the GStreamer class as it was an unknown type: " +
-                               (type != nullptr ? type : ""));
+      throw std::runtime_error(
+          "Failed to install '" + property.GetName() +
+          "' property into the GStreamer class as it was an unknown type: " + (type != nullptr ? type : ""));
     }
   }
 }
