@@ -26,6 +26,25 @@ auto HasNameOf(const Property& property) {
   return [&name = property.GetName()](const Property& bound) { return bound.GetName() == name; };
 }
 
+// Installs what @p make makes of the name, the nick and the blurb. What GLib cannot take it refuses with a critical
+// message and no param spec; but for a name its functions for the kinds of values then read through the null pointer
+// that they got inside. So GLib is asked to refuse the name alone.
+template <typename Function>
+void Install(const Property& property, GObjectClass* klass, unsigned int id, const Function& make) {
+  const char* const name = property.GetName().c_str();
+  const char* const nick = property.GetNiceName().c_str();
+  const char* const blurb = property.GetDescription().c_str();
+  GParamSpec* spec = nullptr;
+  if (g_param_spec_is_valid_name(name) != FALSE) {
+    spec = make(name, nick, blurb);
+  } else {
+    spec = static_cast<GParamSpec*>(g_param_spec_internal(G_TYPE_PARAM_INT, name, nick, blurb, G_PARAM_READWRITE));
+  }
+  if (spec != nullptr) {
+    g_object_class_install_property(G_OBJECT_CLASS(klass), id, spec);
+  }
+}
+
 }  // namespace
 
 /** Installs a string or a boolean, whose default GLib takes as a U. */
@@ -36,15 +55,13 @@ bool InstallProperty(const Property& property, GObjectClass* klass, unsigned int
     return false;
   }
   const T value = property.As<Primitive<T>>().GetValue();
-  U initial{};
-  if constexpr (std::is_same_v<T, std::string>) {
-    initial = value.c_str();
-  } else {
-    initial = value;
-  }
-  GParamSpec* const spec = make(property.GetName().c_str(), property.GetNiceName().c_str(),
-                                property.GetDescription().c_str(), initial, G_PARAM_READWRITE);
-  g_object_class_install_property(G_OBJECT_CLASS(klass), id, spec);
+  Install(property, klass, id, [&](const char* name, const char* nick, const char* blurb) {
+    if constexpr (std::is_same_v<T, std::string>) {
+      return make(name, nick, blurb, value.c_str(), G_PARAM_READWRITE);
+    } else {
+      return make(name, nick, blurb, value, G_PARAM_READWRITE);
+    }
+  });
   return true;
 }
 
@@ -56,10 +73,10 @@ bool InstallProperty(const Property& property, GObjectClass* klass, unsigned int
     return false;
   }
   const auto& number = property.As<Primitive<T>>();
-  GParamSpec* const spec =
-      make(property.GetName().c_str(), property.GetNiceName().c_str(), property.GetDescription().c_str(),
-           number.GetLimits().minimum, number.GetLimits().maximum, number.GetValue(), G_PARAM_READWRITE);
-  g_object_class_install_property(G_OBJECT_CLASS(klass), id, spec);
+  const auto& limits = number.GetLimits();
+  Install(property, klass, id, [&](const char* name, const char* nick, const char* blurb) {
+    return make(name, nick, blurb, limits.minimum, limits.maximum, number.GetValue(), G_PARAM_READWRITE);
+  });
   return true;
 }
 

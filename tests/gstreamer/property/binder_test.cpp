@@ -232,15 +232,14 @@ TEST(PropertyBinder, StopsAtAPropertyOfAnUnknownKind) {
 }
 
 TEST(PropertyBinder, InstallsTheOthersWhereGlibRefusesOne) {
-  auto name = Make<int>("not a name", 0);
+  auto name = Make<int>("no name", 0);
   auto limits = Make<double>("limits", 5, {0, 1});
   auto good = Make<int>("good", 0);
   Binder binder;
   binder.Bind(name);
   binder.Bind(limits);
   binder.Bind(good);
-  for (const char* const message :
-       {"*is_valid_name*", "*G_IS_PARAM_SPEC*", "*default_value <= maximum*", "*G_IS_PARAM_SPEC*"}) {
+  for (const char* const message : {"*valid*name*", "*default_value <= maximum*"}) {
     g_test_expect_message("GLib-GObject", G_LOG_LEVEL_CRITICAL, message);
   }
   Instance instance(binder);
