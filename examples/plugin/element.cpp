@@ -109,6 +109,7 @@ void InitializeClass(gpointer klass, gpointer /*data*/) noexcept {
     gst_element_class_add_pad_template(element, gst_pad_template_new(name, direction, GST_PAD_ALWAYS, caps.Get()));
   }
   GST_BASE_TRANSFORM_CLASS(klass)->before_transform = BeforeTransform;
+  GST_BASE_TRANSFORM_CLASS(klass)->transform_ip_on_passthrough = FALSE;
   GST_VIDEO_FILTER_CLASS(klass)->transform_frame_ip = TransformFrame;
 }
 

@@ -52,7 +52,7 @@ class MOX_EXPORT Binder : public mox::property::Binder {
    * Nothing happens without a param spec, or with one of another than the ten kinds.
    *
    * @throws std::logic_error if there is no such identifier
-   * @throws std::runtime_error if the property refuses the value, which it may do within GObject's limits for NaN
+   * @throws std::runtime_error if the property refuses the value
    */
   void SetProperty(unsigned int id, const GValue* value, GParamSpec* pspec);
 
