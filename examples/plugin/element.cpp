@@ -5,6 +5,7 @@
 #include "plugin/settings.h"
 
 #include <exception>
+#include <new>
 #include <sstream>
 #include <utility>
 
@@ -24,7 +25,7 @@ struct State {
 
 struct Element {
   GstVideoFilter parent;
-  State* state;
+  State state;  // made and destroyed with the instance, in GObject's memory
 };
 
 struct ElementClass {
@@ -33,7 +34,7 @@ struct ElementClass {
 
 template <typename T>
 State& StateOf(T* instance) noexcept {
-  return *reinterpret_cast<Element*>(instance)->state;
+  return reinterpret_cast<Element*>(instance)->state;
 }
 
 // GObject must not see an exception: the property keeps its value.
@@ -83,11 +84,11 @@ GstFlowReturn TransformFrame(GstVideoFilter* filter, GstVideoFrame* frame) noexc
 }
 
 void InitializeInstance(GTypeInstance* instance, gpointer /*klass*/) noexcept {
-  reinterpret_cast<Element*>(instance)->state = new State;
+  new (&StateOf(instance)) State;
 }
 
 void Finalize(GObject* object) noexcept {
-  delete &StateOf(object);
+  StateOf(object).~State();
   G_OBJECT_CLASS(g_type_class_peek(GST_TYPE_VIDEO_FILTER))->finalize(object);
 }
 

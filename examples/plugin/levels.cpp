@@ -35,12 +35,13 @@ void Apply(const Table& table, GstVideoFrame& frame) {
   const auto step = static_cast<std::size_t>(GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, 0));
   const auto size = static_cast<std::size_t>(GST_VIDEO_FRAME_WIDTH(&frame)) * step;
   // Red, green and blue lie side by side, with red or blue first, and a fourth byte before or behind them.
-  const int first =
-      step == 4 ? std::min(GST_VIDEO_FRAME_COMP_POFFSET(&frame, 0), GST_VIDEO_FRAME_COMP_POFFSET(&frame, 2)) : 0;
+  const std::size_t red = GST_VIDEO_FRAME_COMP_POFFSET(&frame, 0);
+  const std::size_t blue = GST_VIDEO_FRAME_COMP_POFFSET(&frame, 2);
   for (int y = 0; y < GST_VIDEO_FRAME_HEIGHT(&frame); ++y) {
     std::uint8_t* const row = pixels + std::ptrdiff_t{stride} * y;
     if (step == 4) {
-      ApplyToRow<3, 4>(table, row + first, size - static_cast<std::size_t>(first));
+      const std::size_t first = std::min(red, blue);
+      ApplyToRow<3, 4>(table, row + first, size - first);
     } else {
       ApplyToRow<1, 1>(table, row, size);
     }

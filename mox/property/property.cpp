@@ -6,6 +6,12 @@
 #include <utility>
 
 namespace mox::property {
+namespace {
+
+// What a thread reads as text. A pointer into a property would dangle as soon as another thread sets it.
+thread_local std::string text_read;
+
+}  // namespace
 
 Property::Property(const hash::MurmurThree32& type_hash, std::string name, std::string nice_name,
                    std::string description)
@@ -41,10 +47,8 @@ template float Property::Read() const;
 template double Property::Read() const;
 
 Property::operator const char*() const {
-  // A pointer into the property would dangle as soon as another thread sets it.
-  thread_local std::string text;
-  text = Read<std::string>();
-  return text.c_str();
+  text_read = Read<std::string>();
+  return text_read.c_str();
 }
 
 std::ostream& operator<<(std::ostream& stream, const Property& property) {
