@@ -6,7 +6,8 @@ build=$(realpath -m "${MOX_BUILD_DIR:-$root/build}")
 
 build_packages=(
   g++ cmake ninja-build pkg-config
-  libgstreamer1.0-dev libboost-filesystem1.81-dev libboost-system1.81-dev libgtest-dev libgmock-dev doxygen
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev nlohmann-json3-dev
+  libboost-filesystem1.81-dev libboost-system1.81-dev libgtest-dev libgmock-dev doxygen
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-tools
 )
 

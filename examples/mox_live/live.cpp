@@ -3,6 +3,8 @@
 #include "mox/gstreamer/bin/filter.h"
 #include "mox/gstreamer/bin/pipeline.h"
 #include "mox/gstreamer/name.h"
+#include "mox_live/description.h"
+#include "mox_live/property.h"
 
 #include <algorithm>
 #include <iomanip>
@@ -11,8 +13,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <utility>
-
-#include "mox_live/description.h"
 
 namespace mox_live {
 namespace {
@@ -72,6 +72,8 @@ const std::vector<Live::Command>& Live::Commands() {
       {"filter erase", " NAME", "take a filter out of the chain", &Live::EraseFilter},
       {"output add", " DESCRIPTION", "attach an output", &Live::AddOutput},
       {"output erase", " NAME", "detach an output", &Live::EraseOutput},
+      {"set", " ELEMENT PROPERTY VALUE", "set a property, as of a filter that is playing", &Live::Set},
+      {"describe", " ELEMENT", "show the settings of an element of the framework as JSON", &Live::Describe},
       {"start", "", "start the pipeline", &Live::Start},
       {"stop", "", "stop the pipeline", &Live::Stop},
       {"show", "", "show the state, the input, the filters and the outputs", &Live::Show},
@@ -83,7 +85,7 @@ const std::vector<Live::Command>& Live::Commands() {
 
 void Live::WriteCommands(std::ostream& stream) {
   for (const auto& command : Commands()) {
-    stream << "  " << std::left << std::setw(26) << std::string(command.name) + command.argument << command.help
+    stream << "  " << std::left << std::setw(28) << std::string(command.name) + command.argument << command.help
            << '\n';
   }
 }
@@ -113,13 +115,15 @@ void Live::Run(const std::string& line) {
 void Live::AddFilter(const std::string& description) {
   const auto filter = MakeElement(description, Role::Filter);
   CheckNameIsFree(*filter);
-  Apply("filter add " + GetName(*filter), [&] { pipeline_.AddFilters({filter}); });
+  Apply(
+      "filter add " + GetName(*filter), [&] { pipeline_.AddFilters({filter}); }, [&] { return GetGraph(pipeline_); });
 }
 
 void Live::EraseFilter(const std::string& name) {
   for (const auto& filter : pipeline_.GetFilters()) {
     if (GetName(*filter) == name) {
-      return Apply("filter erase " + name, [&] { pipeline_.EraseFilters({filter}); });
+      return Apply(
+          "filter erase " + name, [&] { pipeline_.EraseFilters({filter}); }, [&] { return GetGraph(pipeline_); });
     }
   }
   throw std::runtime_error("no filter '" + name + "' in " + GetGraph(pipeline_));
@@ -164,6 +168,34 @@ void Live::Stop(const std::string& /*none*/) {
   Apply("stop", [&] { pipeline_.SetEnable(false); });
 }
 
+void Live::Set(const std::string& argument) {
+  std::istringstream text(argument);
+  std::string name;
+  std::string property;
+  std::string value;
+  std::getline(text >> name >> property >> std::ws, value);
+  if (value.empty()) {
+    throw std::runtime_error("use: set ELEMENT PROPERTY VALUE");
+  }
+  const auto element = Find(name);
+  std::string now;
+  Apply(
+      "set " + name + " " + property, [&] { now = SetProperty(*element, property, value); }, [&] { return now; });
+}
+
+void Live::Describe(const std::string& name) {
+  const auto element = Find(name);
+  GSignalQuery query{};
+  g_signal_query(g_signal_lookup("describe", G_OBJECT_TYPE(element.Get())), &query);
+  if (query.return_type != G_TYPE_STRING || query.n_params != 0) {
+    throw std::runtime_error("'" + name + "' does not describe itself");
+  }
+  char* json = nullptr;
+  g_signal_emit(element.Get(), query.signal_id, 0, &json);
+  const std::unique_ptr<char, decltype(&g_free)> owned(json, g_free);
+  std::cout << (json != nullptr ? json : "") << std::endl;
+}
+
 void Live::Show(const std::string& /*none*/) {
   const auto input = pipeline_.GetInput();
   std::cout << "state    " << ToText(pipeline_.GetState()) << (pipeline_.GetEnable() ? ", enabled" : ", not enabled")
@@ -193,15 +225,16 @@ void Live::Quit(const std::string& /*none*/) {
   quit_ = true;
 }
 
-void Live::Apply(const std::string& label, const std::function<void()>& change) {
+void Live::Apply(const std::string& label, const std::function<void()>& change,
+                 const std::function<std::string()>& result) {
   const auto begin = std::chrono::steady_clock::now();
   change();
   const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
   changes_.push_back({label, took.count()});
   std::ostringstream text;
   text << label << ": " << std::fixed << std::setprecision(1) << took.count() << " ms";
-  if (label.compare(0, 6, "filter") == 0) {
-    text << ", now " << GetGraph(pipeline_);
+  if (result) {
+    text << ", now " << result();
   }
   Say(text.str());
 }
@@ -211,6 +244,14 @@ void Live::Say(const std::string& text) const {
   std::ostringstream line;
   line << std::fixed << std::setprecision(3) << std::setw(8) << since.count() << " s  " << text << '\n';
   std::cout << line.str() << std::flush;
+}
+
+Ptr<GstElement> Live::Find(const std::string& name) {
+  Ptr<GstElement> element(gst_bin_get_by_name(GST_BIN(&pipeline_.Get()), name.c_str()));
+  if (!element) {
+    throw std::runtime_error("no element '" + name + "'");
+  }
+  return element;
 }
 
 void Live::CheckNameIsFree(GstElement& element) {

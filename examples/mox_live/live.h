@@ -2,6 +2,7 @@
 #define MOX_LIVE_LIVE_H
 
 #include "mox/gstreamer/pipeline.h"
+#include "mox_live/frame_counter.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -13,8 +14,6 @@
 #include <vector>
 
 #include <gst/gst.h>
-
-#include "mox_live/frame_counter.h"
 
 namespace mox_live {
 
@@ -68,11 +67,16 @@ class Live {
   void SetInput(const std::string& description);
   void Start(const std::string& none);
   void Stop(const std::string& none);
+  void Set(const std::string& argument);
+  void Describe(const std::string& name);
   void Show(const std::string& none);
   void Wait(const std::string& seconds);
   void Quit(const std::string& none);
 
-  void Apply(const std::string& label, const std::function<void()>& change);
+  // Tells how long the change took and, where there is something to tell, what it led to.
+  void Apply(const std::string& label, const std::function<void()>& change,
+             const std::function<std::string()>& result = {});
+  mox::gstreamer::Ptr<GstElement> Find(const std::string& name);
   void CheckNameIsFree(GstElement& element);
   void Say(const std::string& text) const;
   static GstBusSyncReply OnMessage(GstBus* bus, GstMessage* message, gpointer self) noexcept;

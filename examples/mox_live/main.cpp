@@ -1,5 +1,6 @@
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/session.h"
+#include "mox_live/live.h"
 
 #include <exception>
 #include <iostream>
@@ -10,8 +11,6 @@
 #include <gst/gst.h>
 
 #include <getopt.h>
-
-#include "mox_live/live.h"
 
 namespace {
 

@@ -77,6 +77,24 @@ TEST(MoxLive, GoesOnAfterARefusedCommand) {
   EXPECT_EQ(result.text.find("fly again"), std::string::npos);
 }
 
+TEST(MoxLive, SetsAndDescribesWhatPlays) {
+  const auto result = RunLive(
+      "-i 'videotestsrc is-live=true' -o 'fakesink name=screen' -f 'moxlevels name=levels'",
+      "start\nwait 0.5\nset levels gain 1.5\nset levels label a \"b\" \xc3\xa9\nset screen sync true\ndescribe levels\n"
+      "set levels gain 17\nset levels gain much\nset levels shine 1\nset levels gain\nset nobody gain 1\n"
+      "describe screen\ndescribe levels\nshow\n");
+  EXPECT_EQ(result.status, 1) << result.text;
+  ExpectText(result, R"(set levels gain: \d+\.\d ms, now 1.5\n)");
+  ExpectText(result,
+             R"(\{"properties":\[.*"value":1.5,"minimum":0.0,"maximum":16.0\}.*"value":"a \\"b\\" \xc3\xa9"\}\]\}\n)");
+  ExpectText(result, "mox-live: the property 'gain' of levels does not take '17'\n(.*\n)*.*does not take 'much'\n");
+  ExpectText(result, "mox-live: cannot set the property 'shine' of levels\n");
+  ExpectText(result, "mox-live: use: set ELEMENT PROPERTY VALUE\n");
+  ExpectText(result, "mox-live: no element 'nobody'\n");
+  ExpectText(result, "mox-live: 'screen' does not describe itself\n");
+  ExpectText(result, R"(filters  \[levels\]\noutput screen: [1-9])");
+}
+
 TEST(MoxLive, TellsAStreamThatEnded) {
   const auto result = RunLive("-i 'videotestsrc num-buffers=5' -o 'fakesink name=screen'",
                               "start\nwait 60\nfilter add identity\ninput videotestsrc num-buffers=7\nwait 60\nshow\n");

@@ -1,0 +1,59 @@
+#include "mox/property/property.h"
+
+#include "mox/property/convert.h"
+
+#include <stdexcept>
+#include <utility>
+
+namespace mox::property {
+namespace {
+
+// What a thread reads as text. A pointer into a property would dangle as soon as another thread sets it.
+thread_local std::string text_read;
+
+}  // namespace
+
+Property::Property(const hash::MurmurThree32& type_hash, std::string name, std::string nice_name,
+                   std::string description)
+    : Object(type_hash),
+      name_(std::move(name)),
+      nice_name_(std::move(nice_name)),
+      description_(std::move(description)) {}
+
+object::BadCast Property::BadCastError(const char* type_name) const {
+  const char* const own = TypeName(GetTypeHash());
+  return object::BadCast("The '" + name_ + "' property is of " +
+                         (own != nullptr ? std::string("type ") + own : "an unknown type") + ", not " + type_name);
+}
+
+template <typename T>
+T Property::Read() const {
+  const Value value = Get();
+  if (auto converted = Convert<T>(value)) {
+    return *std::move(converted);
+  }
+  throw std::runtime_error("The value " + ToText(ToJson(value)) + " of the '" + name_ +
+                           "' property cannot be read as " + kTypeName<T>);
+}
+
+template bool Property::Read() const;
+template signed char Property::Read() const;
+template unsigned char Property::Read() const;
+template int Property::Read() const;
+template unsigned int Property::Read() const;
+template long Property::Read() const;
+template unsigned long Property::Read() const;
+template float Property::Read() const;
+template double Property::Read() const;
+
+Property::operator const char*() const {
+  text_read = Read<std::string>();
+  return text_read.c_str();
+}
+
+std::ostream& operator<<(std::ostream& stream, const Property& property) {
+  property.Write(stream);
+  return stream;
+}
+
+}  // namespace mox::property

@@ -1,0 +1,26 @@
+#ifndef MOX_TYPE_BAD_CAST_H
+#define MOX_TYPE_BAD_CAST_H
+
+#include "mox/export.h"
+
+#include <string>
+#include <typeinfo>
+#include <utility>
+
+namespace mox::type {
+
+/** The error of a failed conversion from one type to another: tells which. */
+class MOX_EXPORT BadCast : public std::bad_cast {
+ public:
+  explicit BadCast(std::string message) : message_(std::move(message)) {}
+
+  /** The message given at construction. */
+  const char* what() const noexcept override { return message_.c_str(); }
+
+ private:
+  std::string message_;
+};
+
+}  // namespace mox::type
+
+#endif

@@ -1,0 +1,135 @@
+#include "mox/gstreamer/session.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gst/check/gstharness.h>
+#include <gst/video/video.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+/** The element alone, with frames of a format. A session finds it, with nothing set in the environment. */
+class Levels : public testing::Test {
+ protected:
+  ~Levels() override {
+    if (harness_ != nullptr) {
+      gst_harness_teardown(harness_);
+    }
+  }
+
+  void Start(GstVideoFormat format) {
+    if (harness_ != nullptr) {
+      gst_harness_teardown(harness_);
+    }
+    harness_ = gst_harness_new("moxlevels");
+    gst_video_info_set_format(&info_, format, 37, 5);  // rows with bytes behind them
+    GstCaps* const caps = gst_video_info_to_caps(&info_);
+    gst_harness_set_caps(harness_, gst_caps_ref(caps), caps);
+  }
+
+  GstElement* Get() { return harness_->element; }
+
+  Bytes Push(Bytes frame) {
+    GstBuffer* const in = gst_buffer_new_memdup(frame.data(), frame.size());
+    GstBuffer* const out = gst_harness_push_and_pull(harness_, in);
+    gst_buffer_extract(out, 0, frame.data(), frame.size());
+    gst_buffer_unref(out);
+    return frame;
+  }
+
+  GstVideoInfo info_{};
+
+ private:
+  const mox::gstreamer::Session session_;
+  GstHarness* harness_ = nullptr;
+};
+
+TEST_F(Levels, FollowsTheFormulaInEveryFormat) {
+  for (const char* const name : {"I420", "YV12", "NV12", "NV21", "Y42B", "Y444", "GRAY8", "RGB", "BGR", "RGBx", "BGRx",
+                                 "xRGB", "xBGR", "RGBA", "BGRA", "ARGB", "ABGR"}) {
+    Start(gst_video_format_from_string(name));
+    g_object_set(Get(), "lift", -20, "gain", 1.5F, "gamma", 2.2, nullptr);
+    Bytes frame(GST_VIDEO_INFO_SIZE(&info_));
+    std::generate(frame.begin(), frame.end(), [value = 0U]() mutable { return static_cast<std::uint8_t>(value++); });
+    Bytes expected = frame;
+    for (int component = 0; component < (GST_VIDEO_INFO_IS_RGB(&info_) ? 3 : 1); ++component) {
+      for (int y = 0; y < 5; ++y) {
+        for (int x = 0; x < 37; ++x) {
+          auto& level = expected[GST_VIDEO_INFO_COMP_OFFSET(&info_, component) +
+                                 static_cast<std::size_t>(GST_VIDEO_INFO_COMP_STRIDE(&info_, component) * y +
+                                                          GST_VIDEO_INFO_COMP_PSTRIDE(&info_, component) * x)];
+          const double light = std::min(std::max((1.5 * level - 20) / 255, 0.0), 1.0);
+          level = static_cast<std::uint8_t>(std::floor(255 * std::pow(light, 1 / 2.2) + 0.5));
+        }
+      }
+    }
+    EXPECT_EQ(Push(frame), expected) << name;
+    g_object_set(Get(), "enabled", FALSE, nullptr);
+    EXPECT_EQ(Push(frame), frame) << name;
+    g_object_set(Get(), "enabled", TRUE, nullptr);
+    EXPECT_EQ(Push(frame), expected) << name;
+  }
+}
+
+TEST_F(Levels, KeepsItsValueWhereItRefusesAnother) {
+  Start(GST_VIDEO_FORMAT_GRAY8);
+  g_object_set(Get(), "name", "grey", "gamma", 2.0, "label", "\xc3\xa9", nullptr);
+  g_test_expect_message(
+      nullptr, G_LOG_LEVEL_WARNING,
+      "grey: property 'gamma': The 'gamma' property takes a mox.property.Double from 0.1 to 10.0, not "
+      "\"NaN\"");
+  // GObject itself would not pass such a value on.
+  GObjectClass* const klass = G_OBJECT_GET_CLASS(Get());
+  GParamSpec* const pspec = g_object_class_find_property(klass, "gamma");
+  GValue value = G_VALUE_INIT;
+  g_value_init(&value, G_TYPE_DOUBLE);
+  g_value_set_double(&value, std::numeric_limits<double>::quiet_NaN());
+  klass->set_property(G_OBJECT(Get()), pspec->param_id, &value, pspec);
+  g_test_assert_expected_messages();
+  char* json = nullptr;
+  g_signal_emit_by_name(Get(), "describe", &json);
+  const std::unique_ptr<char, decltype(&g_free)> owned(json, g_free);
+  const std::string text = json;
+  EXPECT_EQ(text.rfind(R"({"properties":[{"name":"enabled",)", 0), 0U) << text;
+  EXPECT_NE(text.find(R"("type":"mox.property.Double","value":2.0,"minimum":0.1,"maximum":10.0})"), std::string::npos);
+  EXPECT_NE(text.find("\"value\":\"\xc3\xa9\"}]}"), std::string::npos) << text;
+}
+
+TEST_F(Levels, TakesOverSettingsWhileFramesPass) {
+  Start(GST_VIDEO_FORMAT_GRAY8);
+  std::atomic<bool> ends{false};
+  std::thread setter([&] {
+    for (int i = 0; !ends; ++i) {
+      const int lift = i % 2 == 0 ? 10 : -10;
+      int now = 0;
+      g_object_set(Get(), "lift", lift, "label", "a text that is too long to lie inside a string", nullptr);
+      g_object_get(Get(), "lift", &now, nullptr);
+      EXPECT_EQ(now, lift);
+    }
+  });
+  const Bytes frame(GST_VIDEO_INFO_SIZE(&info_), 100);
+  bool darker = false;
+  bool brighter = false;
+  for (int i = 0; i < 1000000 && !(darker && brighter && i >= 1000); ++i) {
+    const Bytes changed = Push(frame);
+    EXPECT_EQ(std::count(changed.begin(), changed.begin() + 37, changed[0]), 37);
+    darker = darker || changed[0] == 90;
+    brighter = brighter || changed[0] == 110;
+  }
+  ends = true;
+  setter.join();
+  EXPECT_TRUE(darker && brighter);
+}
+
+}  // namespace

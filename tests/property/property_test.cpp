@@ -1,0 +1,151 @@
+#include "mox/property/property.h"
+
+#include "mox/property/primitive.h"
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace mox::property {
+namespace {
+
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+
+template <typename T>
+Primitive<T> Make(T value, Limits<T> limits = {}) {
+  return {"gain", "Gain", "How loud", value, limits};
+}
+
+std::string ErrorOf(const std::function<void()>& function) {
+  try {
+    function();
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+// Whether the property takes the value, and holds it then; if not, it keeps its own.
+template <typename T, typename Value>
+bool Takes(const Value& value, Limits<T> limits = {}) {
+  auto property = Make<T>(T(), limits);
+  if (ErrorOf([&] { property = value; }) == "no error") {
+    return property.GetValue() == static_cast<T>(value);
+  }
+  EXPECT_EQ(property.GetValue(), T());
+  return false;
+}
+
+// The hashes were computed with Guava 31.1 (Hashing.murmur3_32_fixed(0x0AEF6901).hashBytes of the name) and, to the
+// same result, with Perl's Digest::MurmurHash3::PurePerl 0.3 (murmur32), both as Debian packages them.
+template <typename T>
+void ExpectType(const char* name, std::uint32_t hash) {
+  EXPECT_EQ(Make<T>(T()).GetTypeHash().Get(), hash) << name;
+  EXPECT_STREQ(object::Object::TypeName(Make<T>(T()).GetTypeHash()), name);
+}
+
+TEST(Property, IsOfANamedType) {
+  ExpectType<std::string>("mox.property.String", 0x0ca3dcc0);
+  ExpectType<bool>("mox.property.Bool", 0x65ba4d35);
+  ExpectType<signed char>("mox.property.Int8", 0xbd407532);
+  ExpectType<unsigned char>("mox.property.UInt8", 0xce56d2e2);
+  ExpectType<float>("mox.property.Float", 0x60b38723);
+  ExpectType<double>("mox.property.Double", 0x9a5fa09f);
+  ExpectType<int>("mox.property.Int32", 0x0b8ed075);
+  ExpectType<unsigned int>("mox.property.UInt32", 0xeea873fe);
+  ExpectType<long>("mox.property.Int64", 0xf4acd43d);
+  ExpectType<unsigned long>("mox.property.UInt64", 0x77e5d8b5);
+
+  const auto number = Make<int>(5);
+  const Property& property = number;
+  EXPECT_EQ(&property.As<Primitive<int>>(), &number);
+  try {
+    property.As<Primitive<float>>();
+    ADD_FAILURE();
+  } catch (const std::bad_cast& error) {
+    EXPECT_STREQ(error.what(), "The 'gain' property is of type mox.property.Int32, not mox.property.Float");
+  }
+}
+
+TEST(Property, TakesWhatKeepsTheValue) {
+  constexpr long kLong = std::numeric_limits<long>::max();
+  constexpr long kExact = 1L << 53;
+  EXPECT_TRUE(Takes<signed char>(-128) && !Takes<signed char>(128) && !Takes<signed char>(-129L));
+  EXPECT_TRUE(Takes<unsigned char>(255.0) && !Takes<unsigned char>(-1) && !Takes<unsigned char>(256U));
+  EXPECT_TRUE(Takes<int>(-3.0F) && !Takes<int>(2.5) && !Takes<int>(kNan) && !Takes<int>(-kInfinity));
+  EXPECT_TRUE(Takes<unsigned long>(kLong) && !Takes<unsigned long>(-1L) && !Takes<unsigned long>(0x1p64));
+  EXPECT_TRUE(Takes<long>(-0x1p63) && !Takes<long>(0x1p63) && !Takes<long>(kLong + 1UL));
+  EXPECT_TRUE(Takes<double>(kExact) && !Takes<double>(kExact + 1) && Takes<double>(0.1F));
+  EXPECT_TRUE(Takes<float>(0.1) && !Takes<float>(1e39) && !Takes<float>(kInfinity));
+  EXPECT_TRUE(Takes<float>(kInfinity, {0, std::numeric_limits<float>::infinity()}) && !Takes<double>(kNan));
+  EXPECT_TRUE(Takes<bool>(1) && Takes<int>(true) && !Takes<bool>(2) && !Takes<bool>(0.5));
+  EXPECT_TRUE(Takes<int>(10, {0, 10}) && !Takes<int>(11, {0, 10}) && !Takes<int>(-1L, {0, 10}));
+
+  auto text = Make<std::string>("5");
+  auto number = Make<float>(0.5F, {0, 4});
+  EXPECT_EQ(ErrorOf([&] { number = 4.1; }), "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not 4.1");
+  EXPECT_EQ(ErrorOf([&] { number = "4"; }),
+            "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not \"4\"");
+  EXPECT_EQ(ErrorOf([&] { text = 4; }), "The 'gain' property takes a mox.property.String, not 4");
+  EXPECT_EQ(ErrorOf([&] { static_cast<void>(static_cast<int>(number)); }),
+            "The value 0.5 of the 'gain' property cannot be read as mox.property.Int32");
+  EXPECT_EQ(ErrorOf([&] { static_cast<void>(static_cast<unsigned char>(text)); }),
+            "The value \"5\" of the 'gain' property cannot be read as mox.property.UInt8");
+  EXPECT_EQ(number.GetValue(), 0.5F);
+  EXPECT_EQ(text.GetValue(), "5");
+  const Property& property = text = "\xc3\xa9";
+  EXPECT_STREQ(property, "\xc3\xa9");
+}
+
+template <typename T>
+std::string Describe(T value, Limits<T> limits = {}) {
+  std::ostringstream stream;
+  stream << Make<T>(value, limits);
+  return stream.str().substr(
+      std::string(R"({"name":"gain","nice_name":"Gain","description":"How loud","type":)").size());
+}
+
+TEST(Property, DescribesItselfInJson) {
+  std::ostringstream stream;
+  stream << Primitive<bool>("a\"b", "", "\xc3\xa9\n", true);
+  EXPECT_EQ(stream.str(),
+            "{\"name\":\"a\\\"b\",\"nice_name\":\"\",\"description\":\"\xc3\xa9\\n\",\"type\":\"mox.property.Bool\","
+            "\"value\":true}");
+  EXPECT_EQ(Describe<float>(0.1F, {-std::numeric_limits<float>::infinity(), 4}),
+            R"("mox.property.Float","value":0.1,"minimum":"-Infinity","maximum":4.0})");
+  EXPECT_EQ(Describe<double>(kNan, {-0.0, kInfinity}),
+            R"("mox.property.Double","value":"NaN","minimum":-0.0,"maximum":"Infinity"})");
+  EXPECT_EQ(Describe<signed char>(-7), R"("mox.property.Int8","value":-7,"minimum":-128,"maximum":127})");
+  EXPECT_EQ(Describe<unsigned long>(~0UL),
+            R"("mox.property.UInt64","value":18446744073709551615,"minimum":0,"maximum":18446744073709551615})");
+  EXPECT_EQ(Describe<std::string>("x\xff\\"), "\"mox.property.String\",\"value\":\"x\xef\xbf\xbd\\\\\"}");
+}
+
+TEST(Property, IsUsedByThreadsAtOnce) {
+  auto number = Make<double>(0);
+  auto text = Make<std::string>("");
+  const auto set = [&](double value) {
+    const std::string long_text(1000, value > 0 ? 'x' : 'y');
+    for (int i = 0; i < 1000; ++i) {
+      number = value;
+      text = long_text.c_str();
+      const double number_now = number;
+      const std::string text_now = static_cast<const char*>(text);
+      EXPECT_TRUE(number_now == 1 || number_now == -1);
+      EXPECT_EQ(text_now, std::string(1000, text_now[0]));
+      std::ostringstream() << text;
+    }
+  };
+  std::thread other(set, -1);
+  set(1);
+  other.join();
+}
+
+}  // namespace
+}  // namespace mox::property
