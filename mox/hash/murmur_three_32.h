@@ -10,14 +10,19 @@ namespace mox::hash {
 /** A hash of bytes: the published MurmurHash3 in its variant for x86 with 32 bits (MurmurHash3_x86_32). */
 class MurmurThree32 {
  public:
+  /** The hash of the bytes under the seed. */
   constexpr MurmurThree32(std::string_view bytes, std::uint32_t seed) noexcept : value_(Hash(bytes, seed)) {}
 
+  /** The hash as a number. */
   constexpr std::uint32_t Get() const noexcept { return value_; }
 
+  /** By number. */
+  ///@{
   friend constexpr bool operator==(MurmurThree32 left, MurmurThree32 right) noexcept {
     return left.value_ == right.value_;
   }
   friend constexpr bool operator!=(MurmurThree32 left, MurmurThree32 right) noexcept { return !(left == right); }
+  ///@}
 
  private:
   static constexpr std::uint32_t RotateLeft(std::uint32_t value, unsigned bits) noexcept {

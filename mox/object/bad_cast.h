@@ -12,6 +12,7 @@ namespace mox::object {
 /** The error of an object that is not of the type it was asked for as: tells which. */
 class MOX_EXPORT BadCast : public std::bad_cast {
  public:
+  /** An error whose text is @p message. */
   explicit BadCast(std::string message) : message_(std::move(message)) {}
 
   /** The message given at construction. */

@@ -16,6 +16,7 @@ class MOX_EXPORT Object {
   Object(const Object&) = delete;
   Object& operator=(const Object&) = delete;
 
+  /** The hash of the name of this object's type. */
   const hash::MurmurThree32& GetTypeHash() const noexcept { return type_hash_; }
 
   /** The hash that stands for the type called @p type_name. */
@@ -34,6 +35,7 @@ class MOX_EXPORT Object {
   static const char* TypeName(const hash::MurmurThree32& hash) noexcept;
 
  protected:
+  /** @p type_hash stands for the type of the object to be. */
   explicit Object(const hash::MurmurThree32& type_hash) noexcept : type_hash_(type_hash) {}
 
  private:

@@ -14,7 +14,9 @@ class MOX_EXPORT Binder {
   Binder& operator=(const Binder&) = delete;
   virtual ~Binder() = default;
 
+  /** Makes the property known; each name once. */
   virtual void Bind(Property& property) = 0;
+  /** The opposite, by the name; one that is not bound is no error. */
   virtual void Unbind(Property& property) = 0;
 };
 

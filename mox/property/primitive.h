@@ -14,8 +14,11 @@ namespace mox::property {
 /** The least and the greatest number that a property takes: without others, those of its type. */
 template <typename T>
 struct Limits {
+  /** Both are taken themselves. */
+  ///@{
   T minimum = std::numeric_limits<T>::lowest();
   T maximum = std::numeric_limits<T>::max();
+  ///@}
 };
 
 template <>
@@ -28,6 +31,7 @@ struct Limits<std::string> {};
 template <typename T>
 class MOX_EXPORT Primitive final : public Property {
  public:
+  /** The dotted name of this kind. */
   static constexpr const char* kTypeName = property::kTypeName<T>;
 
   /**
@@ -36,7 +40,9 @@ class MOX_EXPORT Primitive final : public Property {
    */
   Primitive(std::string name, std::string nice_name, std::string description, T value, Limits<T> limits = {});
 
+  /// @cond told with the base
   using Property::operator=;
+  /// @endcond
 
   /** The value. Of a text, a copy. */
   T GetValue() const;

@@ -22,8 +22,11 @@ namespace mox::property {
  */
 class MOX_EXPORT Property : public object::Object {
  public:
+  /** The name by which programs call the property. */
   const std::string& GetName() const noexcept { return name_; }
+  /** The name that people read. */
   const std::string& GetNiceName() const noexcept { return nice_name_; }
+  /** A sentence on what the property does. */
   const std::string& GetDescription() const noexcept { return description_; }
 
   /**
@@ -43,6 +46,7 @@ class MOX_EXPORT Property : public object::Object {
   object::BadCast BadCastError(const char* type_name) const;
 
   /** @throws std::runtime_error if the property does not take the value; its limits are part of the message */
+  ///@{
   Property& operator=(bool value) { return Assign(value); }
   Property& operator=(signed char value) { return Assign(value); }
   Property& operator=(unsigned char value) { return Assign(value); }
@@ -52,10 +56,12 @@ class MOX_EXPORT Property : public object::Object {
   Property& operator=(unsigned long value) { return Assign(value); }
   Property& operator=(float value) { return Assign(value); }
   Property& operator=(double value) { return Assign(value); }
+  ///@}
   /** Copies the text, which is not null. */
   Property& operator=(const char* value) { return Assign(std::string(value)); }
 
   /** @throws std::runtime_error if the type cannot hold the value */
+  ///@{
   operator bool() const { return Read<bool>(); }
   operator signed char() const { return Read<signed char>(); }
   operator unsigned char() const { return Read<unsigned char>(); }
@@ -65,6 +71,7 @@ class MOX_EXPORT Property : public object::Object {
   operator unsigned long() const { return Read<unsigned long>(); }
   operator float() const { return Read<float>(); }
   operator double() const { return Read<double>(); }
+  ///@}
   /**
    * A copy of the text, which is the calling thread's own: it stays until this thread reads the text of a property
    * again, of whichever, or ends. To keep it, copy it.
@@ -79,10 +86,12 @@ class MOX_EXPORT Property : public object::Object {
   MOX_EXPORT friend std::ostream& operator<<(std::ostream& stream, const Property& property);
 
  protected:
+  /** All three texts are UTF-8. */
   Property(const hash::MurmurThree32& type_hash, std::string name, std::string nice_name, std::string description);
 
   /** Takes the value or throws, as the operators do. */
   virtual void Set(const Value& value) = 0;
+  /** The value in the property's own type. */
   virtual Value Get() const = 0;
   /** Writes one JSON value. */
   virtual void Write(std::ostream& stream) const = 0;

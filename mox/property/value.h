@@ -11,6 +11,7 @@ using Value =
     std::variant<bool, signed char, unsigned char, int, unsigned int, long, unsigned long, float, double, std::string>;
 
 /** The name of the type of a `Primitive<T>`. */
+///@{
 template <typename T>
 inline constexpr const char* kTypeName = nullptr;
 template <>
@@ -33,6 +34,7 @@ template <>
 inline constexpr const char* kTypeName<double> = "mox.property.Double";
 template <>
 inline constexpr const char* kTypeName<std::string> = "mox.property.String";
+///@}
 
 }  // namespace mox::property
 

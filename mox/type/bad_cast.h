@@ -12,6 +12,7 @@ namespace mox::type {
 /** The error of a failed conversion from one type to another: tells which. */
 class MOX_EXPORT BadCast : public std::bad_cast {
  public:
+  /** An error whose text is @p message. */
   explicit BadCast(std::string message) : message_(std::move(message)) {}
 
   /** The message given at construction. */
