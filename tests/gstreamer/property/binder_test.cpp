@@ -8,7 +8,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include <glib-object.h>
@@ -246,28 +245,6 @@ TEST(PropertyBinder, InstallsTheOthersWhereGlibRefusesOne) {
   g_test_assert_expected_messages();
   EXPECT_EQ(instance.Find("limits"), nullptr);
   ExpectSpec(instance.Find("good"), G_TYPE_PARAM_INT, 3);
-}
-
-TEST(PropertyBinder, PassesValuesOnThreadsAtOnce) {
-  auto text = Make<std::string>("text", "");
-  Binder binder;
-  binder.Bind(text);
-  Instance instance(binder);
-  GParamSpec* const pspec = instance.Find("text");
-  const auto use = [&](const char* written) {
-    GValue value = G_VALUE_INIT;
-    g_value_init(&value, G_TYPE_STRING);
-    for (int i = 0; i < 1000; ++i) {
-      g_value_set_string(&value, written);
-      binder.SetProperty(1, &value, pspec);
-      binder.GetProperty(1, &value, pspec);
-      EXPECT_EQ(std::string(g_value_get_string(&value)).substr(2), " is a text too long to lie inside a string");
-    }
-    g_value_unset(&value);
-  };
-  std::thread other(use, "it is a text too long to lie inside a string");
-  use("so is a text too long to lie inside a string");
-  other.join();
 }
 
 }  // namespace
