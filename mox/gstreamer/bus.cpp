@@ -47,12 +47,13 @@ class Bus::Impl {
       // Refused by the container itself, before anything is counted: the wrapper below would never look empty.
       callbacks_.Insert(nullptr);
     }
+    std::size_t& count = counts_[type];
     const unsigned index = callbacks_.Insert([type, callback = std::move(callback)](const GstMessage& message) {
       if (GST_MESSAGE_TYPE(&message) == type) {
         callback(message);
       }
     });
-    ++counts_[type];
+    ++count;
     Update();
     return index;
   }
@@ -133,7 +134,7 @@ mox::type::Binding Bus::Bind(GstMessageType type, Callback callback) {
   if (static_cast<std::uint32_t>(type) >= static_cast<std::uint32_t>(GST_MESSAGE_EXTENDED)) {
     throw std::logic_error("Cannot register types exceeding GST_MESSAGE_EXTENDED");
   }
-  auto release = [weak = std::weak_ptr<Impl>(impl_), type](unsigned index) {
+  std::function<void(unsigned)> release = [weak = std::weak_ptr<Impl>(impl_), type](unsigned index) {
     if (const auto alive = weak.lock()) {
       alive->Unbind(type, index);
     }

@@ -60,13 +60,17 @@ class MOX_EXPORT Bus {
    */
   mox::type::Binding Bind(GstMessageType type, std::function<void(const GstMessage&)> callback);
 
-  /** Exchanges the two; the callbacks go with their buses. */
-  friend void swap(Bus& left, Bus& right) noexcept { left.impl_.swap(right.impl_); }
+  friend void swap(Bus& left, Bus& right) noexcept;
 
  private:
   class Impl;
   std::shared_ptr<Impl> impl_;
 };
+
+/** Exchanges the two; the callbacks go with their buses. */
+inline void swap(Bus& left, Bus& right) noexcept {
+  left.impl_.swap(right.impl_);
+}
 
 }  // namespace mox::gstreamer
 

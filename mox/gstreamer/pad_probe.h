@@ -57,13 +57,17 @@ class MOX_EXPORT PadProbe {
    */
   std::future<GstPadProbeReturn> GetFuture();
 
-  /** Exchanges the two. */
-  friend void swap(PadProbe& left, PadProbe& right) noexcept { left.impl_.swap(right.impl_); }
+  friend void swap(PadProbe& left, PadProbe& right) noexcept;
 
  private:
   class Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+/** Exchanges the two. */
+inline void swap(PadProbe& left, PadProbe& right) noexcept {
+  left.impl_.swap(right.impl_);
+}
 
 }  // namespace mox::gstreamer
 

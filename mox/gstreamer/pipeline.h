@@ -109,13 +109,17 @@ class MOX_EXPORT Pipeline {
    */
   void SetEnable(bool enable);
 
-  /** Exchanges the two. */
-  friend void swap(Pipeline& left, Pipeline& right) noexcept { left.impl_.swap(right.impl_); }
+  friend void swap(Pipeline& left, Pipeline& right) noexcept;
 
  private:
   class Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+/** Exchanges the two. */
+inline void swap(Pipeline& left, Pipeline& right) noexcept {
+  left.impl_.swap(right.impl_);
+}
 
 }  // namespace mox::gstreamer
 

@@ -1,5 +1,6 @@
 #include "mox/gstreamer/session.h"
 
+#include "mox/gstreamer/or_null.h"
 #include "mox/logging/logger.h"
 #include "mox/system/environment.h"
 #include "mox/system/path.h"
@@ -7,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -31,7 +31,7 @@ Level GstLevelToMoxLevel(GstDebugLevel level) noexcept {
   return index < levels.size() ? levels[index] : Level::None;
 }
 
-/** The word at @p address, or none where nothing can be read. */
+// The word at the address, or none where nothing can be read.
 std::optional<const void*> Read(const void* address) noexcept {
   if (reinterpret_cast<std::uintptr_t>(address) % alignof(void*) != 0) {
     return std::nullopt;
@@ -44,43 +44,53 @@ std::optional<const void*> Read(const void* address) noexcept {
   return readable ? std::optional(*static_cast<const void* const*>(address)) : std::nullopt;
 }
 
-/** Whether @p type is a registered type: a small number, or the address of GLib's description of the type. Where it is
- *  neither, it must be an address that can be read. */
+// Whether the address, which can be read itself, is followed by as much as GLib's description of a type takes.
+bool HoldsType(const void* address) noexcept {
+  constexpr std::size_t description = 9;  // words
+  return Read(static_cast<const void* const*>(address) + description).has_value();
+}
+
+// Whether this is a registered type: a small number, or the address of GLib's description of the type.
 bool IsType(GType type) noexcept {
   const char* const name = g_type_name(type);
   return name != nullptr && g_type_from_name(name) == type;
 }
 
-/** The name of the type of @p object, or null where it has none. GStreamer hands over whatever the line is about: an
- *  instance, which starts with the address of its class, which starts with the type; a caps, event or other boxed kind,
- *  which starts with its type; or something else altogether. */
+// The name of the type of an object, or null where it has none. GStreamer hands over whatever the line is about: an
+// instance, which starts with the address of its class, which starts with the type; a caps, event or other boxed kind,
+// which starts with its type; or something else altogether.
 const char* GetTypeName(const GObject* object) noexcept {
   const auto first = Read(object);
   const auto second = first ? Read(*first) : std::nullopt;
   if (!second) {
     return nullptr;
   }
-  if (const auto type = reinterpret_cast<GType>(*first); IsType(type)) {
+  if (const auto type = reinterpret_cast<GType>(*first); HoldsType(*first) && IsType(type)) {
     return g_type_name(type);
   }
   const auto type = reinterpret_cast<GType>(*second);
-  const bool is_instance =
-      (type <= G_TYPE_FUNDAMENTAL_MAX || Read(*second)) && IsType(type) && g_type_class_peek(type) == *first;
+  const bool is_instance = (type <= G_TYPE_FUNDAMENTAL_MAX || (Read(*second) && HoldsType(*second))) && IsType(type) &&
+                           g_type_class_peek(type) == *first;
   return is_instance ? g_type_name(type) : nullptr;
 }
 
 void LogGstreamerMessage(GstDebugCategory* /*category*/, GstDebugLevel level, const char* file, const char* function,
                          int line, GObject* object, GstDebugMessage* message, void* /*data*/) noexcept try {
+  const Level mapped = GstLevelToMoxLevel(level);
+  // To name the object takes more than to log the line, and most lines are for nobody.
+  if (!Log.Filter(Log.GetName(), mapped)) {
+    return;
+  }
   std::string type = "Unknown";
   if (const char* const name = GetTypeName(object)) {
     type = name;
   }
   const char* const text = gst_debug_message_get(message);
   if (text != nullptr) {
-    Log.Log(GstLevelToMoxLevel(level), "[%0%:%1% (%2%)] GObject Type: %3%: %4%", file, line, function, type, text);
+    Log.Log(mapped, "[%0%:%1% (%2%)] GObject Type: %3%: %4%", file, line, function, type, text);
   } else {
-    Log.Log(GstLevelToMoxLevel(level), "[%0%:%1% (%2%)] GObject Type: %3%: gst_debug_message_get returned NULL", file,
-            line, function, type);
+    Log.Log(mapped, "[%0%:%1% (%2%)] GObject Type: %3%: gst_debug_message_get returned NULL", file, line, function,
+            type);
   }
 } catch (...) {
   // There is no memory for the line, nor a caller to tell.
@@ -160,16 +170,8 @@ Session::~Session() {
 }  // namespace mox::gstreamer
 
 void* MoxGstreamerSessionCreate(void) {
-  using mox::gstreamer::Log;
-  using mox::logging::Level;
-  try {
-    return new mox::gstreamer::Session;
-  } catch (const std::exception& error) {
-    Log.Log(Level::Error, "Could not create gstreamer session: %0%", error.what());
-  } catch (...) {
-    Log.Log(Level::Error, "Could not create gstreamer session");
-  }
-  return nullptr;
+  return mox::gstreamer::OrNull(mox::gstreamer::Log, "Could not create gstreamer session: %0%",
+                                "Could not create gstreamer session", [] { return new mox::gstreamer::Session; });
 }
 
 void MoxGstreamerSessionRelease(void* session) {

@@ -7,6 +7,8 @@
 namespace mox::gstreamer::check::bin {
 
 void AddElement(GstBin& bin, GstElement& element, boost::string_view prefix) {
+  // A bin that refuses a floating element drops it, and the message is to name it.
+  const Ptr<GstElement> kept(GST_ELEMENT(gst_object_ref(&element)));
   if (!gst_bin_add(&bin, &element)) {
     Fail(prefix, "Failed to add element '", element::GetFullName(element), "' to bin '",
          element::GetFullName(*GST_ELEMENT(&bin)), "'");

@@ -66,6 +66,9 @@ template <>
 struct Reference<GstSample> : MiniObjectReference<GstSample> {};
 
 template <>
+struct Reference<GstPromise> : MiniObjectReference<GstPromise> {};
+
+template <>
 struct Reference<GstBufferList> : MiniObjectReference<GstBufferList> {};
 
 /**

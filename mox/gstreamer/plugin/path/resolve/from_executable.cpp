@@ -1,10 +1,9 @@
 #include "mox/gstreamer/plugin/path/resolve/from_executable.h"
 
+#include "mox/gstreamer/or_null.h"
 #include "mox/gstreamer/plugin/path/resolve/plugin_folder.h"
 #include "mox/logging/logger.h"
 #include "mox/system/path.h"
-
-#include <exception>
 
 namespace mox::gstreamer::plugin::path::resolve {
 namespace {
@@ -21,16 +20,9 @@ boost::filesystem::path FromExecutable() {
 }  // namespace mox::gstreamer::plugin::path::resolve
 
 char* MoxGstreamerPluginPathResolveFromExecutable(void) {
-  using mox::logging::Level;
   using namespace mox::gstreamer::plugin::path::resolve;
-  try {
-    return NewString(FromExecutable());
-  } catch (const std::exception& error) {
-    Log.Log(Level::Error, "Could not resolve from executable: %0%", error.what());
-  } catch (...) {
-    Log.Log(Level::Error, "Could not resolve from executable");
-  }
-  return nullptr;
+  return mox::gstreamer::OrNull(Log, "Could not resolve from executable: %0%", "Could not resolve from executable",
+                                [] { return NewString(FromExecutable()); });
 }
 
 void MoxGstreamerPluginPathResolveFromExecutableRelease(char* path) {
