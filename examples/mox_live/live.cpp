@@ -156,11 +156,13 @@ void Live::SetInput(const std::string& description) {
   CheckNameIsFree(*input);
   const auto label = "input " + GetName(*input);
   auto frames = CountFrames(*input, "src");
+  ExpectStream();
   Apply(label, [&] { pipeline_.SetInput(input); });
   counted_.push_back({label, std::move(frames)});
 }
 
 void Live::Start(const std::string& /*none*/) {
+  ExpectStream();
   Apply("start", [&] { pipeline_.SetEnable(true); });
 }
 
@@ -210,6 +212,11 @@ void Live::Show(const std::string& /*none*/) {
   std::cout << std::flush;
 }
 
+void Live::ExpectStream() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  ended_ = false;
+}
+
 void Live::Wait(const std::string& seconds) {
   std::istringstream text(seconds);
   double value = 0;
@@ -217,7 +224,6 @@ void Live::Wait(const std::string& seconds) {
     throw std::runtime_error("'" + seconds + "' is not a number of seconds");
   }
   std::unique_lock<std::mutex> lock(mutex_);
-  ended_ = false;
   stream_ended_.wait_for(lock, std::chrono::duration<double>(value), [&] { return ended_; });
 }
 

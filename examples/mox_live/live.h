@@ -73,6 +73,9 @@ class Live {
   void Wait(const std::string& seconds);
   void Quit(const std::string& none);
 
+  // A stream begins, so none has ended.
+  void ExpectStream();
+
   // Tells how long the change took and, where there is something to tell, what it led to.
   void Apply(const std::string& label, const std::function<void()>& change,
              const std::function<std::string()>& result = {});

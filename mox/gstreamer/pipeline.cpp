@@ -115,7 +115,7 @@ class Pipeline::Impl {
       check::element::SetNullState(filter_bin, bin::kElementError);
     }
     check::element::SetNullState(input_bin, bin::kElementError);
-    const bool failed = HasFailed();
+    const bool failed = HasFailed(*GST_ELEMENT(pipeline_.Get()));
     if (failed) {
       TakeDown({&output_bin, &filter_bin, &input_bin});
     }
@@ -136,15 +136,13 @@ class Pipeline::Impl {
   }
 
   void AddFilters(std::vector<Ptr<GstElement>> filters) {
-    const Lock lock(mutex_);
-    const Recovery recovery(*this);
+    const Change change(*this);
     const auto add = state_ == State::Stopped ? bin::filter::AddFilters : bin::filter::BlockAddFilters;
     add(FilterBin(), std::move(filters));
   }
 
   void EraseFilters(std::vector<Ptr<GstElement>> filters) {
-    const Lock lock(mutex_);
-    const Recovery recovery(*this);
+    const Change change(*this);
     const auto erase = state_ == State::Stopped ? bin::filter::EraseFilters : bin::filter::BlockEraseFilters;
     erase(FilterBin(), std::move(filters));
   }
@@ -155,14 +153,12 @@ class Pipeline::Impl {
   }
 
   void AddOutputs(std::vector<Ptr<GstElement>> outputs) {
-    const Lock lock(mutex_);
-    const Recovery recovery(*this);
+    const Change change(*this);
     bin::output::AddOutputs(OutputBin(), std::move(outputs));
   }
 
   void EraseOutputs(std::vector<Ptr<GstElement>> outputs) {
-    const Lock lock(mutex_);
-    const Recovery recovery(*this);
+    const Change change(*this);
     bin::output::EraseOutputs(OutputBin(), std::move(outputs));
   }
 
@@ -218,12 +214,12 @@ class Pipeline::Impl {
   void OnEndOfStream(const GstMessage& /*message*/) {}
   void OnError(const GstMessage& /*message*/) {}
 
-  // Whether an element has posted an error or refused a state since the pipeline was last told its own. From then on
-  // GStreamer takes no notice of what becomes of the bins, and none of them is brought to PLAYING any more.
-  bool HasFailed() const {
-    GST_OBJECT_LOCK(pipeline_.Get());
-    const bool failed = GST_STATE_RETURN(pipeline_.Get()) == GST_STATE_CHANGE_FAILURE;
-    GST_OBJECT_UNLOCK(pipeline_.Get());
+  // Whether an element has posted an error or refused a state since the bin was last told its own. From then on
+  // GStreamer takes no notice of what becomes of what is in the bin, and brings none of it to PLAYING any more.
+  static bool HasFailed(GstElement& bin) {
+    GST_OBJECT_LOCK(&bin);
+    const bool failed = GST_STATE_RETURN(&bin) == GST_STATE_CHANGE_FAILURE;
+    GST_OBJECT_UNLOCK(&bin);
     return failed;
   }
 
@@ -238,24 +234,44 @@ class Pipeline::Impl {
     }
   }
 
-  // Around a change: elements that a failed start has left part of the way up are brought down first, and a pipeline
-  // goes on without an element that failed and is gone, also when the change is refused.
-  class Recovery {
-   public:
-    explicit Recovery(Impl& impl) noexcept : impl_(impl) {
-      if (impl_.state_ == State::Stopped && impl_.HasFailed()) {
-        gst_element_set_state(GST_ELEMENT(impl_.pipeline_.Get()), GST_STATE_NULL);
-      }
+  // Tells a pipeline that had an error its state again: elements that a failed start has left part of the way up are
+  // brought down, and what plays goes on without an element that failed and is gone.
+  void Recover() {
+    GstElement& element = *GST_ELEMENT(pipeline_.Get());
+    if (!HasFailed(element)) {
+      return;
     }
-    Recovery(const Recovery&) = delete;
-    Recovery& operator=(const Recovery&) = delete;
-    ~Recovery() {
-      if (impl_.enable_ && impl_.HasFailed()) {
-        gst_element_set_state(GST_ELEMENT(impl_.pipeline_.Get()), GST_STATE_PLAYING);
+    if (enable_) {
+      for (GstBin* const bin : {&OutputBin(), &FilterBin(), &InputBin()}) {
+        if (HasFailed(*GST_ELEMENT(bin))) {
+          gst_element_set_state(GST_ELEMENT(bin), GST_STATE_TARGET(bin));
+        }
+      }
+      gst_element_set_state(&element, GST_STATE_PLAYING);
+    } else if (state_ == State::Stopped) {
+      gst_element_set_state(&element, GST_STATE_NULL);
+    }
+  }
+
+  // Around a change of filters or outputs, made or refused.
+  class Change {
+   public:
+    explicit Change(Impl& impl) : lock_(impl.mutex_), impl_(impl) { impl_.Recover(); }
+    Change(const Change&) = delete;
+    Change& operator=(const Change&) = delete;
+    ~Change() {
+      try {
+        impl_.Recover();
+      } catch (...) {  // NOLINT(bugprone-empty-catch): the change itself has told what is amiss
+      }
+      // An element more or less changes how late the frames may be; GStreamer asks the program to tell the sinks.
+      if (impl_.enable_) {
+        gst_bin_recalculate_latency(GST_BIN(impl_.pipeline_.Get()));
       }
     }
 
    private:
+    Lock lock_;
     Impl& impl_;
   };
 

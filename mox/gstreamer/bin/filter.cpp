@@ -246,6 +246,7 @@ void ChangeDrained(GstBin& filterBin, const Change& change, const Filters& filte
 void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
   const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
   const auto upstream = check::pad::GetPeer(*sink, kPadError);
+  const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", kElementError);
   const Filters before = GetFilters(filterBin);
 
   // Who comes first settles whether the change is made. Shared, for a callback that is late may outlast this call.
@@ -267,6 +268,7 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
       gst_pad_unlink(&pad, sink.Get());
       gst_pad_link_full(&pad, sink.Get(), GST_PAD_LINK_CHECK_NOTHING);
     }
+    SpareAllocation(*source);
     // What was held has the format of the old chain. Where the new one does not take it, a held frame is given up and
     // the converter negotiates afresh.
     AddGate(pad);
@@ -286,10 +288,12 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the list is handed over
 void BlockAddFilters(GstBin& filterBin, Filters filters) {
   Block(filterBin, AddFilters, filters);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the list is handed over
 void BlockEraseFilters(GstBin& filterBin, Filters filters) {
   Block(filterBin, EraseFilters, filters);
 }

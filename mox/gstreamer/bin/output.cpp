@@ -184,6 +184,11 @@ class WithoutPreroll {
 // Links a running branch to the tee, through which data may be flowing.
 void Join(GstElement& tee, GstElement& first) {
   const BetweenItems between(tee);
+  // The link makes for an allocation query.
+  const Ptr<GstElement> output_bin(GST_ELEMENT(gst_object_get_parent(GST_OBJECT_CAST(&tee))));
+  if (const Ptr<GstPad> upstream(gst_pad_get_peer(GetSink(*output_bin).Get())); upstream) {
+    SpareAllocation(*upstream);
+  }
   // The link takes this pad, being free, so that the gate is in place before anything can pass.
   const Ptr<GstPad> pad(gst_element_request_pad_simple(&tee, "src_%u"));
   AddGate(*pad);
@@ -251,8 +256,9 @@ void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, 
 // Starts a branch anew after its element refused to stop; false if it cannot run any more.
 bool Restart(const gstreamer::pipeline::Output& output) noexcept {
   try {
-    check::element::SetNullState(*output.queue, kElementError);
+    // The element first: in PAUSED it keeps a frame, and the queue could not stop.
     Sync(*output.element);
+    check::element::SetNullState(*output.queue, kElementError);
     Sync(*output.queue);
     return true;
   } catch (...) {

@@ -47,8 +47,12 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
  * first output there is neither output nor placeholder from then on, and no output can be attached any more.
  *
  * @throws std::invalid_argument if one of the handles is empty; nothing is changed
- * @throws std::runtime_error "Cannot add an output that shares no format with the others" where the stream could not go
- * on
+ * The new output takes part in GStreamer's negotiation of buffers: with data flowing, the stream goes on as soon as
+ * every output has taken what is in its queue (by default up to a second of video). An output that is slow is therefore
+ * better given a small queue, by the properties of `Output::queue`.
+ *
+ * @throws std::runtime_error if an element does not start, or cannot be linked: to its queue, or to the tee since it
+ * shares no format with the others
  */
 MOX_EXPORT void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs);
 
