@@ -257,7 +257,10 @@ void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, 
 bool Restart(const gstreamer::pipeline::Output& output) noexcept {
   try {
     // The element first: in PAUSED it keeps a frame, and the queue could not stop.
-    Sync(*output.element);
+    {
+      const WithoutPreroll without_preroll(output.element);
+      Sync(*output.element);
+    }
     check::element::SetNullState(*output.queue, kElementError);
     Sync(*output.queue);
     return true;
