@@ -1,0 +1,100 @@
+#include "tests/gstreamer/live.h"
+
+#include <atomic>
+#include <string>
+
+#include <gst/base/gstbasesink.h>
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace live;  // NOLINT(google-build-using-namespace)
+using std::chrono::seconds;
+
+using Starting = live::Test;
+
+/** Calls the function for each frame that leaves the element's "src" pad; its answer decides on the frame. */
+void OnFrames(const Ptr<GstElement>& element, GstPadProbeCallback function, gpointer data) {
+  const Ptr<GstPad> pad(gst_element_get_static_pad(element.Get(), "src"));
+  gst_pad_add_probe(pad.Get(), GST_PAD_PROBE_TYPE_BUFFER, function, data, nullptr);
+}
+
+GstPadProbeReturn PostError(GstPad* pad, GstPadProbeInfo* /*info*/, gpointer /*data*/) {
+  GST_ELEMENT_ERROR(GST_PAD_PARENT(pad), STREAM, FAILED, ("told to"), (nullptr));
+  return GST_PAD_PROBE_REMOVE;
+}
+
+// An encoder, for one, needs several frames before its first comes out, while the other output waits with its own.
+TEST_F(Starting, ChangesWhileAnOutputStillNeedsFrames) {
+  for (const bool exchanged : {false, true}) {
+    Stream stream(true);
+    const auto slow = Parse("identity name=slow ! fakesink sync=false", "bin");
+    std::atomic<int> skipped = 0;
+    OnFrames(
+        Ptr<GstElement>(gst_bin_get_by_name(GST_BIN(slow.Get()), "slow")),
+        [](GstPad*, GstPadProbeInfo*, gpointer count) {
+          return ++*static_cast<std::atomic<int>*>(count) < 30 ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
+        },
+        &skipped);
+    const Watch watch(slow);
+    stream.pipeline.SetInput(
+        Parse("videotestsrc ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1 ! "
+              "identity sleep-time=10000"));
+    stream.pipeline.AddOutputs({slow});
+    stream.pipeline.SetEnable(true);
+    if (exchanged) {
+      watch.AwaitFrames(40);
+      skipped = 0;
+      stream.pipeline.SetInput(Parse("videotestsrc ! identity sleep-time=10000"));
+    }
+    Await("the first frame", [&] { return skipped > 0; });
+    Within(seconds(20), "a change", [&] {
+      stream.pipeline.AddFilters({Make("videoflip")});
+      stream.pipeline.AddOutputs({MakeSink()});
+    });
+    watch.AwaitFrames(100);
+    EXPECT_GT(skipped, 30);
+  }
+}
+
+TEST_F(Starting, ErrorsDoNotKeepTheOthersFromPlaying) {
+  const auto refused = Make("filesink", "refused");
+  g_object_set(refused.Get(), "location", "/nowhere/at/all", nullptr);
+  for (const bool posted : {false, true}) {
+    Stream stream;
+    const auto input = Parse("videotestsrc ! identity name=told ! identity");
+    if (posted) {
+      OnFrames(Ptr<GstElement>(gst_bin_get_by_name(GST_BIN(input.Get()), "told")), PostError, nullptr);
+      stream.pipeline.EraseOutputs({stream.watch.Element()});
+    }
+    stream.pipeline.SetInput(input);
+    stream.pipeline.SetEnable(true);
+    Within(seconds(20), "a change", [&] {
+      if (posted) {
+        stream.pipeline.AddOutputs({stream.watch.Element()});
+      } else {
+        EXPECT_THROW(stream.pipeline.AddOutputs({refused}), std::runtime_error);
+      }
+      stream.watch.AwaitFrames(300);
+      stream.pipeline.AddFilters({Make("queue")});
+    });
+    stream.watch.AwaitFrames(300);
+  }
+}
+
+TEST_F(Starting, OutputsLearnTheLatencyOfAFilter) {
+  Stream stream(true);
+  g_object_set(stream.watch.Element().Get(), "sync", TRUE, nullptr);
+  stream.Play();
+  const auto delay = Make("queue", "delay");
+  g_object_set(delay.Get(), "min-threshold-time", 200 * GST_MSECOND, nullptr);
+  auto* const sink = GST_BASE_SINK(stream.watch.Element().Get());
+  const auto before = gst_base_sink_get_latency(sink);
+  stream.pipeline.AddFilters({delay});
+  EXPECT_GE(gst_base_sink_get_latency(sink), before + 200 * GST_MSECOND);
+  stream.pipeline.EraseFilters({delay});
+  EXPECT_EQ(gst_base_sink_get_latency(sink), before);
+}
+
+}  // namespace
