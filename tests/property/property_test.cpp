@@ -25,7 +25,7 @@ Primitive<T> Make(T value, Limits<T> limits = {}) {
 std::string ErrorOf(const std::function<void()>& function) {
   try {
     function();
-  } catch (const std::runtime_error& error) {
+  } catch (const std::exception& error) {
     return error.what();
   }
   return "no error";
@@ -63,14 +63,10 @@ TEST(Property, IsOfANamedType) {
   ExpectType<unsigned long>("mox.property.UInt64", 0x77e5d8b5);
 
   const auto number = Make<int>(5);
-  const Property& property = number;
-  EXPECT_EQ(&property.As<Primitive<int>>(), &number);
-  try {
-    property.As<Primitive<float>>();
-    ADD_FAILURE();
-  } catch (const std::bad_cast& error) {
-    EXPECT_STREQ(error.what(), "The 'gain' property is of type mox.property.Int32, not mox.property.Float");
-  }
+  EXPECT_EQ(&number.As<Primitive<int>>(), &number);
+  EXPECT_THROW(number.As<Primitive<float>>(), std::bad_cast);
+  EXPECT_EQ(ErrorOf([&] { number.As<Primitive<float>>(); }),
+            "The 'gain' property is of type mox.property.Int32, not mox.property.Float");
 }
 
 TEST(Property, TakesWhatKeepsTheValue) {
@@ -97,8 +93,6 @@ TEST(Property, TakesWhatKeepsTheValue) {
             "The value 0.5 of the 'gain' property cannot be read as mox.property.Int32");
   EXPECT_EQ(ErrorOf([&] { static_cast<void>(static_cast<unsigned char>(text)); }),
             "The value \"5\" of the 'gain' property cannot be read as mox.property.UInt8");
-  EXPECT_EQ(number.GetValue(), 0.5F);
-  EXPECT_EQ(text.GetValue(), "5");
   const Property& property = text = "\xc3\xa9";
   EXPECT_STREQ(property, "\xc3\xa9");
 }
@@ -106,44 +100,35 @@ TEST(Property, TakesWhatKeepsTheValue) {
 template <typename T>
 std::string Describe(T value, Limits<T> limits = {}) {
   std::ostringstream stream;
-  stream << Make<T>(value, limits);
-  return stream.str().substr(
-      std::string(R"({"name":"gain","nice_name":"Gain","description":"How loud","type":)").size());
+  stream << Primitive<T>("a\"b", "", "\xc3\xa9\n", value, limits);
+  return stream.str();
 }
 
 TEST(Property, DescribesItselfInJson) {
-  std::ostringstream stream;
-  stream << Primitive<bool>("a\"b", "", "\xc3\xa9\n", true);
-  EXPECT_EQ(stream.str(),
-            "{\"name\":\"a\\\"b\",\"nice_name\":\"\",\"description\":\"\xc3\xa9\\n\",\"type\":\"mox.property.Bool\","
-            "\"value\":true}");
+  const std::string names = "{\"name\":\"a\\\"b\",\"nice_name\":\"\",\"description\":\"\xc3\xa9\\n\",\"type\":";
+  EXPECT_EQ(Describe(true), names + R"("mox.property.Bool","value":true})");
   EXPECT_EQ(Describe<float>(0.1F, {-std::numeric_limits<float>::infinity(), 4}),
-            R"("mox.property.Float","value":0.1,"minimum":"-Infinity","maximum":4.0})");
+            names + R"("mox.property.Float","value":0.1,"minimum":"-Infinity","maximum":4.0})");
   EXPECT_EQ(Describe<double>(kNan, {-0.0, kInfinity}),
-            R"("mox.property.Double","value":"NaN","minimum":-0.0,"maximum":"Infinity"})");
-  EXPECT_EQ(Describe<signed char>(-7), R"("mox.property.Int8","value":-7,"minimum":-128,"maximum":127})");
-  EXPECT_EQ(Describe<unsigned long>(~0UL),
-            R"("mox.property.UInt64","value":18446744073709551615,"minimum":0,"maximum":18446744073709551615})");
-  EXPECT_EQ(Describe<std::string>("x\xff\\"), "\"mox.property.String\",\"value\":\"x\xef\xbf\xbd\\\\\"}");
+            names + R"("mox.property.Double","value":"NaN","minimum":-0.0,"maximum":"Infinity"})");
+  EXPECT_EQ(Describe<signed char>(-7), names + R"("mox.property.Int8","value":-7,"minimum":-128,"maximum":127})");
+  EXPECT_EQ(Describe<unsigned long>(~0UL), names + R"("mox.property.UInt64","value":18446744073709551615,)" +
+                                               R"("minimum":0,"maximum":18446744073709551615})");
+  EXPECT_EQ(Describe<std::string>("x\xff\\"), names + "\"mox.property.String\",\"value\":\"x\xef\xbf\xbd\\\\\"}");
 }
 
 TEST(Property, IsUsedByThreadsAtOnce) {
-  auto number = Make<double>(0);
   auto text = Make<std::string>("");
-  const auto set = [&](double value) {
-    const std::string long_text(1000, value > 0 ? 'x' : 'y');
+  const auto use = [&](char letter) {
     for (int i = 0; i < 1000; ++i) {
-      number = value;
-      text = long_text.c_str();
-      const double number_now = number;
-      const std::string text_now = static_cast<const char*>(text);
-      EXPECT_TRUE(number_now == 1 || number_now == -1);
-      EXPECT_EQ(text_now, std::string(1000, text_now[0]));
+      text = std::string(1000, letter).c_str();
+      const std::string now = static_cast<const char*>(text);
+      EXPECT_EQ(now, std::string(1000, now[0]));
       std::ostringstream() << text;
     }
   };
-  std::thread other(set, -1);
-  set(1);
+  std::thread other(use, 'x');
+  use('y');
   other.join();
 }
 
