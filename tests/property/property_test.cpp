@@ -3,16 +3,19 @@
 #include "mox/property/primitive.h"
 
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace mox::property {
 namespace {
+
+using testing::ThrowsMessage;
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
@@ -22,28 +25,25 @@ Primitive<T> Make(T value, Limits<T> limits = {}) {
   return {"gain", "Gain", "How loud", value, limits};
 }
 
-std::string ErrorOf(const std::function<void()>& function) {
-  try {
-    function();
-  } catch (const std::exception& error) {
-    return error.what();
-  }
-  return "no error";
-}
-
 // Whether the property takes the value, and holds it then; if not, it keeps its own.
 template <typename T, typename Value>
 bool Takes(const Value& value, Limits<T> limits = {}) {
   auto property = Make<T>(T(), limits);
-  if (ErrorOf([&] { property = value; }) == "no error") {
+  try {
+    property = value;
     return property.GetValue() == static_cast<T>(value);
+  } catch (const std::runtime_error&) {
+    EXPECT_EQ(property.GetValue(), T());
+    return false;
   }
-  EXPECT_EQ(property.GetValue(), T());
-  return false;
 }
 
 // The hashes were computed with Guava 31.1 (Hashing.murmur3_32_fixed(0x0AEF6901).hashBytes of the name) and, to the
 // same result, with Perl's Digest::MurmurHash3::PurePerl 0.3 (murmur32), both as Debian packages them.
+static_assert(hash::MurmurThree32("", 1).Get() == 0x514e28b7U);
+static_assert(hash::MurmurThree32("abcd", 1).Get() == 0x9bf54592U);
+static_assert(hash::MurmurThree32({"\xff\x80\xfe\0\x81\xc3\xa9", 7}, 0x0AEF6901).Get() == 0x32cde153U);
+
 template <typename T>
 void ExpectType(const char* name, std::uint32_t hash) {
   EXPECT_EQ(Make<T>(T()).GetTypeHash().Get(), hash) << name;
@@ -64,9 +64,9 @@ TEST(Property, IsOfANamedType) {
 
   const auto number = Make<int>(5);
   EXPECT_EQ(&number.As<Primitive<int>>(), &number);
-  EXPECT_THROW(number.As<Primitive<float>>(), std::bad_cast);
-  EXPECT_EQ(ErrorOf([&] { number.As<Primitive<float>>(); }),
-            "The 'gain' property is of type mox.property.Int32, not mox.property.Float");
+  EXPECT_THAT(
+      [&] { number.As<Primitive<float>>(); },
+      ThrowsMessage<std::bad_cast>("The 'gain' property is of type mox.property.Int32, not mox.property.Float"));
 }
 
 TEST(Property, TakesWhatKeepsTheValue) {
@@ -85,14 +85,18 @@ TEST(Property, TakesWhatKeepsTheValue) {
 
   auto text = Make<std::string>("5");
   auto number = Make<float>(0.5F, {0, 4});
-  EXPECT_EQ(ErrorOf([&] { number = 4.1; }), "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not 4.1");
-  EXPECT_EQ(ErrorOf([&] { number = "4"; }),
-            "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not \"4\"");
-  EXPECT_EQ(ErrorOf([&] { text = 4; }), "The 'gain' property takes a mox.property.String, not 4");
-  EXPECT_EQ(ErrorOf([&] { static_cast<void>(static_cast<int>(number)); }),
-            "The value 0.5 of the 'gain' property cannot be read as mox.property.Int32");
-  EXPECT_EQ(ErrorOf([&] { static_cast<void>(static_cast<unsigned char>(text)); }),
-            "The value \"5\" of the 'gain' property cannot be read as mox.property.UInt8");
+  EXPECT_THAT([&] { number = 4.1; }, ThrowsMessage<std::runtime_error>(
+                                         "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not 4.1"));
+  EXPECT_THAT([&] { number = "4"; }, ThrowsMessage<std::runtime_error>(
+                                         "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not \"4\""));
+  EXPECT_THAT([&] { text = 4; },
+              ThrowsMessage<std::runtime_error>("The 'gain' property takes a mox.property.String, not 4"));
+  EXPECT_THAT(
+      [&] { static_cast<void>(static_cast<int>(number)); },
+      ThrowsMessage<std::runtime_error>("The value 0.5 of the 'gain' property cannot be read as mox.property.Int32"));
+  EXPECT_THAT(
+      [&] { static_cast<void>(static_cast<unsigned char>(text)); },
+      ThrowsMessage<std::runtime_error>("The value \"5\" of the 'gain' property cannot be read as mox.property.UInt8"));
   const Property& property = text = "\xc3\xa9";
   EXPECT_STREQ(property, "\xc3\xa9");
 }

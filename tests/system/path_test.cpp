@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include <boost/filesystem/operations.hpp>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
@@ -24,12 +25,8 @@ TEST(Path, LibraryIsFoundByItsBaseNameWhereItWasLoaded) {
   dlclose(library);
   for (const std::string name :
        {"mox_link", "mox_sys", "ox_system", "mox_system.so", "libmox_system", "mox_type", ""}) {
-    try {
-      GetLibraryPath(name);
-      ADD_FAILURE() << name;
-    } catch (const std::runtime_error& error) {
-      EXPECT_EQ(error.what(), "Library '" + name + "' is not loaded");
-    }
+    EXPECT_THAT([&] { GetLibraryPath(name); },
+                testing::ThrowsMessage<std::runtime_error>("Library '" + name + "' is not loaded"));
   }
   filesystem::remove_all(folder);
 }

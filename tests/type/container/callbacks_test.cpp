@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace mox::type::container {
@@ -23,12 +24,8 @@ TEST(Callbacks, SlotsKeepTheirIndexAndAreUsedAgain) {
   callbacks("1 ");
   callbacks.Erase(1);
   callbacks.Erase(3);
-  try {
-    callbacks.Insert(nullptr);
-    ADD_FAILURE();
-  } catch (const std::invalid_argument& error) {
-    EXPECT_STREQ(error.what(), "Cannot insert invalid functions into the Callbacks");
-  }
+  EXPECT_THAT([&] { callbacks.Insert(nullptr); },
+              testing::ThrowsMessage<std::invalid_argument>("Cannot insert invalid functions into the Callbacks"));
   EXPECT_EQ(insert("d"), 0U);
   callbacks("2 ");
   EXPECT_EQ(insert("e"), 1U);
