@@ -4,7 +4,9 @@
 #include <atomic>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <numeric>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -89,26 +91,25 @@ TEST_F(Levels, KeepsItsValueWhereItRefusesAnother) {
 
 TEST_F(Levels, TakesOverSettingsWhileFramesPass) {
   Start(GST_VIDEO_FORMAT_GRAY8);
+  g_object_set(Get(), "lift", 10, nullptr);
   std::atomic<bool> ends{false};
   std::thread setter([&] {
-    for (int lift = 10; !ends; lift = -lift) {
+    for (int lift = -10; !ends; lift = -lift) {
       int now = 0;
       g_object_set(Get(), "lift", lift, "label", "a text that is too long to lie inside a string", nullptr);
       g_object_get(Get(), "lift", &now, nullptr);
       EXPECT_EQ(now, lift);
     }
   });
-  bool darker = false;
-  bool brighter = false;
-  for (int i = 0; i < 1000000 && !(darker && brighter && i >= 1000); ++i) {
+  std::set<guint8> seen;
+  for (int i = 0; i < 1000 || (seen.size() < 2 && i < 1000000); ++i) {
     const Bytes changed = Push(Bytes(GST_VIDEO_INFO_SIZE(&info_), 100));
-    EXPECT_EQ(std::count(changed.begin(), changed.begin() + 37, changed[0]), 37);
-    darker = darker || changed[0] == 90;
-    brighter = brighter || changed[0] == 110;
+    EXPECT_EQ(std::set<guint8>(changed.begin(), changed.begin() + 37).size(), 1U) << "Two settings in one row";
+    seen.insert(changed[0]);
   }
   ends = true;
   setter.join();
-  EXPECT_TRUE(darker && brighter);
+  EXPECT_EQ(seen, (std::set<guint8>{90, 110}));
 }
 
 }  // namespace
