@@ -122,7 +122,8 @@ TEST(Property, DescribesItselfInJson) {
 }
 
 TEST(Property, IsUsedByThreadsAtOnce) {
-  auto text = Make<std::string>("");
+  auto text = Make<std::string>("mine");
+  const char* const mine = text;
   const auto use = [&](char letter) {
     for (int i = 0; i < 1000; ++i) {
       text = std::string(1000, letter).c_str();
@@ -131,9 +132,11 @@ TEST(Property, IsUsedByThreadsAtOnce) {
       std::ostringstream() << text;
     }
   };
-  std::thread other(use, 'x');
-  use('y');
-  other.join();
+  std::thread first(use, 'x');
+  std::thread second(use, 'y');
+  first.join();
+  second.join();
+  EXPECT_STREQ(mine, "mine") << "Until this thread reads again";
 }
 
 }  // namespace
