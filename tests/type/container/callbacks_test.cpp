@@ -16,6 +16,7 @@ TEST(Callbacks, SlotsKeepTheirIndexAndAreUsedAgain) {
   const auto insert = [&, held](const char* name) {
     return callbacks.Insert([&calls, name, held](const std::string& text) { calls += name + text; });
   };
+  callbacks.Erase(0);
   EXPECT_EQ(insert("a"), 0U);
   EXPECT_EQ(insert("b"), 1U);
   EXPECT_EQ(insert("c"), 2U);
@@ -23,7 +24,6 @@ TEST(Callbacks, SlotsKeepTheirIndexAndAreUsedAgain) {
   EXPECT_EQ(held.use_count(), 4) << "Erasing keeps the function";
   callbacks("1 ");
   callbacks.Erase(1);
-  callbacks.Erase(3);
   EXPECT_THAT([&] { callbacks.Insert(nullptr); },
               testing::ThrowsMessage<std::invalid_argument>("Cannot insert invalid functions into the Callbacks"));
   EXPECT_EQ(insert("d"), 0U);
