@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <cstddef>
-#include <cstdint>
 #include <limits>
 #include <memory>
+#include <numeric>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,32 +17,23 @@
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using Bytes = std::vector<guint8>;
 
 /** The element alone, with frames of a format. A session finds it, with nothing set in the environment. */
 class Levels : public testing::Test {
  protected:
-  ~Levels() override {
-    if (harness_ != nullptr) {
-      gst_harness_teardown(harness_);
-    }
-  }
-
   void Start(GstVideoFormat format) {
-    if (harness_ != nullptr) {
-      gst_harness_teardown(harness_);
-    }
-    harness_ = gst_harness_new("moxlevels");
+    harness_.reset(gst_harness_new("moxlevels"));
     gst_video_info_set_format(&info_, format, 37, 5);  // rows with bytes behind them
     GstCaps* const caps = gst_video_info_to_caps(&info_);
-    gst_harness_set_caps(harness_, gst_caps_ref(caps), caps);
+    gst_harness_set_caps(harness_.get(), gst_caps_ref(caps), caps);
   }
 
   GstElement* Get() { return harness_->element; }
 
   Bytes Push(Bytes frame) {
     GstBuffer* const in = gst_buffer_new_memdup(frame.data(), frame.size());
-    GstBuffer* const out = gst_harness_push_and_pull(harness_, in);
+    GstBuffer* const out = gst_harness_push_and_pull(harness_.get(), in);
     gst_buffer_extract(out, 0, frame.data(), frame.size());
     gst_buffer_unref(out);
     return frame;
@@ -52,7 +43,7 @@ class Levels : public testing::Test {
 
  private:
   const mox::gstreamer::Session session_;
-  GstHarness* harness_ = nullptr;
+  std::unique_ptr<GstHarness, decltype(&gst_harness_teardown)> harness_{nullptr, gst_harness_teardown};
 };
 
 TEST_F(Levels, FollowsTheFormulaInEveryFormat) {
@@ -61,18 +52,15 @@ TEST_F(Levels, FollowsTheFormulaInEveryFormat) {
     Start(gst_video_format_from_string(name));
     g_object_set(Get(), "lift", -20, "gain", 1.5F, "gamma", 2.2, nullptr);
     Bytes frame(GST_VIDEO_INFO_SIZE(&info_));
-    std::generate(frame.begin(), frame.end(), [value = 0U]() mutable { return static_cast<std::uint8_t>(value++); });
+    std::iota(frame.begin(), frame.end(), guint8{0});
     Bytes expected = frame;
-    for (int component = 0; component < (GST_VIDEO_INFO_IS_RGB(&info_) ? 3 : 1); ++component) {
-      for (int y = 0; y < 5; ++y) {
-        for (int x = 0; x < 37; ++x) {
-          auto& level = expected[GST_VIDEO_INFO_COMP_OFFSET(&info_, component) +
-                                 static_cast<std::size_t>(GST_VIDEO_INFO_COMP_STRIDE(&info_, component) * y +
-                                                          GST_VIDEO_INFO_COMP_PSTRIDE(&info_, component) * x)];
-          const double light = std::min(std::max((1.5 * level - 20) / 255, 0.0), 1.0);
-          level = static_cast<std::uint8_t>(std::floor(255 * std::pow(light, 1 / 2.2) + 0.5));
-        }
-      }
+    for (int i = 0; i < (GST_VIDEO_INFO_IS_RGB(&info_) ? 3 : 1) * 37 * 5; ++i) {
+      const int component = i / (37 * 5);
+      guint8* const first = expected.data() + GST_VIDEO_INFO_COMP_OFFSET(&info_, component);
+      guint8& level = first[GST_VIDEO_INFO_COMP_STRIDE(&info_, component) * (i / 37 % 5) +
+                            GST_VIDEO_INFO_COMP_PSTRIDE(&info_, component) * (i % 37)];
+      const double light = std::min(std::max((1.5 * level - 20) / 255, 0.0), 1.0);
+      level = static_cast<guint8>(std::floor(255 * std::pow(light, 1 / 2.2) + 0.5));
     }
     EXPECT_EQ(Push(frame), expected) << name;
     g_object_set(Get(), "enabled", FALSE, nullptr);
@@ -84,11 +72,10 @@ TEST_F(Levels, FollowsTheFormulaInEveryFormat) {
 
 TEST_F(Levels, KeepsItsValueWhereItRefusesAnother) {
   Start(GST_VIDEO_FORMAT_GRAY8);
-  g_object_set(Get(), "name", "grey", "gamma", 2.0, "label", "\xc3\xa9", nullptr);
+  g_object_set(Get(), "name", "grey", "gamma", 2.0, nullptr);
   g_test_expect_message(
       nullptr, G_LOG_LEVEL_WARNING,
-      "grey: property 'gamma': The 'gamma' property takes a mox.property.Double from 0.1 to 10.0, not "
-      "\"NaN\"");
+      "grey: property 'gamma': The 'gamma' property takes a mox.property.Double from 0.1 to 10.0, not \"NaN\"");
   // GObject itself would not pass such a value on.
   GObjectClass* const klass = G_OBJECT_GET_CLASS(Get());
   GParamSpec* const pspec = g_object_class_find_property(klass, "gamma");
@@ -97,39 +84,32 @@ TEST_F(Levels, KeepsItsValueWhereItRefusesAnother) {
   g_value_set_double(&value, std::numeric_limits<double>::quiet_NaN());
   klass->set_property(G_OBJECT(Get()), pspec->param_id, &value, pspec);
   g_test_assert_expected_messages();
-  char* json = nullptr;
-  g_signal_emit_by_name(Get(), "describe", &json);
-  const std::unique_ptr<char, decltype(&g_free)> owned(json, g_free);
-  const std::string text = json;
-  EXPECT_EQ(text.rfind(R"({"properties":[{"name":"enabled",)", 0), 0U) << text;
-  EXPECT_NE(text.find(R"("type":"mox.property.Double","value":2.0,"minimum":0.1,"maximum":10.0})"), std::string::npos);
-  EXPECT_NE(text.find("\"value\":\"\xc3\xa9\"}]}"), std::string::npos) << text;
+  double now = 0;
+  g_object_get(Get(), "gamma", &now, nullptr);
+  EXPECT_EQ(now, 2);
 }
 
 TEST_F(Levels, TakesOverSettingsWhileFramesPass) {
   Start(GST_VIDEO_FORMAT_GRAY8);
+  g_object_set(Get(), "lift", 10, nullptr);
   std::atomic<bool> ends{false};
   std::thread setter([&] {
-    for (int i = 0; !ends; ++i) {
-      const int lift = i % 2 == 0 ? 10 : -10;
+    for (int lift = -10; !ends; lift = -lift) {
       int now = 0;
       g_object_set(Get(), "lift", lift, "label", "a text that is too long to lie inside a string", nullptr);
       g_object_get(Get(), "lift", &now, nullptr);
       EXPECT_EQ(now, lift);
     }
   });
-  const Bytes frame(GST_VIDEO_INFO_SIZE(&info_), 100);
-  bool darker = false;
-  bool brighter = false;
-  for (int i = 0; i < 1000000 && !(darker && brighter && i >= 1000); ++i) {
-    const Bytes changed = Push(frame);
-    EXPECT_EQ(std::count(changed.begin(), changed.begin() + 37, changed[0]), 37);
-    darker = darker || changed[0] == 90;
-    brighter = brighter || changed[0] == 110;
+  std::set<guint8> seen;
+  for (int i = 0; i < 1000 || (seen.size() < 2 && i < 1000000); ++i) {
+    const Bytes changed = Push(Bytes(GST_VIDEO_INFO_SIZE(&info_), 100));
+    EXPECT_EQ(std::set<guint8>(changed.begin(), changed.begin() + 37).size(), 1U) << "Two settings in one row";
+    seen.insert(changed[0]);
   }
   ends = true;
   setter.join();
-  EXPECT_TRUE(darker && brighter);
+  EXPECT_EQ(seen, (std::set<guint8>{90, 110}));
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
 #include "mox/gstreamer/session.h"
 
-#include "tests/gstreamer/session_c.h"
 #include "tests/logging/capture.h"
 
 #include <cstdlib>
-#include <memory>
-#include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -17,158 +15,73 @@ namespace mox::gstreamer {
 namespace {
 
 using logging::Capture;
+using testing::Each;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
+using testing::SizeIs;
 
-constexpr const char* kNoPlugin = "info mox.gstreamer.session: NVIDIA plugin not loaded, using CPU decoding";
 constexpr const char* kPlugin = "info mox.gstreamer.session: NVIDIA plugin loaded, attempting to use GPU decoding";
 
-std::string Found(const std::string& name) {
-  return "info mox.gstreamer.session: " + name + " element avaliable, Bumpping gst rank to highest";
+void RegisterPlugin(const char* name) {
+  ASSERT_TRUE(gst_plugin_register_static(
+      GST_VERSION_MAJOR, GST_VERSION_MINOR, name, "Stand-in", [](GstPlugin*) -> gboolean { return TRUE; }, "1", "LGPL",
+      "mox", "mox", "mox"));
 }
 
-std::string Missing(const std::string& name) {
-  return "warning mox.gstreamer.session: Could not find " + name + " element despite loading nvcodec!";
-}
-
-/** Leaves GStreamer with the plugins that a test registers itself. */
-void HideInstalledPlugins() {
-  setenv("GST_REGISTRY_DISABLE", "yes", 1);
-}
-
-using Elements = std::vector<std::string>;
-
-gboolean RegisterElements(GstPlugin* plugin, gpointer data) {
-  for (const std::string& name : *static_cast<Elements*>(data)) {
-    const GType type = g_type_register_static_simple(GST_TYPE_BIN, ("MoxTest" + name).c_str(), sizeof(GstBinClass),
-                                                     nullptr, sizeof(GstBin), nullptr, GTypeFlags());
-    gst_element_register(plugin, name.c_str(), GST_RANK_SECONDARY, type);
-  }
-  return TRUE;
-}
-
-void RegisterPlugin(const char* name, Elements elements) {
-  ASSERT_TRUE(gst_plugin_register_static_full(GST_VERSION_MAJOR, GST_VERSION_MINOR, name, "Stand-in", RegisterElements,
-                                              "1", "LGPL", "mox", "mox", "mox", &elements));
-}
-
-/** The rank of a feature, having checked that only the registry and this function hold it. */
-unsigned GetRank(const char* name) {
-  GstPluginFeature* const feature = gst_registry_lookup_feature(gst_registry_get(), name);
-  const unsigned rank = gst_plugin_feature_get_rank(feature);
-  EXPECT_EQ(G_OBJECT(feature)->ref_count, 2U);
-  gst_object_unref(feature);
-  return rank;
-}
-
-void Warn() {
-  GstDebugCategory* category = nullptr;
-  GST_DEBUG_CATEGORY_INIT(category, "moxtest", 0, "Test");
-  GST_CAT_WARNING(category, "careful");
-}
-
-TEST(Session, BringsGstreamerUpAndDownFromC) {
-  HideInstalledPlugins();
-  const Capture capture;
-  ReleaseSessionInC(nullptr);
-  ASSERT_FALSE(gst_is_initialized());
-  void* const session = CreateSessionInC();
-  ASSERT_NE(session, nullptr);
-  EXPECT_TRUE(gst_is_initialized());
-  EXPECT_THAT(capture.GetLines(), ElementsAre(kNoPlugin));
-  ReleaseSessionInC(session);
-  EXPECT_THAT(capture.GetLines(), ElementsAre(kNoPlugin));
-}
-
-TEST(Session, PrefersHardwareDecoders) {
-  HideInstalledPlugins();
-  gst_init(nullptr, nullptr);
-  RegisterPlugin("nvcodec", {"nvh264dec", "nvh265dec"});
-  RegisterPlugin("vaapi", {"vaapih264dec", "vaapih265dec", "vaapidecodebin"});
-  const Capture capture;
-  const Session session;
-  EXPECT_THAT(capture.GetLines(), ElementsAre(kPlugin, Found("nvh264dec"), Found("nvh265dec")));
-  EXPECT_EQ(GetRank("nvh264dec"), 258U);
-  EXPECT_EQ(GetRank("nvh265dec"), 258U);
-  EXPECT_EQ(GetRank("vaapih264dec"), 257U);
-  EXPECT_EQ(GetRank("vaapih265dec"), 257U);
-  EXPECT_EQ(GetRank("vaapidecodebin"), 64U);
-}
-
-TEST(Session, WarnsOfMissingNvidiaDecodersOnly) {
-  HideInstalledPlugins();
-  gst_init(nullptr, nullptr);
-  RegisterPlugin("nvcodec", {"nvh264dec"});
-  RegisterPlugin("vaapi", {"vaapih265dec"});
-  const Capture capture;
-  const Session session;
-  EXPECT_THAT(capture.GetLines(), ElementsAre(kPlugin, Found("nvh264dec"), Missing("nvh265dec")));
-  EXPECT_EQ(GetRank("nvh264dec"), 258U);
-  EXPECT_EQ(GetRank("vaapih265dec"), 257U);
-}
-
-TEST(Session, FindsInstalledPluginWithoutHardware) {
-  const Capture capture;
-  const Session session;
-  const std::unique_ptr<GstPlugin, decltype(&gst_object_unref)> plugin(
-      gst_registry_find_plugin(gst_registry_get(), "nvcodec"), gst_object_unref);
-  const std::unique_ptr<GList, decltype(&gst_plugin_feature_list_free)> features(
-      gst_registry_get_feature_list_by_plugin(gst_registry_get(), "nvcodec"), gst_plugin_feature_list_free);
-  if (!plugin || features) {
-    GTEST_SKIP() << "The plugin is missing, or finds its hardware";
-  }
-  EXPECT_THAT(capture.GetLines(), ElementsAre(kPlugin, Missing("nvh264dec"), Missing("nvh265dec")));
-}
-
-struct Debug {
-  const char* variable;
-  GstDebugLevel threshold;
-  bool warns;
-
-  friend void PrintTo(const Debug& debug, std::ostream* out) {
-    *out << "GST_DEBUG" << (debug.variable == nullptr ? "" : std::string("=") + debug.variable);
-  }
-};
-
-class DebugTest : public testing::TestWithParam<Debug> {};
-
-TEST_P(DebugTest, DecidesWhatIsLogged) {
-  HideInstalledPlugins();
+// GStreamer goes up and down once in a process.
+TEST(Session, BringsGstreamerUpAndDown) {
+  setenv("GST_REGISTRY_DISABLE", "yes", 1);  // leaves the plugins that are registered here
   unsetenv("GST_DEBUG");
-  if (GetParam().variable != nullptr) {
-    setenv("GST_DEBUG", GetParam().variable, 1);
+  MoxGstreamerSessionRelease(nullptr);
+  ASSERT_FALSE(gst_is_initialized());
+  const Capture without_plugins;
+  static const void* const first = MoxGstreamerSessionCreate();  // never released
+  ASSERT_TRUE(first != nullptr && gst_is_initialized() && gst_debug_is_active());
+  EXPECT_EQ(gst_debug_get_default_threshold(), GST_LEVEL_WARNING);
+  EXPECT_THAT(without_plugins.GetLines(),
+              ElementsAre("info mox.gstreamer.session: NVIDIA plugin not loaded, using CPU decoding"));
+
+  setenv("GST_DEBUG", "", 1);
+  gst_debug_set_default_threshold(GST_LEVEL_ERROR);
+  gst_debug_set_active(FALSE);
+  RegisterPlugin("nvcodec");
+  RegisterPlugin("vaapi");
+  const Capture without_decoders;
+  static const void* const second = MoxGstreamerSessionCreate();
+  EXPECT_EQ(gst_debug_get_default_threshold(), GST_LEVEL_WARNING);
+  EXPECT_TRUE(second != nullptr && gst_debug_is_active());
+  const std::string missing = "warning mox.gstreamer.session: Could not find ";
+  EXPECT_THAT(without_decoders.GetLines(), ElementsAre(kPlugin, missing + "nvh264dec element despite loading nvcodec!",
+                                                       missing + "nvh265dec element despite loading nvcodec!"));
+
+  setenv("GST_DEBUG", "1", 1);
+  gst_debug_set_default_threshold(GST_LEVEL_ERROR);
+  const std::vector<std::pair<const char*, unsigned>> ranks = {
+      {"nvh264dec", 258}, {"nvh265dec", 258}, {"vaapih264dec", 257}, {"vaapih265dec", 257}, {"vaapidecodebin", 64}};
+  for (const auto& [name, rank] : ranks) {
+    gst_element_register(nullptr, name, GST_RANK_SECONDARY, GST_TYPE_BIN);
   }
-  const Session session;
-  EXPECT_TRUE(gst_debug_is_active());
-  EXPECT_EQ(gst_debug_get_default_threshold(), GetParam().threshold);
-  const Capture capture;
-  Warn();
-  EXPECT_EQ(capture.GetLines().size(), GetParam().warns ? 1U : 0U);
-}
+  const Capture with_decoders;
+  void* const third = MoxGstreamerSessionCreate();
+  EXPECT_EQ(gst_debug_get_default_threshold(), GST_LEVEL_ERROR);
+  const std::string found = " element avaliable, Bumpping gst rank to highest";
+  EXPECT_THAT(with_decoders.GetLines(), ElementsAre(kPlugin, "info mox.gstreamer.session: nvh264dec" + found,
+                                                    "info mox.gstreamer.session: nvh265dec" + found));
+  for (const auto& [name, rank] : ranks) {
+    GstPluginFeature* const feature = gst_registry_lookup_feature(gst_registry_get(), name);
+    EXPECT_EQ(gst_plugin_feature_get_rank(feature), rank) << name;
+    EXPECT_EQ(G_OBJECT(feature)->ref_count, 2U) << "The registry and this test hold it";
+    gst_object_unref(feature);
+  }
 
-INSTANTIATE_TEST_SUITE_P(Session, DebugTest,
-                         testing::Values(Debug{nullptr, GST_LEVEL_WARNING, true}, Debug{"", GST_LEVEL_WARNING, true},
-                                         Debug{"1", GST_LEVEL_ERROR, false}, Debug{"3", GST_LEVEL_FIXME, true}));
-
-TEST(Session, LogsUntilItEnds) {
-  HideInstalledPlugins();
-  setenv("GST_DEBUG", "4", 1);  // with which GStreamer tells that it goes down
-  auto session = std::make_unique<Session>();
-  const Capture capture;
-  session.reset();
-  EXPECT_THAT(capture.GetLines(), IsEmpty());
-}
-
-TEST(Session, EachSessionLogs) {
-  HideInstalledPlugins();
-  static void* first;  // never released: GStreamer goes down once only
-  first = MoxGstreamerSessionCreate();
-  ASSERT_NE(first, nullptr);
-  const Session second;
-  const Capture capture;
-  Warn();
-  EXPECT_THAT(capture.GetLines(), ElementsAre(EndsWith(": careful"), EndsWith(": careful")));
+  gst_debug_set_default_threshold(GST_LEVEL_INFO);  // with which GStreamer tells that it goes down
+  const Capture logged;
+  GST_WARNING("careful");
+  EXPECT_THAT(logged.GetLines(), AllOf(SizeIs(3), Each(EndsWith(": careful")))) << "Each session logs";
+  const Capture end;
+  MoxGstreamerSessionRelease(third);
+  EXPECT_THAT(end.GetLines(), IsEmpty());
 }
 
 }  // namespace

@@ -3,16 +3,19 @@
 #include "mox/property/primitive.h"
 
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace mox::property {
 namespace {
+
+using testing::ThrowsMessage;
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
@@ -22,28 +25,25 @@ Primitive<T> Make(T value, Limits<T> limits = {}) {
   return {"gain", "Gain", "How loud", value, limits};
 }
 
-std::string ErrorOf(const std::function<void()>& function) {
-  try {
-    function();
-  } catch (const std::runtime_error& error) {
-    return error.what();
-  }
-  return "no error";
-}
-
 // Whether the property takes the value, and holds it then; if not, it keeps its own.
 template <typename T, typename Value>
 bool Takes(const Value& value, Limits<T> limits = {}) {
   auto property = Make<T>(T(), limits);
-  if (ErrorOf([&] { property = value; }) == "no error") {
+  try {
+    property = value;
     return property.GetValue() == static_cast<T>(value);
+  } catch (const std::runtime_error&) {
+    EXPECT_EQ(property.GetValue(), T());
+    return false;
   }
-  EXPECT_EQ(property.GetValue(), T());
-  return false;
 }
 
 // The hashes were computed with Guava 31.1 (Hashing.murmur3_32_fixed(0x0AEF6901).hashBytes of the name) and, to the
 // same result, with Perl's Digest::MurmurHash3::PurePerl 0.3 (murmur32), both as Debian packages them.
+static_assert(hash::MurmurThree32("", 1).Get() == 0x514e28b7U);
+static_assert(hash::MurmurThree32("abcd", 1).Get() == 0x9bf54592U);
+static_assert(hash::MurmurThree32({"\xff\x80\xfe\0\x81\xc3\xa9", 7}, 0x0AEF6901).Get() == 0x32cde153U);
+
 template <typename T>
 void ExpectType(const char* name, std::uint32_t hash) {
   EXPECT_EQ(Make<T>(T()).GetTypeHash().Get(), hash) << name;
@@ -63,14 +63,10 @@ TEST(Property, IsOfANamedType) {
   ExpectType<unsigned long>("mox.property.UInt64", 0x77e5d8b5);
 
   const auto number = Make<int>(5);
-  const Property& property = number;
-  EXPECT_EQ(&property.As<Primitive<int>>(), &number);
-  try {
-    property.As<Primitive<float>>();
-    ADD_FAILURE();
-  } catch (const std::bad_cast& error) {
-    EXPECT_STREQ(error.what(), "The 'gain' property is of type mox.property.Int32, not mox.property.Float");
-  }
+  EXPECT_EQ(&number.As<Primitive<int>>(), &number);
+  EXPECT_THAT(
+      [&] { number.As<Primitive<float>>(); },
+      ThrowsMessage<std::bad_cast>("The 'gain' property is of type mox.property.Int32, not mox.property.Float"));
 }
 
 TEST(Property, TakesWhatKeepsTheValue) {
@@ -89,16 +85,18 @@ TEST(Property, TakesWhatKeepsTheValue) {
 
   auto text = Make<std::string>("5");
   auto number = Make<float>(0.5F, {0, 4});
-  EXPECT_EQ(ErrorOf([&] { number = 4.1; }), "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not 4.1");
-  EXPECT_EQ(ErrorOf([&] { number = "4"; }),
-            "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not \"4\"");
-  EXPECT_EQ(ErrorOf([&] { text = 4; }), "The 'gain' property takes a mox.property.String, not 4");
-  EXPECT_EQ(ErrorOf([&] { static_cast<void>(static_cast<int>(number)); }),
-            "The value 0.5 of the 'gain' property cannot be read as mox.property.Int32");
-  EXPECT_EQ(ErrorOf([&] { static_cast<void>(static_cast<unsigned char>(text)); }),
-            "The value \"5\" of the 'gain' property cannot be read as mox.property.UInt8");
-  EXPECT_EQ(number.GetValue(), 0.5F);
-  EXPECT_EQ(text.GetValue(), "5");
+  EXPECT_THAT([&] { number = 4.1; }, ThrowsMessage<std::runtime_error>(
+                                         "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not 4.1"));
+  EXPECT_THAT([&] { number = "4"; }, ThrowsMessage<std::runtime_error>(
+                                         "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not \"4\""));
+  EXPECT_THAT([&] { text = 4; },
+              ThrowsMessage<std::runtime_error>("The 'gain' property takes a mox.property.String, not 4"));
+  EXPECT_THAT(
+      [&] { static_cast<void>(static_cast<int>(number)); },
+      ThrowsMessage<std::runtime_error>("The value 0.5 of the 'gain' property cannot be read as mox.property.Int32"));
+  EXPECT_THAT(
+      [&] { static_cast<void>(static_cast<unsigned char>(text)); },
+      ThrowsMessage<std::runtime_error>("The value \"5\" of the 'gain' property cannot be read as mox.property.UInt8"));
   const Property& property = text = "\xc3\xa9";
   EXPECT_STREQ(property, "\xc3\xa9");
 }
@@ -106,45 +104,39 @@ TEST(Property, TakesWhatKeepsTheValue) {
 template <typename T>
 std::string Describe(T value, Limits<T> limits = {}) {
   std::ostringstream stream;
-  stream << Make<T>(value, limits);
-  return stream.str().substr(
-      std::string(R"({"name":"gain","nice_name":"Gain","description":"How loud","type":)").size());
+  stream << Primitive<T>("a\"b", "", "\xc3\xa9\n", value, limits);
+  return stream.str();
 }
 
 TEST(Property, DescribesItselfInJson) {
-  std::ostringstream stream;
-  stream << Primitive<bool>("a\"b", "", "\xc3\xa9\n", true);
-  EXPECT_EQ(stream.str(),
-            "{\"name\":\"a\\\"b\",\"nice_name\":\"\",\"description\":\"\xc3\xa9\\n\",\"type\":\"mox.property.Bool\","
-            "\"value\":true}");
+  const std::string names = "{\"name\":\"a\\\"b\",\"nice_name\":\"\",\"description\":\"\xc3\xa9\\n\",\"type\":";
+  EXPECT_EQ(Describe(true), names + R"("mox.property.Bool","value":true})");
   EXPECT_EQ(Describe<float>(0.1F, {-std::numeric_limits<float>::infinity(), 4}),
-            R"("mox.property.Float","value":0.1,"minimum":"-Infinity","maximum":4.0})");
+            names + R"("mox.property.Float","value":0.1,"minimum":"-Infinity","maximum":4.0})");
   EXPECT_EQ(Describe<double>(kNan, {-0.0, kInfinity}),
-            R"("mox.property.Double","value":"NaN","minimum":-0.0,"maximum":"Infinity"})");
-  EXPECT_EQ(Describe<signed char>(-7), R"("mox.property.Int8","value":-7,"minimum":-128,"maximum":127})");
-  EXPECT_EQ(Describe<unsigned long>(~0UL),
-            R"("mox.property.UInt64","value":18446744073709551615,"minimum":0,"maximum":18446744073709551615})");
-  EXPECT_EQ(Describe<std::string>("x\xff\\"), "\"mox.property.String\",\"value\":\"x\xef\xbf\xbd\\\\\"}");
+            names + R"("mox.property.Double","value":"NaN","minimum":-0.0,"maximum":"Infinity"})");
+  EXPECT_EQ(Describe<signed char>(-7), names + R"("mox.property.Int8","value":-7,"minimum":-128,"maximum":127})");
+  EXPECT_EQ(Describe<unsigned long>(~0UL), names + R"("mox.property.UInt64","value":18446744073709551615,)" +
+                                               R"("minimum":0,"maximum":18446744073709551615})");
+  EXPECT_EQ(Describe<std::string>("x\xff\\"), names + "\"mox.property.String\",\"value\":\"x\xef\xbf\xbd\\\\\"}");
 }
 
 TEST(Property, IsUsedByThreadsAtOnce) {
-  auto number = Make<double>(0);
-  auto text = Make<std::string>("");
-  const auto set = [&](double value) {
-    const std::string long_text(1000, value > 0 ? 'x' : 'y');
+  auto text = Make<std::string>("mine");
+  const char* const mine = text;
+  const auto use = [&](char letter) {
     for (int i = 0; i < 1000; ++i) {
-      number = value;
-      text = long_text.c_str();
-      const double number_now = number;
-      const std::string text_now = static_cast<const char*>(text);
-      EXPECT_TRUE(number_now == 1 || number_now == -1);
-      EXPECT_EQ(text_now, std::string(1000, text_now[0]));
+      text = std::string(1000, letter).c_str();
+      const std::string now = static_cast<const char*>(text);
+      EXPECT_EQ(now, std::string(1000, now[0]));
       std::ostringstream() << text;
     }
   };
-  std::thread other(set, -1);
-  set(1);
-  other.join();
+  std::thread first(use, 'x');
+  std::thread second(use, 'y');
+  first.join();
+  second.join();
+  EXPECT_STREQ(mine, "mine") << "Until this thread reads again";
 }
 
 }  // namespace

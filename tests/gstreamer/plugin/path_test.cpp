@@ -1,9 +1,9 @@
 #include "mox/gstreamer/plugin/path/resolve/from_executable.h"
 #include "mox/gstreamer/plugin/path/resolve/from_library_name.h"
+#include "tests/gstreamer/elements.h"
 #include "tests/logging/capture.h"
 
 #include <cstdio>
-#include <stdexcept>
 #include <string>
 
 #include <boost/filesystem/operations.hpp>
@@ -15,25 +15,10 @@
 namespace mox::gstreamer::plugin::path::resolve {
 namespace {
 
-namespace filesystem = boost::filesystem;
+using elements::ErrorOf;
 using logging::Capture;
 using testing::ElementsAre;
-using testing::IsEmpty;
-
-constexpr const char* kByName =
-    "error mox.gstreamer.plugin.path.resolve.from_library_name: Could not resolve from library name: ";
-constexpr const char* kByExecutable =
-    "error mox.gstreamer.plugin.path.resolve.from_executable: Could not resolve from executable: ";
-
-/** The text of the error that the function raises. */
-template <typename Error, typename Function>
-std::string ErrorOf(const Function& function) {
-  try {
-    return "no error but " + function().string();
-  } catch (const Error& error) {
-    return error.what();
-  }
-}
+using namespace boost::filesystem;
 
 std::string ByNameInC(const char* name) {
   char* const path = MoxGstreamerPluginPathResolveFromLibraryName(name);
@@ -51,68 +36,42 @@ std::string OutputOf(const std::string& command) {
   return out;
 }
 
-class PluginPathTest : public testing::Test {
- protected:
-  PluginPathTest() { filesystem::create_directories(folder_ / "real"); }
-  ~PluginPathTest() override { filesystem::remove_all(folder_); }
+TEST(PluginPath, LiesBesideTheFileThatALinkLeadsTo) {
+  const auto folder = canonical(temp_directory_path()) / unique_path();
+  const auto file = folder / "real" / "file";
+  const auto expected = folder / "real" / "gstreamer-1.0";
+  const std::string by_name =
+      "error mox.gstreamer.plugin.path.resolve.from_library_name: Could not resolve from library name: ";
+  const std::string by_executable =
+      "error mox.gstreamer.plugin.path.resolve.from_executable: Could not resolve from executable: ";
+  const Capture capture;
+  create_directories(folder / "real");
+  create_symlink("real/file", folder / "libmox_link.so.3");
+  current_path(folder);
 
-  /** The folder is canonical: what is expected need not be made so. */
-  const filesystem::path folder_ = filesystem::canonical(filesystem::temp_directory_path()) / filesystem::unique_path();
-  const filesystem::path expected_ = folder_ / "real" / "gstreamer-1.0";
-};
+  copy_file(MOX_TEST_PROGRAM, file);
+  EXPECT_EQ(OutputOf("./libmox_link.so.3"), expected);
+  EXPECT_EQ(OutputOf("./libmox_link.so.3 real/file"), "none") << "The program removes itself first";
+  const auto no_program = ErrorOf([&] { canonical(file.string() + " (deleted)"); });
 
-TEST_F(PluginPathTest, LiesBesideTheLibraryThatALinkLeadsTo) {
-  filesystem::copy_file(MOX_TEST_PLUGIN, folder_ / "real" / "file");
-  filesystem::create_symlink("real/file", folder_ / "libmox_link.so.3");
-  filesystem::current_path(folder_);
+  copy_file(MOX_TEST_PLUGIN, file);
   ASSERT_NE(dlopen("./libmox_link.so.3", RTLD_NOW), nullptr) << dlerror();
-  const Capture capture;
-  EXPECT_EQ(FromLibraryName("mox_link"), expected_);
-  EXPECT_EQ(ByNameInC("mox_link"), expected_);
-  EXPECT_THAT(capture.GetLines(), IsEmpty());
-
-  filesystem::remove(folder_ / "real" / "file");
-  const auto error = ErrorOf<filesystem::filesystem_error>([] { return FromLibraryName("mox_link"); });
+  EXPECT_EQ(FromLibraryName("mox_link"), expected);
+  EXPECT_EQ(ByNameInC("mox_link"), expected);
+  remove(file);
+  const auto no_library = ErrorOf<filesystem_error>([] { FromLibraryName("mox_link"); });
   EXPECT_EQ(ByNameInC("mox_link"), "none");
-  EXPECT_THAT(capture.GetLines(), ElementsAre(kByName + error));
-}
-
-TEST_F(PluginPathTest, OfALibraryThatIsNotThere) {
-  const Capture capture;
-  EXPECT_EQ(ErrorOf<std::runtime_error>([] { return FromLibraryName("none"); }), "Library 'none' is not loaded");
+  EXPECT_EQ(ErrorOf([] { FromLibraryName("none"); }), "Library 'none' is not loaded");
   EXPECT_EQ(ByNameInC("none"), "none");
   EXPECT_EQ(ByNameInC(nullptr), "none");
-  EXPECT_THAT(capture.GetLines(),
-              ElementsAre(std::string(kByName) + "Library 'none' is not loaded",
-                          std::string(kByName) + "basic_string: construction from null is not valid"));
-}
 
-TEST_F(PluginPathTest, NeedsAWorkingDirectory) {
-  filesystem::current_path(folder_ / "real");
-  filesystem::remove(folder_ / "real");
-  const auto error = ErrorOf<filesystem::filesystem_error>(FromExecutable);
-  EXPECT_EQ(ErrorOf<filesystem::filesystem_error>([] { return FromLibraryName("none"); }), error)
-      << "The working directory is asked for first";
-  const Capture capture;
+  remove_all(folder);
+  const auto no_folder = ErrorOf<filesystem_error>(FromExecutable);
+  EXPECT_EQ(ErrorOf([] { FromLibraryName("none"); }), no_folder) << "The working directory is asked for first";
   EXPECT_EQ(MoxGstreamerPluginPathResolveFromExecutable(), nullptr);
-  EXPECT_EQ(ByNameInC("mox_system"), "none");
-  EXPECT_THAT(capture.GetLines(), ElementsAre(kByExecutable + error, kByName + error));
-}
-
-TEST_F(PluginPathTest, LiesBesideTheExecutableThatALinkLeadsTo) {
-  EXPECT_EQ(FromExecutable(), filesystem::read_symlink("/proc/self/exe").parent_path() / "gstreamer-1.0");
-
-  const auto program = folder_ / "real" / "program";
-  filesystem::copy_file(MOX_TEST_PROGRAM, program);
-  filesystem::create_symlink(program, folder_ / "link");
-  const Capture capture;
-  EXPECT_EQ(OutputOf((folder_ / "link").string()), expected_);
-  EXPECT_THAT(capture.GetLines(), IsEmpty());
-
-  EXPECT_EQ(OutputOf((folder_ / "link").string() + " " + program.string()), "none");
-  const auto gone = program.string() + " (deleted)";
-  const auto error = ErrorOf<filesystem::filesystem_error>([&] { return filesystem::canonical(gone); });
-  EXPECT_THAT(capture.GetLines(), ElementsAre(kByExecutable + error));
+  EXPECT_THAT(capture.GetLines(),
+              ElementsAre(by_executable + no_program, by_name + no_library, by_name + "Library 'none' is not loaded",
+                          by_name + "basic_string: construction from null is not valid", by_executable + no_folder));
 }
 
 }  // namespace
