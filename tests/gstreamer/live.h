@@ -55,20 +55,16 @@ constexpr auto kDeadline = std::chrono::seconds(20);
 
 /** Ends the test program, for a thread hangs; tells what every thread does, where gdb is installed. */
 [[noreturn]] inline void Hang() {
-  std::cerr << "The stacks, by gdb:" << std::endl;
   prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
   const std::string command = "gdb -batch -nx -ex 'thread apply all bt' -p " + std::to_string(getpid()) + " 1>&2";
-  if (std::system(command.c_str()) != 0) {
-    std::cerr << "gdb did not run: no stacks" << std::endl;
-  }
+  std::cerr << "gdb returned " << std::system(command.c_str()) << std::endl;
   std::abort();
 }
 
 /** Waits until the condition holds; ends the test program when it does not in time, for then a thread hangs. */
 template <typename Condition>
 void Await(const char* what, const Condition& condition) {
-  const auto end = std::chrono::steady_clock::now() + kDeadline;
-  while (!condition()) {
+  for (const auto end = std::chrono::steady_clock::now() + kDeadline; !condition();) {
     if (std::chrono::steady_clock::now() > end) {
       std::cerr << "still waiting for " << what << std::endl;
       Hang();
@@ -99,11 +95,11 @@ class Watch {
 
   explicit Watch(
       Ptr<GstElement> element, Judge judge = [](guint, guint64 from, guint64 to) { return to - from; })
-      : element_(std::move(element)), judge_(std::move(judge)) {
-    pad_ = Ptr<GstPad>(gst_element_get_static_pad(element_.Get(), "sink"));
-    probe_ = gst_pad_add_probe(
-        pad_.Get(), static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
-        OnItem, this, nullptr);
+      : element_(std::move(element)),
+        judge_(std::move(judge)),
+        pad_(gst_element_get_static_pad(element_.Get(), "sink")) {
+    constexpr auto kItems = GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM;
+    probe_ = gst_pad_add_probe(pad_.Get(), static_cast<GstPadProbeType>(kItems), OnItem, this, nullptr);
   }
   Watch(const Watch&) = delete;
   Watch& operator=(const Watch&) = delete;
@@ -129,10 +125,14 @@ class Watch {
  private:
   static GstPadProbeReturn OnItem(GstPad*, GstPadProbeInfo* info, gpointer data) {
     auto& watch = *static_cast<Watch*>(data);
+    GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
+    guint stream = watch.stream_;
     if ((info->type & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
       watch.OnFrame(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(info)));
-    } else {
-      watch.OnEvent(GST_PAD_PROBE_INFO_EVENT(info));
+    } else if (GST_EVENT_TYPE(event) == GST_EVENT_EOS) {
+      ++watch.eos_;
+    } else if (GST_EVENT_TYPE(event) == GST_EVENT_STREAM_START && gst_event_parse_group_id(event, &stream) != FALSE) {
+      watch.OnStream(stream);
     }
     return GST_PAD_PROBE_OK;
   }
@@ -146,14 +146,10 @@ class Watch {
   }
 
   // A source gives every stream that it starts a group of its own; a pad that is linked anew hears of the same again.
-  void OnEvent(GstEvent* event) {
-    eos_ += GST_EVENT_TYPE(event) == GST_EVENT_EOS ? 1 : 0;
-    guint stream = stream_;
-    if (GST_EVENT_TYPE(event) == GST_EVENT_STREAM_START && gst_event_parse_group_id(event, &stream) != FALSE &&
-        stream != stream_) {
-      misplaced_ += stream < stream_ ? 1 : 0;
-      next_ = stream_ == 0 ? GST_BUFFER_OFFSET_NONE : 0;
-      stream_ = stream;
+  void OnStream(guint stream) {
+    misplaced_ += stream < stream_ ? 1 : 0;
+    if (const guint before = stream_.exchange(stream); before != stream) {
+      next_ = before == 0 ? GST_BUFFER_OFFSET_NONE : 0;
     }
   }
 
