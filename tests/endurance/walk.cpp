@@ -338,34 +338,31 @@ class Walker {
     const std::shared_lock<std::shared_mutex> lock(ground_.stopping);
     const auto one = Counted(live::Make("identity"));
     const auto audio = Counted(live::Make("audioconvert"));
-    const std::string unlinked = "Element Error: Failed to link element '";
-    const std::pair<std::string, std::function<void()>> requests[] = {
-        {"Cannot add a filter that is null",
-         [&] {
-           pipeline_.AddFilters({one, Ptr<GstElement>()});
-         }},
-        {"Cannot remove a filter that has not been added to the filters list", [&] { pipeline_.EraseFilters({one}); }},
-        {"Bin Error: Failed to add element '",
-         [&] {
-           pipeline_.AddFilters({one, one});
-         }},
-        {unlinked,
-         [&] {
-           pipeline_.AddFilters({one, audio});
-         }},
+    const auto unlinked = "Element Error: Failed to link element '";
+    const struct {
+      const char* text;
+      void (live::Pipeline::*call)(live::Elements);
+      live::Elements list;
+    } requests[] = {
+        {"Cannot add a filter that is null", &live::Pipeline::AddFilters, {one, {}}},
+        {"Cannot remove a filter that has not been added to the filters list", &live::Pipeline::EraseFilters, {one}},
+        {"Bin Error: Failed to add element '", &live::Pipeline::AddFilters, {one, one}},
+        {unlinked, &live::Pipeline::AddFilters, {one, audio}},
         {"Element Error: Failed to sync the state of the element 'filter_bin",
-         [&] {
-           pipeline_.AddFilters({one, MakeRefusing()});
-         }},
-        {"Cannot remove an output that has not been added to the bin", [&] { pipeline_.EraseOutputs({one}); }},
-        // What is listed before the wrong one stays: were the wrong one the first, there could be no output any more.
-        {unlinked,
-         [&] {
-           pipeline_.AddOutputs({KeepOutput(random_.MakeOutput()), audio});
-         }},
-        {"Cannot remove the input if the pipeline is not stopped", [&] { pipeline_.SetInput({}); }}};
-    const auto& [text, request] = random_.From(requests);
-    Expect(text, request);
+         &live::Pipeline::AddFilters,
+         {one, MakeRefusing()}},
+        {"Cannot remove an output that has not been added to the bin", &live::Pipeline::EraseOutputs, {one}},
+    };
+    const std::size_t drawn = random_.Below(std::size(requests) + 2);
+    if (drawn < std::size(requests)) {
+      Expect(requests[drawn].text, [&] { (pipeline_.*requests[drawn].call)(requests[drawn].list); });
+    } else if (drawn == std::size(requests)) {
+      Expect("Cannot remove the input if the pipeline is not stopped", [&] { pipeline_.SetInput({}); });
+    } else {
+      // What is listed before the wrong one stays: were the wrong one the first, there could be no output any more.
+      const live::Elements outputs{KeepOutput(random_.MakeOutput()), audio};
+      Expect(unlinked, [&] { pipeline_.AddOutputs(outputs); });
+    }
   }
 
   static Ptr<GstElement> MakeRefusing() {

@@ -171,8 +171,11 @@ TEST_F(Live, AfterTheEndOrAFailedStartANewInputPlays) {
 TEST_F(Live, SlowAndUnprerolledOutputsGoWithoutStallingTheOthers) {
   Stream stream(true);
   stream.Play();
-  for (int i = 0; i < 5; ++i) {
-    const auto slow = Parse("identity sleep-time=300000 ! fakesink");
+  // One that sleeps and one that waits for the clock, which only its own stop ends.
+  constexpr auto kSleeping = "identity sleep-time=300000 ! fakesink";
+  constexpr auto kWaiting = "identity ! fakesink sync=true ts-offset=60000000000";
+  for (const char* description : {kSleeping, kWaiting, kSleeping, kWaiting}) {
+    const auto slow = Parse(description);
     stream.pipeline.AddOutputs({slow});
     const auto queue = stream.pipeline.GetOutputs().at(1).queue;
     g_object_set(queue.Get(), "max-size-buffers", 2, nullptr);
