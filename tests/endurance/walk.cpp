@@ -1,16 +1,18 @@
 #include "tests/endurance/walk.h"
 
-#include "tests/endurance/watchdog.h"
+#include "tests/gstreamer/elements.h"
 #include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <iostream>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -35,6 +37,20 @@ Ptr<GstElement> Counted(Ptr<GstElement> element) {
   return element;
 }
 
+// With threads of their own and without.
+constexpr const char* kFilters[] = {"identity", "queue", "identity ! identity", "queue max-size-buffers=2 ! identity"};
+constexpr const char* kFormatFilters[] = {"videoflip", "edgetv", "queue ! videoflip",
+                                          "videoconvert ! capsfilter caps=video/x-raw,format=NV12 ! videoconvert"};
+
+// Most are "fakesink" alone, for the slowest sets the pace of all.
+constexpr const char* kOutputs[] = {"queue ! fakesink",
+                                    "queue max-size-buffers=1 ! fakesink",
+                                    "identity ! fakesink async=false",
+                                    "videoconvert ! capsfilter caps=video/x-raw,format=I420 ! fakesink",
+                                    "videoconvert ! capsfilter caps=video/x-raw,format=RGB ! queue ! fakesink",
+                                    "identity sleep-time=200 ! fakesink",
+                                    "identity sleep-time=1000 ! fakesink"};
+
 // The numbers that a walker draws, and what it makes by them.
 class Random {
  public:
@@ -45,53 +61,37 @@ class Random {
 
   std::size_t Below(std::size_t limit) { return engine_() % limit; }
 
-  template <std::size_t kSize>
-  Ptr<GstElement> Make(const std::array<const char*, kSize>& descriptions) {
-    const std::string description = descriptions.at(Below(kSize));
-    const bool bin = description.find(' ') != std::string::npos;
-    return Counted(bin ? live::Parse(description) : live::Make(description.c_str()));
-  }
-
-  Ptr<GstElement> MakeInput(bool paced) {
-    constexpr std::array kFormats = {"I420", "RGB", "BGRx", "NV12"};
-    constexpr std::array kEnds = {"", " ! queue", " ! identity"};
-    return Counted(live::Parse(std::string("videotestsrc pattern=black is-live=") + (paced ? "true" : "false") +
-                               " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1,format=" +
-                               kFormats.at(Below(kFormats.size())) + kEnds.at(Below(kEnds.size()))));
+  template <typename List>
+  auto& From(List& list) {
+    return list[Below(std::size(list))];
   }
 
   template <typename T>
   T TakeFrom(std::vector<T>& list) {
-    std::swap(list.at(Below(list.size())), list.back());
+    std::swap(From(list), list.back());
     T taken = std::move(list.back());
     list.pop_back();
     return taken;
   }
 
+  Ptr<GstElement> Make(const std::string& description) {
+    const bool bin = description.find(' ') != std::string::npos;
+    return Counted(bin ? live::Parse(description) : live::Make(description.c_str()));
+  }
+
+  Ptr<GstElement> MakeOutput() { return Make(Below(3) > 0 ? "fakesink" : From(kOutputs)); }
+
+  Ptr<GstElement> MakeInput(bool paced) {
+    constexpr const char* kFormats[] = {"I420", "RGB", "BGRx", "NV12"};
+    constexpr const char* kEnds[] = {"", " ! queue", " ! identity"};
+    return Counted(live::Parse(
+        std::string("videotestsrc pattern=black is-live=") + (paced ? "true" : "false") +
+        " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1,format=" + From(kFormats) + From(kEnds)));
+  }
+
  private:
   std::mt19937 engine_;
 };
-
-// With threads of their own and without.
-constexpr std::array kFilters = {"identity", "queue", "identity ! identity", "queue max-size-buffers=2 ! identity"};
-
-constexpr std::array kFormatFilters = {"videoflip", "edgetv", "queue ! videoflip",
-                                       "videoconvert ! capsfilter caps=video/x-raw,format=NV12 ! videoconvert"};
-
-// Most are fast, for the slowest sets the pace of all.
-constexpr std::array kOutputs = {"fakesink",
-                                 "fakesink",
-                                 "fakesink",
-                                 "fakesink",
-                                 "queue ! fakesink",
-                                 "queue max-size-buffers=1 ! fakesink",
-                                 "identity ! fakesink async=false",
-                                 "videoconvert ! capsfilter caps=video/x-raw,format=I420 ! fakesink",
-                                 "videoconvert ! capsfilter caps=video/x-raw,format=RGB ! queue ! fakesink",
-                                 "identity sleep-time=200 ! fakesink",
-                                 "identity sleep-time=1000 ! fakesink"};
-
-constexpr std::array kStuckOutputs = {"identity name=stuck sleep-time=300000 ! fakesink"};
 
 // Knows which frames were given up by right: a change to a filter of another format may give up one.
 class Ledger {
@@ -129,46 +129,47 @@ class Ledger {
   std::set<std::pair<guint, guint64>> given_up_;
 };
 
-// The states of an element and of those in it: what it has, what it is on its way to, what it is to get to.
-void DescribeStates(GstElement& element, const std::string& indent) {
-  std::cerr << indent << GST_OBJECT_NAME(&element) << ": " << gst_element_state_get_name(GST_STATE(&element)) << " > "
-            << gst_element_state_get_name(GST_STATE_PENDING(&element)) << " > "
-            << gst_element_state_get_name(GST_STATE_TARGET(&element)) << ", "
-            << gst_element_state_change_return_get_name(GST_STATE_RETURN(&element)) << "\n";
-  if (GST_IS_BIN(&element)) {
-    for (const GList* child = GST_BIN_CHILDREN(&element); child != nullptr; child = child->next) {
-      DescribeStates(*GST_ELEMENT(child->data), indent + "  ");
-    }
-  }
-}
-
 // What the walkers share.
 struct Ground {
+  using Clock = std::chrono::steady_clock;
+
+  struct Guarded {
+    std::string what;
+    std::function<std::size_t()> count;
+    std::size_t last;
+    Clock::time_point moved;
+  };
+
   explicit Ground(const Options& given) : options(given) {}
 
   Watch::Judge Arrive() {
     return [this](guint stream, guint64 from, guint64 to) { return ledger.Arrive(stream, from, to); };
   }
 
-  Watch::Judge Enter() {
-    return [this](guint stream, guint64 from, guint64 to) { return ledger.Enter(stream, from, to); };
-  }
-
-  void Note(const std::string& change) {
+  // Until it is released, the count must change now and then.
+  void Guard(const void* key, std::string what, std::function<std::size_t()> count) {
     const std::lock_guard<std::mutex> lock(mutex);
-    last_changes.push_back(change);
-    if (last_changes.size() > 20) {
-      last_changes.pop_front();
-    }
+    guarded[key] = {std::move(what), std::move(count), 0, Clock::now()};
   }
 
-  void Describe() {
-    std::cerr << "The last changes begun:\n";
-    for (const auto& change : last_changes) {
-      std::cerr << "  " << change << "\n";
+  void Release(const void* key) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    guarded.erase(key);
+  }
+
+  // Ends the program, with the states of all elements and the stacks of all threads, once something stands still.
+  void CheckMoving() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    for (auto& [key, each] : guarded) {
+      if (each.count() != std::exchange(each.last, each.count())) {
+        each.moved = Clock::now();
+      }
+      if (Clock::now() - each.moved > live::kDeadline) {
+        std::cerr << "\nSTALL of " << each.what << " at " << each.last << std::endl;
+        std::cerr << gst_debug_bin_to_dot_data(GST_BIN(&pipeline.Get()), GST_DEBUG_GRAPH_SHOW_STATES) << std::endl;
+        live::Hang();
+      }
     }
-    std::cerr << "The states, as current > pending > target, last return:\n";
-    DescribeStates(*GST_ELEMENT(&pipeline.Get()), "  ");
   }
 
   void Unexpected(const std::string& what) {
@@ -180,8 +181,7 @@ struct Ground {
   void Add(const Watch& watch, bool drained_through = false) {
     const std::lock_guard<std::mutex> lock(mutex);
     figures.lost += watch.Lost();
-    figures.repeated += watch.Repeated();
-    figures.out_of_order += watch.OutOfOrder();
+    figures.misplaced += watch.Misplaced();
     figures.eos += drained_through ? 0 : watch.Eos();
   }
 
@@ -192,10 +192,9 @@ struct Ground {
   std::shared_mutex stopping;
   std::mutex mutex;
   Figures figures;
-  std::deque<std::string> last_changes;
+  std::map<const void*, Guarded> guarded;
   std::atomic<std::size_t> changes = 0;
   std::atomic<bool> stop = false;
-  Watchdog watchdog{[this] { Describe(); }};
 };
 
 // One thread, with the filters and outputs that it has put in.
@@ -205,7 +204,7 @@ class Walker {
       : ground_(ground), name_("thread " + std::to_string(index)), random_(ground.options.seed, index) {}
 
   void Run() {
-    const auto guard = ground_.watchdog.Guard(name_, [this] { return changes_.load(); });
+    ground_.Guard(this, name_, [this] { return changes_.load(); });
     try {
       while (!ground_.stop) {
         Step(true);
@@ -220,11 +219,7 @@ class Walker {
       ground_.Unexpected(name_ + ": " + error.what());
       ground_.stop = true;
     }
-    const std::lock_guard<std::mutex> lock(ground_.mutex);
-    for (const auto& [kind, latencies] : latencies_) {
-      auto& all = ground_.figures.latencies[kind];
-      all.insert(all.end(), latencies.begin(), latencies.end());
-    }
+    ground_.Release(this);
   }
 
  private:
@@ -233,16 +228,10 @@ class Walker {
     bool other_format;
   };
 
-  struct Output {
-    std::unique_ptr<Watch> watch;
-    mox::type::Binding guard;
-  };
-
   void Step(bool playing) {
-    Unstick();
     const std::size_t drawn = random_.Below(100);
     if (drawn < 45) {
-      filters_.size() <= random_.Below(4) ? AddFilter() : EraseFilter();
+      ChangeFilters();
     } else if (drawn < 80) {
       outputs_.size() <= random_.Below(4) ? AddOutput() : EraseOutput();
     } else if (drawn < 87) {
@@ -254,80 +243,70 @@ class Walker {
     }
   }
 
-  // The outputs that are stuck have been so for long enough.
-  void Unstick() {
-    for (const auto& output : outputs_) {
-      auto* const element = output.watch->Element().Get();
-      const Ptr<GstElement> stuck(GST_IS_BIN(element) ? gst_bin_get_by_name(GST_BIN(element), "stuck") : nullptr);
-      if (stuck) {
-        g_object_set(stuck.Get(), "sleep-time", 0, nullptr);
-      }
-    }
-  }
-
   template <typename Call>
   void Time(const std::string& kind, const Call& call) {
-    ground_.Note(name_ + ": " + kind);
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = Ground::Clock::now();
     call();
-    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
-    latencies_[kind].push_back(took.count());
+    const std::chrono::duration<double, std::milli> took = Ground::Clock::now() - start;
     ++changes_;
     ++ground_.changes;
+    const std::lock_guard<std::mutex> lock(ground_.mutex);
+    ground_.figures.latencies[kind].push_back(took.count());
   }
 
-  void AddFilter() {
+  void ChangeFilters(const std::string& when = "") {
+    filters_.size() <= random_.Below(4) ? AddFilter(when) : EraseFilter(when);
+  }
+
+  void AddFilter(const std::string& when) {
     const bool other_format = random_.Below(3) == 0;
-    const auto filter = other_format ? random_.Make(kFormatFilters) : random_.Make(kFilters);
-    ChangeFilters("add filter", other_format, [&] { pipeline_.AddFilters({filter}); });
-    filters_.push_back({filter, other_format});
-    Check(IsFilter(filter), "an added filter is not there");
+    const Filter filter{random_.Make(other_format ? random_.From(kFormatFilters) : random_.From(kFilters)),
+                        other_format};
+    Change("add filter" + when, filter, [&] { pipeline_.AddFilters({filter.element}); });
+    filters_.push_back(filter);
   }
 
-  void EraseFilter() {
+  void EraseFilter(const std::string& when = "") {
     const Filter filter = random_.TakeFrom(filters_);
-    ChangeFilters("erase filter", filter.other_format, [&] { pipeline_.EraseFilters({filter.element}); });
-    Check(!IsFilter(filter.element), "an erased filter is there still");
+    Change("erase filter" + when, filter, [&] { pipeline_.EraseFilters({filter.element}); });
   }
 
   template <typename Call>
-  void ChangeFilters(const std::string& kind, bool other_format, const Call& call) {
-    if (other_format) {
-      ground_.ledger.Begin();
+  void Change(const std::string& kind, const Filter& filter, const Call& call) {
+    if (!filter.other_format) {
+      return Time(kind, call);
     }
-    Time(kind + (other_format ? " of other format" : ""), call);
-    if (other_format) {
-      ground_.ledger.Finish();
-    }
+    ground_.ledger.Begin();
+    Time(kind + " of other format", call);
+    ground_.ledger.Finish();
   }
 
-  bool IsFilter(const Ptr<GstElement>& element) {
-    const auto filters = pipeline_.GetFilters();
-    return std::find(filters.begin(), filters.end(), element) != filters.end();
-  }
-
-  std::unique_ptr<Watch> MakeOutput() {
-    const bool stuck = random_.Below(40) == 0;
-    return std::make_unique<Watch>(stuck ? random_.Make(kStuckOutputs) : random_.Make(kOutputs), ground_.Arrive());
+  // One more output, which is to be in the pipeline soon.
+  const Ptr<GstElement>& KeepOutput(const Ptr<GstElement>& element) {
+    const auto& watch = *outputs_.emplace_back(std::make_unique<Watch>(element, ground_.Arrive()));
+    ground_.Guard(&watch, name_ + ", frames of " + GST_OBJECT_NAME(element.Get()), [&] { return watch.Frames(); });
+    return watch.Element();
   }
 
   void AddOutput() {
-    auto watch = MakeOutput();
-    Time("add output", [&] { pipeline_.AddOutputs({watch->Element()}); });
-    Keep(std::move(watch));
+    const bool stuck = random_.Below(40) == 0;
+    const bool first = pipeline_.GetOutputs().empty();
+    const auto& element =
+        KeepOutput(stuck ? random_.Make("identity sleep-time=300000 ! fakesink") : random_.MakeOutput());
+    Time(first ? "add the first output" : "add output", [&] { pipeline_.AddOutputs({element}); });
+    if (stuck) {
+      EraseOutput(std::exchange(outputs_.back(), nullptr));
+      outputs_.pop_back();
+    }
   }
 
-  void Keep(std::unique_ptr<Watch> watch) {
-    auto guard = ground_.watchdog.Guard(name_ + ", frames of " + GST_OBJECT_NAME(watch->Element().Get()),
-                                        [frames = watch.get()] { return frames->Frames(); });
-    outputs_.push_back({std::move(watch), std::move(guard)});
-  }
+  void EraseOutput() { EraseOutput(random_.TakeFrom(outputs_)); }
 
-  void EraseOutput() {
-    Output output = random_.TakeFrom(outputs_);
-    output.guard.Release();
-    Time("erase output", [&] { pipeline_.EraseOutputs({output.watch->Element()}); });
-    ground_.Add(*output.watch);
+  void EraseOutput(std::unique_ptr<Watch> watch) {
+    ground_.Release(watch.get());
+    const bool last = pipeline_.GetOutputs().size() == 1;
+    Time(last ? "erase the last output" : "erase output", [&] { pipeline_.EraseOutputs({watch->Element()}); });
+    ground_.Add(*watch);
   }
 
   void ExchangeInput(bool playing) {
@@ -352,63 +331,51 @@ class Walker {
       pipeline_.SetInput(random_.MakeInput(ground_.options.live != 0));
     }
     Time("start", [&] { pipeline_.SetEnable(true); });
+    ChangeFilters(pipeline_.GetState() == live::Pipeline::State::Starting ? ", starting" : "");
   }
 
   void RequestWrongly() {
     const std::shared_lock<std::shared_mutex> lock(ground_.stopping);
     const auto one = Counted(live::Make("identity"));
-    const auto audio = Counted(live::Parse("audioconvert"));
-    switch (random_.Below(8)) {
-      case 0:
-        return Expect("Cannot add a filter that is null", [&] { pipeline_.AddFilters({one, Ptr<GstElement>()}); });
-      case 1:
-        return Expect("Cannot remove a filter that has not been added to the filters list",
-                      [&] { pipeline_.EraseFilters({one}); });
-      case 2:
-        return Expect("Bin Error: Failed to add element '", [&] { pipeline_.AddFilters({one, one}); });
-      case 3:
-        return Expect("Element Error: Failed to link element '", [&] { pipeline_.AddFilters({one, audio}); });
-      case 4:
-        return Expect("Element Error: Failed to sync the state of the element 'filter_bin", [&] {
-          pipeline_.AddFilters({one, MakeRefusing()});
-        });
-      case 5:
-        return Expect("Cannot remove an output that has not been added to the bin",
-                      [&] { pipeline_.EraseOutputs({one}); });
-      case 6: {
-        // What is listed before the wrong one stays: were the wrong one the first, there could be no output any more.
-        auto watch = MakeOutput();
-        Expect("Element Error: Failed to link element '", [&] { pipeline_.AddOutputs({watch->Element(), audio}); });
-        return Keep(std::move(watch));
-      }
-      default:
-        return Expect("Cannot remove the input if the pipeline is not stopped", [&] { pipeline_.SetInput({}); });
+    const auto audio = Counted(live::Make("audioconvert"));
+    const auto unlinked = "Element Error: Failed to link element '";
+    const struct {
+      const char* text;
+      void (live::Pipeline::*call)(live::Elements);
+      live::Elements list;
+    } requests[] = {
+        {"Cannot add a filter that is null", &live::Pipeline::AddFilters, {one, {}}},
+        {"Cannot remove a filter that has not been added to the filters list", &live::Pipeline::EraseFilters, {one}},
+        {"Bin Error: Failed to add element '", &live::Pipeline::AddFilters, {one, one}},
+        {unlinked, &live::Pipeline::AddFilters, {one, audio}},
+        {"Element Error: Failed to sync the state of the element 'filter_bin",
+         &live::Pipeline::AddFilters,
+         {one, MakeRefusing()}},
+        {"Cannot remove an output that has not been added to the bin", &live::Pipeline::EraseOutputs, {one}},
+    };
+    const std::size_t drawn = random_.Below(std::size(requests) + 2);
+    if (drawn < std::size(requests)) {
+      Expect(requests[drawn].text, [&] { (pipeline_.*requests[drawn].call)(requests[drawn].list); });
+    } else if (drawn == std::size(requests)) {
+      Expect("Cannot remove the input if the pipeline is not stopped", [&] { pipeline_.SetInput({}); });
+    } else {
+      // What is listed before the wrong one stays: were the wrong one the first, there could be no output any more.
+      const live::Elements outputs{KeepOutput(random_.MakeOutput()), audio};
+      Expect(unlinked, [&] { pipeline_.AddOutputs(outputs); });
     }
   }
 
   static Ptr<GstElement> MakeRefusing() {
     auto refusing = Counted(faulty::Make());
-    faulty::Of(*refusing).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
+    faulty::Of(refusing.Get()).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
     return refusing;
   }
 
-  template <typename Call>
-  void Expect(const std::string& text, const Call& call) {
-    std::string raised = "no error";
-    ground_.Note(name_ + ", to be told " + text);
-    Time("wrong request", [&] {
-      try {
-        call();
-      } catch (const std::exception& error) {
-        raised = error.what();
-      }
-    });
-    Check(raised.rfind(text, 0) == 0, raised + " instead of " + text);
-  }
-
-  void Check(bool holds, const std::string& otherwise) {
-    if (!holds) {
-      ground_.Unexpected(name_ + ": " + otherwise);
+  void Expect(const std::string& text, const std::function<void()>& call) {
+    std::string raised;
+    Time("wrong request", [&] { raised = elements::ErrorOf<std::exception>(call); });
+    if (raised.rfind(text, 0) != 0) {
+      ground_.Unexpected(name_ + ": " + raised + " instead of " + text);
     }
   }
 
@@ -417,8 +384,7 @@ class Walker {
   const std::string name_;
   Random random_;
   std::vector<Filter> filters_;
-  std::vector<Output> outputs_;
-  std::map<std::string, std::vector<double>> latencies_;
+  std::vector<std::unique_ptr<Watch>> outputs_;
   std::atomic<std::size_t> changes_ = 0;
 };
 
@@ -431,32 +397,45 @@ std::size_t CountAlive() {
 Figures Walk(const Options& options) {
   Ground ground(options);
   auto& pipeline = ground.pipeline;
-  auto& filters = mox::gstreamer::bin::pipeline::GetFilterBin(*GST_BIN(&pipeline.Get()));
-  auto& outputs = mox::gstreamer::bin::pipeline::GetOutputBin(*GST_BIN(&pipeline.Get()));
-  const Watch entering(Ptr<GstElement>(GST_ELEMENT(gst_object_ref(&filters))), ground.Enter());
-  const Watch leaving(Ptr<GstElement>(GST_ELEMENT(gst_object_ref(&outputs))), ground.Arrive());
+  GstBin& whole = *GST_BIN(&pipeline.Get());
+  const auto watch = [](GstBin& bin, const Watch::Judge& judge) {
+    return Watch(Ptr<GstElement>(GST_ELEMENT(gst_object_ref(&bin))), judge);
+  };
+  const Watch entering = watch(mox::gstreamer::bin::pipeline::GetFilterBin(whole),
+                               [&](auto... frames) { return ground.ledger.Enter(frames...); });
+  const Watch leaving = watch(mox::gstreamer::bin::pipeline::GetOutputBin(whole), ground.Arrive());
   pipeline.SetInput(Random(options.seed, -1).MakeInput(options.live != 0));
   pipeline.SetEnable(true);
-  const auto guard = ground.watchdog.Guard("frames out of the filters", [&] { return leaving.Frames(); });
+  ground.Guard(&leaving, "frames out of the filters", [&] { return leaving.Frames(); });
 
   std::deque<Walker> walkers;
   std::vector<std::thread> threads;
+  std::atomic<int> walking = options.threads;
   for (int i = 0; i < options.threads; ++i) {
-    threads.emplace_back([&walker = walkers.emplace_back(ground, i)] { walker.Run(); });
+    threads.emplace_back([&, &walker = walkers.emplace_back(ground, i)] {
+      walker.Run();
+      --walking;
+    });
   }
-  for (int tenths = 0; tenths < 10 * options.seconds && !ground.stop; ++tenths) {
+  for (int tenths = 0; walking > 0; ++tenths) {
     std::cerr << "\r" << tenths / 10 << " s, " << ground.changes << " changes, " << alive << " elements " << std::flush;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ground.CheckMoving();
+    ground.stop = ground.stop || tenths >= 10 * options.seconds;
   }
-  ground.stop = true;
   for (auto& thread : threads) {
     thread.join();
   }
 
-  if (!pipeline.GetFilters().empty() || !pipeline.GetOutputs().empty() || !pipeline.GetEnable()) {
+  leaving.AwaitFrames(10);
+  const Ptr<GstElement> tee(gst_bin_get_by_name(&whole, "output_tee"));
+  if (!pipeline.GetFilters().empty() || !pipeline.GetOutputs().empty() || !pipeline.GetEnable() ||
+      tee->numsrcpads != 1) {
     ground.Unexpected("what is left is not an empty playing pipeline");
   }
-  leaving.AwaitFrames(10);
+  if (live::CountProbes(whole) != 2) {
+    ground.Unexpected("probes are left besides those of the two watches");
+  }
   pipeline.SetEnable(false);
   ground.Add(leaving);
   ground.Add(entering, true);

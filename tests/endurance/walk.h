@@ -21,10 +21,9 @@ struct Figures {
   std::size_t given_up = 0;                              ///< Frames that changes of the video format gave up.
   // These must be 0.
   std::size_t lost = 0;
-  std::size_t repeated = 0;
-  std::size_t out_of_order = 0;
-  std::size_t eos = 0;
-  std::size_t unexpected = 0;  ///< Calls that raised what they were not to raise.
+  std::size_t misplaced = 0;   ///< Frames repeated or out of order.
+  std::size_t eos = 0;         ///< EOS that got through to an output.
+  std::size_t unexpected = 0;  ///< Calls that raised what they were not to raise, and what was left behind.
 };
 
 /** Changes a playing pipeline at random, from several threads at once, and checks every frame at every output. */
