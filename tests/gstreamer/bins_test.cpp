@@ -403,8 +403,6 @@ TEST_F(OutputTest, WhatCannotBeStoppedStaysAttached) {
     EXPECT_EQ(ErrorOf([&] { output::EraseOutputs(bin_, erased); }),
               "Element Error: Failed to set the state of the element 'v [v]' to NULL");
   }
-  // One that refuses every state cannot run on either, so its queue stays stopped.
-  EXPECT_EQ(GST_STATE(output::GetOutputs(bin_).at(1).queue.Get()), GST_STATE_NULL);
   faulty::Of(stuck.Get()).answer = faulty::Faults::kFollows;
   output::EraseOutputs(bin_, {stuck});
   EXPECT_EQ(Names(), "a b ");
