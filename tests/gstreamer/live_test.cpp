@@ -4,6 +4,7 @@
 #include "tests/gstreamer/elements.h"
 #include "tests/gstreamer/faulty.h"
 
+#include <atomic>
 #include <cstdio>
 #include <exception>
 #include <functional>
@@ -179,11 +180,10 @@ TEST_F(Live, SlowAndUnprerolledOutputsGoWithoutStallingTheOthers) {
     stream.pipeline.AddOutputs({slow});
     const auto queue = stream.pipeline.GetOutputs().at(1).queue;
     g_object_set(queue.Get(), "max-size-buffers", 2, nullptr);
-    Await("a full queue", [&] {
-      guint level = 0;
-      g_object_get(queue.Get(), "current-level-buffers", &level, nullptr);
-      return level >= 2;
-    });
+    std::atomic<bool> full = false;  // a frame waits for its turn
+    const auto overrun = [](GstElement*, gpointer data) { *static_cast<std::atomic<bool>*>(data) = true; };
+    g_signal_connect(queue.Get(), "overrun", G_CALLBACK(+overrun), &full);
+    Await("a full queue", [&] { return full.load(); });
     Within(seconds(5), "detaching a slow output", [&] { stream.pipeline.EraseOutputs({slow}); });
     const auto unprerolled = Parse("valve drop=true ! fakesink");
     stream.pipeline.AddOutputs({unprerolled});
