@@ -31,23 +31,28 @@ Level GstLevelToMoxLevel(GstDebugLevel level) noexcept {
   return index < levels.size() ? levels[index] : Level::None;
 }
 
-// The word at the address, or none where nothing can be read.
-std::optional<const void*> Read(const void* address) noexcept {
+// Whether the word at the address can be read, which is not done here.
+bool IsReadable(const void* address) noexcept {
   if (reinterpret_cast<std::uintptr_t>(address) % alignof(void*) != 0) {
-    return std::nullopt;
+    return false;
   }
   // The kernel copies the signal set before it refuses the operation, and does not fault where it cannot.
   const int error = errno;
   const bool readable =
       syscall(SYS_rt_sigprocmask, ~0, address, nullptr, sizeof(std::uint64_t)) != 0 && errno == EINVAL;
   errno = error;
-  return readable ? std::optional(*static_cast<const void* const*>(address)) : std::nullopt;
+  return readable;
+}
+
+// The word at the address, or none where nothing can be read.
+std::optional<const void*> Read(const void* address) noexcept {
+  return IsReadable(address) ? std::optional(*static_cast<const void* const*>(address)) : std::nullopt;
 }
 
 // Whether the address, which can be read itself, is followed by as much as GLib's description of a type takes.
 bool HoldsType(const void* address) noexcept {
   constexpr std::size_t description = 9;  // words
-  return Read(static_cast<const void* const*>(address) + description).has_value();
+  return IsReadable(static_cast<const void* const*>(address) + description);
 }
 
 // Whether this is a registered type: a small number, or the address of GLib's description of the type.
