@@ -99,7 +99,7 @@ TEST(LogBridge, NamesTheLevelAndTheTypeOfAnyObject) {
   }
 
   GObject* const object = G_OBJECT(g_object_new(G_TYPE_OBJECT, nullptr));
-  GParamSpec* const specification = g_param_spec_int("name", "nick", "blurb", 0, 1, 0, G_PARAM_READABLE);
+  GParamSpec* const param_spec = g_param_spec_int("name", "nick", "blurb", 0, 1, 0, G_PARAM_READABLE);
   const Ptr<GstCaps> caps(gst_caps_from_string("video/x-raw"));
   const GType boxed = g_boxed_type_register_static(
       "MoxTestBoxed", [](gpointer) -> gpointer { return nullptr; }, [](gpointer) {});
@@ -115,7 +115,7 @@ TEST(LogBridge, NamesTheLevelAndTheTypeOfAnyObject) {
   const std::map<std::string, std::vector<const void*>> objects = {
       {"GObject", {object}},
       {"GstFakeSink", {element.Get()}},
-      {"GParamInt", {specification}},
+      {"GParamInt", {param_spec}},
       {"GstCaps", {caps.Get()}},
       {"GstStructure", {gst_caps_get_structure(caps.Get(), 0)}},
       {"MoxTestBoxed", {&boxed}},
@@ -127,7 +127,7 @@ TEST(LogBridge, NamesTheLevelAndTheTypeOfAnyObject) {
       EXPECT_EQ(Log(GST_LEVEL_ERROR, pointer), "error" + text + type + ": text") << pointer;
     }
   }
-  g_param_spec_unref(specification);
+  g_param_spec_unref(param_spec);
   g_object_unref(object);
 }
 
