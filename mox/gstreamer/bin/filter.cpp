@@ -263,10 +263,17 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
       ChangeDrained(filterBin, change, filters, before);
     } catch (...) {
       error = std::current_exception();
-      // A filter that refused to stop has kept the EOS on its pads. The link anew has the stream's events sent again,
-      // which take it off.
-      gst_pad_unlink(&pad, sink.Get());
-      gst_pad_link_full(&pad, sink.Get(), GST_PAD_LINK_CHECK_NOTHING);
+      // A bin whose children refuse to stop has closed its own source pads already, and does not open them again.
+      gst_pad_set_active(source.Get(), TRUE);
+      for (const auto& filter : before) {
+        if (GST_IS_BIN(filter.Get()) && GST_OBJECT_PARENT(filter.Get()) == GST_OBJECT_CAST(&filterBin)) {
+          gst_pad_set_active(check::element::GetPad(*filter, "src", kElementError).Get(), TRUE);
+        }
+      }
+      // A filter that refused to stop has kept the EOS on its pads, which only the start of a stream takes off.
+      if (const Ptr<GstEvent> start(gst_pad_get_sticky_event(&pad, GST_EVENT_STREAM_START, 0)); start) {
+        gst_pad_send_event(sink.Get(), gst_event_copy(start.Get()));
+      }
     }
     SpareAllocation(*source);
     // What was held has the format of the old chain. Where the new one does not take it, a held frame is given up and

@@ -14,10 +14,10 @@ namespace mox::gstreamer::bin {
 void AddGate(GstPad& source);
 
 /**
- * Answers allocation queries at the pad that leads to the output bin for as long as they are on their way to PLAYING. A
- * query waits in the queue of an output for what is ahead of it, and there for the preroll of all outputs, for which
- * others may need the frames that the query holds up. Once the outputs play, what was spared is made up for and nothing
- * is left behind.
+ * Answers allocation queries at the pad that leads to the output bin for as long as that is on its way to PLAYING. A
+ * query waits in the queue of an output for what is ahead of it, which waits for the preroll of all outputs; and
+ * another output may need the frames that the query holds up. Once the bin plays, the query is asked for again and
+ * nothing is left behind.
  */
 void SpareAllocation(GstPad& source);
 

@@ -284,8 +284,8 @@ void Detach(GstBin& outputBin, GstElement& tee, const gstreamer::pipeline::Outpu
     }
     throw;
   }
-  // From here on nothing can fail.
   const BetweenItems between(tee);
+  // Nothing fails any more, so the branch goes as a whole.
   gst_element_unlink(output.queue.Get(), output.element.Get());
   muted.Release(tee, *output.queue);
   check::bin::RemoveElement(outputBin, *output.element, kBinError);
