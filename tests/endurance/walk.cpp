@@ -291,10 +291,8 @@ class Walker {
   void AddOutput() {
     const bool stuck = random_.Below(40) == 0;
     const bool first = pipeline_.GetOutputs().empty();
-    // A filter change that comes in between waits for all that the queue of the stuck one holds, by default 200 frames:
-    // 10 s, which is within what the watchdog allows.
     const auto& element =
-        KeepOutput(stuck ? random_.Make("identity sleep-time=50000 ! fakesink") : random_.MakeOutput());
+        KeepOutput(stuck ? random_.Make("identity sleep-time=300000 ! fakesink") : random_.MakeOutput());
     Time(first ? "add the first output" : "add output", [&] { pipeline_.AddOutputs({element}); });
     if (stuck) {
       EraseOutput(std::exchange(outputs_.back(), nullptr));

@@ -169,21 +169,28 @@ TEST_F(Live, AfterTheEndOrAFailedStartANewInputPlays) {
   EXPECT_EQ(stream.watch.Lost() + stream.watch.Misplaced(), 0U);
 }
 
+// Waits until a frame waits for its turn in the queue of an output.
+void AwaitFullQueue(const mox::gstreamer::pipeline::Output& output) {
+  std::atomic<bool> full = false;
+  const auto overrun = [](GstElement*, gpointer data) { *static_cast<std::atomic<bool>*>(data) = true; };
+  const gulong handler = g_signal_connect(output.queue.Get(), "overrun", G_CALLBACK(+overrun), &full);
+  Await("a full queue", [&] { return full.load(); });
+  g_signal_handler_disconnect(output.queue.Get(), handler);
+}
+
+constexpr auto kSleeping = "identity sleep-time=300000 ! fakesink";
+
 TEST_F(Live, SlowAndUnprerolledOutputsGoWithoutStallingTheOthers) {
   Stream stream(true);
   stream.Play();
   // One that sleeps and one that waits for the clock, which only its own stop ends.
-  constexpr auto kSleeping = "identity sleep-time=300000 ! fakesink";
   constexpr auto kWaiting = "identity ! fakesink sync=true ts-offset=60000000000";
   for (const char* description : {kSleeping, kWaiting, kSleeping, kWaiting}) {
     const auto slow = Parse(description);
     stream.pipeline.AddOutputs({slow});
-    const auto queue = stream.pipeline.GetOutputs().at(1).queue;
-    g_object_set(queue.Get(), "max-size-buffers", 2, nullptr);
-    std::atomic<bool> full = false;  // a frame waits for its turn
-    const auto overrun = [](GstElement*, gpointer data) { *static_cast<std::atomic<bool>*>(data) = true; };
-    g_signal_connect(queue.Get(), "overrun", G_CALLBACK(+overrun), &full);
-    Await("a full queue", [&] { return full.load(); });
+    const auto output = stream.pipeline.GetOutputs().at(1);
+    g_object_set(output.queue.Get(), "max-size-buffers", 2, nullptr);
+    AwaitFullQueue(output);
     Within(seconds(5), "detaching a slow output", [&] { stream.pipeline.EraseOutputs({slow}); });
     const auto unprerolled = Parse("valve drop=true ! fakesink");
     stream.pipeline.AddOutputs({unprerolled});
@@ -191,6 +198,20 @@ TEST_F(Live, SlowAndUnprerolledOutputsGoWithoutStallingTheOthers) {
     Within(seconds(5), "detaching an output without a frame", [&] { stream.pipeline.EraseOutputs({unprerolled}); });
     stream.watch.AwaitFrames();
   }
+  stream.watch.ExpectWhole();
+}
+
+TEST_F(Live, ChangesDoNotWaitForTheQueueOfASlowOutput) {
+  Stream stream(true);
+  stream.pipeline.EraseOutputs({stream.watch.Element()});
+  stream.pipeline.AddOutputs({Parse(kSleeping), stream.watch.Element()});
+  stream.Play();
+  AwaitFullQueue(stream.pipeline.GetOutputs().front());
+  Within(seconds(10), "a change", [&] {
+    ChangeFilters(stream.pipeline, {"identity"}, 4);
+    stream.pipeline.AddOutputs({MakeSink()});
+    stream.watch.AwaitFrames();
+  });
   stream.watch.ExpectWhole();
 }
 

@@ -57,8 +57,8 @@ MOX_EXPORT std::string GetGraph(GstBin& filterBin);
  * until it does. A filter must let an EOS through, which is what shows that the bin is drained, and no flushing seek
  * may run meanwhile, which would take it away: either would keep them waiting for ever.
  *
- * The filters' new neighbours negotiate their buffers anew: the stream goes on as soon as every output has taken what
- * is in its queue (by default up to a second of video).
+ * The filters' new neighbours negotiate their buffers anew: the stream goes on as soon as every output is through with
+ * the frame that it is busy with.
  *
  * A change that fails raises what the plain form would, or the error of the state change that a filter refused; the
  * stream goes on. Where the plain form would leave the chain open, or the new chain does not start, the one before is

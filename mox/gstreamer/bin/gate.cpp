@@ -1,6 +1,9 @@
 #include "mox/gstreamer/bin/gate.h"
 
+#include "mox/gstreamer/bin/element.h"
+#include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/ptr.h"
+#include "mox/gstreamer/pad_probe.h"
 
 namespace mox::gstreamer::bin {
 namespace {
@@ -59,6 +62,25 @@ GstPadProbeReturn OnQueryOrFrame(GstPad* source, GstPadProbeInfo* info, gpointer
   return is_allocation ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
 }
 
+gboolean OnQueueQuery(GstPad* sink, GstObject* queue, GstQuery* query) noexcept {
+  if (GST_QUERY_TYPE(query) != GST_QUERY_ALLOCATION) {
+    return reinterpret_cast<GstPadQueryFunction>(sink->querydata)(sink, queue, query);
+  }
+  gboolean answered = FALSE;
+  try {
+    const auto source = check::element::GetPad(*GST_ELEMENT(queue), "src", kElementError);
+    PadProbe between_frames(*source, GST_PAD_PROBE_TYPE_IDLE, [&](GstPad& pad, GstPadProbeInfo&) {
+      // The pad itself is blocked while this runs.
+      const Ptr<GstPad> peer(gst_pad_get_peer(&pad));
+      answered = peer ? gst_pad_query(peer.Get(), query) : FALSE;
+      return GST_PAD_PROBE_OK;
+    });
+    between_frames.GetFuture().wait();
+  } catch (...) {  // NOLINT(bugprone-empty-catch): without an answer the elements allocate on their own
+  }
+  return answered;
+}
+
 }  // namespace
 
 void AddGate(GstPad& source) {
@@ -71,6 +93,12 @@ void SpareAllocation(GstPad& source) {
         GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM | GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST);
     gst_pad_add_probe(&source, query_or_frame, OnQueryOrFrame, nullptr, nullptr);
   }
+}
+
+void LetAllocationOvertake(GstElement& queue) {
+  const Ptr<GstPad> sink(gst_element_get_static_pad(&queue, "sink"));
+  const auto own = reinterpret_cast<gpointer>(GST_PAD_QUERYFUNC(sink.Get()));
+  gst_pad_set_query_function_full(sink.Get(), OnQueueQuery, own, nullptr);
 }
 
 }  // namespace mox::gstreamer::bin

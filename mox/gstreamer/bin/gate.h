@@ -15,11 +15,18 @@ void AddGate(GstPad& source);
 
 /**
  * Answers allocation queries at the pad that leads to the output bin for as long as that is on its way to PLAYING. A
- * query waits in the queue of an output for what is ahead of it, which waits for the preroll of all outputs; and
- * another output may need the frames that the query holds up. Once the bin plays, the query is asked for again and
+ * query waits for the frame that an output is busy with, which waits for the preroll of all outputs; and another output
+ * may need the frames that the query holds up. Once the bin plays, the query is asked for again and
  * nothing is left behind.
  */
 void SpareAllocation(GstPad& source);
+
+/**
+ * Lets allocation queries overtake what is in a queue: they are answered as soon as the frame is through that is just
+ * leaving it. One that waited for its turn, as is the way of a queue, would hold the stream up until a slow output has
+ * taken all that its queue holds.
+ */
+void LetAllocationOvertake(GstElement& queue);
 
 }  // namespace mox::gstreamer::bin
 

@@ -227,6 +227,7 @@ void TakeOut(GstBin& outputBin, GstElement& element) noexcept {
 
 void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, bool first) {
   const auto queue = check::element::Make("queue", nullptr, kElementError);
+  LetAllocationOvertake(*queue);
   // A pipeline that is still starting must find the branch either not yet there or running.
   const StateLock lock(*GST_ELEMENT(&outputBin));
   Add(outputBin, element);

@@ -46,11 +46,10 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
  * The elements before one that fails stay attached; the one that fails is left outside the bin. If it was to be the
  * first output there is neither output nor placeholder from then on, and no output can be attached any more.
  *
- * @throws std::invalid_argument if one of the handles is empty; nothing is changed
- * The new output takes part in GStreamer's negotiation of buffers: with data flowing, the stream goes on as soon as
- * every output has taken what is in its queue (by default up to a second of video). An output that is slow is therefore
- * better given a small queue, by the properties of `Output::queue`.
+ * The new output takes part in the negotiation of buffers: with data flowing, the stream goes on as soon as every output
+ * is through with the frame that it is busy with.
  *
+ * @throws std::invalid_argument if one of the handles is empty; nothing is changed
  * @throws std::runtime_error if an element does not start, or cannot be linked: to its queue, or to the tee since it
  * shares no format with the others
  */
