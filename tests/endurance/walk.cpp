@@ -83,13 +83,22 @@ class Random {
 
   Ptr<GstElement> MakeInput(bool paced) {
     constexpr const char* kFormats[] = {"I420", "RGB", "BGRx", "NV12"};
-    constexpr const char* kEnds[] = {"", " ! queue", " ! identity"};
-    return Counted(live::Parse(
+    constexpr const char* kEnds[] = {"", " ! queue", " ! identity name=talker signal-handoffs=true"};
+    auto input = Counted(live::Parse(
         std::string("videotestsrc pattern=black is-live=") + (paced ? "true" : "false") +
         " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1,format=" + From(kFormats) + From(kEnds)));
+    if (const Ptr<GstElement> talker(gst_bin_get_by_name(GST_BIN(input.Get()), "talker")); talker) {
+      g_signal_connect(talker.Get(), "handoff", G_CALLBACK(Talk), nullptr);
+    }
+    return input;
   }
 
  private:
+  // An event ahead of each frame, so that changes meet some on their way.
+  static void Talk(GstElement* talker, GstBuffer* /*frame*/, gpointer /*data*/) {
+    gst_pad_push_event(GST_PAD(talker->srcpads->data), gst_event_new_tag(gst_tag_list_new_empty()));
+  }
+
   std::mt19937 engine_;
 };
 
@@ -140,7 +149,7 @@ struct Ground {
     Clock::time_point moved;
   };
 
-  explicit Ground(const Options& given) : options(given) {}
+  Ground(const Options& given, Figures& sum) : options(given), figures(sum) {}
 
   Watch::Judge Arrive() {
     return [this](guint stream, guint64 from, guint64 to) { return ledger.Arrive(stream, from, to); };
@@ -191,7 +200,7 @@ struct Ground {
   // Some wrong requests break a stopped pipeline, whose filters are not put back: they keep it from being stopped.
   std::shared_mutex stopping;
   std::mutex mutex;
-  Figures figures;
+  Figures& figures;
   std::map<const void*, Guarded> guarded;
   std::atomic<std::size_t> changes = 0;
   std::atomic<bool> stop = false;
@@ -394,8 +403,8 @@ std::size_t CountAlive() {
   return alive;
 }
 
-Figures Walk(const Options& options) {
-  Ground ground(options);
+void Walk(const Options& options, Figures& figures) {
+  Ground ground(options, figures);
   auto& pipeline = ground.pipeline;
   GstBin& whole = *GST_BIN(&pipeline.Get());
   const auto watch = [](GstBin& bin, const Watch::Judge& judge) {
@@ -439,8 +448,7 @@ Figures Walk(const Options& options) {
   pipeline.SetEnable(false);
   ground.Add(leaving);
   ground.Add(entering, true);
-  ground.figures.given_up = ground.ledger.GivenUp();
-  return std::move(ground.figures);
+  figures.given_up += ground.ledger.GivenUp();
 }
 
 }  // namespace endurance

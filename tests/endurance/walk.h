@@ -26,8 +26,11 @@ struct Figures {
   std::size_t unexpected = 0;  ///< Calls that raised what they were not to raise, and what was left behind.
 };
 
-/** Changes a playing pipeline at random, from several threads at once, and checks every frame at every output. */
-Figures Walk(const Options& options);
+/**
+ * Changes a playing pipeline at random, from several threads at once, and checks every frame at every output. Adds what
+ * it came to.
+ */
+void Walk(const Options& options, Figures& figures);
 
 /** How many elements made by walks are still there. */
 std::size_t CountAlive();
