@@ -357,7 +357,7 @@ TEST_F(OutputTest, Branches) {
 
 TEST_F(OutputTest, FailedAdds) {
   const auto failing = faulty::Make("v");
-  faulty::Of(failing.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_PLAYING;
+  faulty::Of(failing.Get()).answer = GST_STATE_CHANGE_FAILURE;
   const std::pair<Ptr<GstElement>, std::string> cases[] = {
       {Make("fakesink", "output_tee"), "Bin Error: Failed to add element 'output_tee [output_tee]' to bin 'bin [bin]'"},
       {failing, "Element Error: Failed to sync the state of the element 'v [v]' with its parent"},
@@ -368,9 +368,6 @@ TEST_F(OutputTest, FailedAdds) {
     owner_ = check::bin::Make("bin", "");
     GstBin& bin = *GST_BIN(owner_.Get());
     output::Initialize(bin);
-    // As it is when a sink of a playing bin has lost its state.
-    gst_element_set_state(owner_.Get(), GST_STATE_PAUSED);
-    GST_STATE_TARGET(owner_.Get()) = GST_STATE_PLAYING;
     const auto add = [&](const Elements& outputs) { return ErrorOf([&] { output::AddOutputs(bin, outputs); }); };
     EXPECT_THAT(add({b_, refused, x_}), testing::EndsWith(text));
     EXPECT_EQ(output::GetOutputs(bin).size(), 1U);
@@ -379,11 +376,10 @@ TEST_F(OutputTest, FailedAdds) {
     EXPECT_THAT(add({refused}), testing::EndsWith(text));
     EXPECT_EQ(ChildrenOf(bin), Texts{"output_tee (GstTee)"});
     EXPECT_EQ(add({a_}), "Bin Error: Failed to get 'dummy_output' element from bin 'bin [bin]'");
-    gst_element_set_state(owner_.Get(), GST_STATE_NULL);
   }
 }
 
-TEST_F(OutputTest, WhatCannotBeStoppedStaysAttached) {
+TEST_F(OutputTest, WhatRefusesAState) {
   const auto stuck = faulty::Make("v");
   output::AddOutputs(bin_, {stuck, b_});
   gst_element_set_state(owner_.Get(), GST_STATE_READY);
@@ -394,6 +390,14 @@ TEST_F(OutputTest, WhatCannotBeStoppedStaysAttached) {
             "Element Error: Failed to set the state of the element 'v [v]' to NULL");
   faulty::Of(stuck.Get()).answer = faulty::Faults::kFollows;
   EXPECT_EQ(Names(), "v b ");
+  // A bin that is to go on to another state, as one does when a sink has lost its own, takes an output along.
+  GST_STATE_TARGET(owner_.Get()) = GST_STATE_PAUSED;
+  output::AddOutputs(bin_, {a_});
+  EXPECT_EQ(GST_STATE_TARGET(a_.Get()), GST_STATE_PAUSED);
+  const auto failing = faulty::Make("f");
+  faulty::Of(failing.Get()).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
+  EXPECT_EQ(ErrorOf([&] { output::AddOutputs(bin_, {failing}); }),
+            "Element Error: Failed to sync the state of the element 'f [f]' with its parent");
 }
 
 TEST_F(BinTest, InputIsReplacedAndAFailureLeavesNone) {
