@@ -161,10 +161,12 @@ TEST(LogBridge, NamesTheLevelAndTheTypeOfAnyObject) {
   const GList list{element.Get(), nullptr, nullptr};
   alignas(void*) const std::array<char, 32> characters{"no object at all, but a text"};
   const std::array<std::uintptr_t, 4> zeros{};
+  const std::vector<std::uintptr_t> ones(20, 1);  // where the number of a name would be, there is one
   const void* const loop = &loop;
   const std::uintptr_t fundamental = G_TYPE_OBJECT;
   const void* const to_boxed = &boxed;
   const void* const to_characters = characters.data();
+  const void* const to_ones = ones.data();
   const std::map<std::string, std::vector<const void*>> objects = {
       {"GObject", {object}},
       {"GstFakeSink", {element.Get()}},
@@ -174,7 +176,7 @@ TEST(LogBridge, NamesTheLevelAndTheTypeOfAnyObject) {
       {"MoxTestBoxed", {&boxed}},
       {"Unknown",
        {&segment, &list, characters.data(), characters.data() + 1, zeros.data(), &loop, &fundamental, &to_boxed,
-        &to_characters, reinterpret_cast<const void*>(16)}}};
+        &to_characters, &to_ones, reinterpret_cast<const void*>(16)}}};
   for (const auto& [type, pointers] : objects) {
     for (const void* const pointer : pointers) {
       EXPECT_EQ(Log(GST_LEVEL_ERROR, pointer), "error" + text + type + ": text") << pointer;
