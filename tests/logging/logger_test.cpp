@@ -74,12 +74,12 @@ TEST(Logger, TakesNumbersAndTexts) {
   const char* const constant = "constant";
   Log.Log(Level::Warning, "%2%|%0%|%1%|%3%|%4%", text, constant, bytes, static_cast<const char*>("temporary"),
           "literal");
-  for (int number : {0, 9, -10, std::numeric_limits<int>::max()}) {
+  for (int number : {0, -9, 10, std::numeric_limits<int>::max()}) {
     Log.Log(Level::Info, "%0%", number);
   }
   Log.Log(Level::Error, "%0%", least);
   EXPECT_THAT(capture.GetLines(), ElementsAre("warning mox.test: " + bytes + "|text|constant|temporary|literal",
-                                              "info mox.test: 0", "info mox.test: 9", "info mox.test: -10",
+                                              "info mox.test: 0", "info mox.test: -9", "info mox.test: 10",
                                               "info mox.test: 2147483647", "error mox.test: -2147483648"));
 
   using Functor = Logger::Functor<std::string&>;
