@@ -15,7 +15,9 @@
 #include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
+#include <chrono>
 #include <functional>
+#include <future>
 #include <set>
 #include <string>
 #include <utility>
@@ -287,6 +289,22 @@ TEST_F(FilterTest, FailedAddsLeaveTheChainOpen) {
     EXPECT_EQ(PeerOf(*a_, "src"), "b.sink");
     EXPECT_EQ(filter::GetGraph(bin), "[]");
   }
+}
+
+TEST_F(FilterTest, AChangeWithNothingBehindTheBin) {
+  const auto whole = check::pipeline::Make("whole", "");
+  gst_bin_add(GST_BIN(whole.Get()), owner_.Ref());
+  gst_element_set_state(GST_ELEMENT(whole.Get()), GST_STATE_PLAYING);
+  const Ptr<GstPad> source(gst_pad_new("source", GST_PAD_SRC));
+  gst_pad_set_active(source.Get(), TRUE);
+  gst_pad_link(source.Get(), check::element::GetPad(*owner_, "sink", "").Get());
+  const auto change = std::async(std::launch::async, [&] { filter::BlockAddFilters(bin_, {a_, b_}); });
+  live::Await("a change", [&] {
+    gst_pad_push_event(source.Get(), gst_event_new_stream_start("stream"));
+    return change.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+  });
+  EXPECT_EQ(Graph(), "[a -> b]");
+  gst_element_set_state(GST_ELEMENT(whole.Get()), GST_STATE_NULL);
 }
 
 class OutputTest : public BinTest {

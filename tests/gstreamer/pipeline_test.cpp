@@ -127,11 +127,11 @@ TEST_F(PipelineTest, ReferencesAreExactThroughMoves) {
   EXPECT_EQ(References(other), 2);
   pipeline.SetInput(source);
   EXPECT_EQ(References(other), 1);
-  pipeline.SetEnable(true);
   Pipeline moved(std::move(pipeline));
   EXPECT_EQ(moved.GetId(), 7U);
   EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(&std::as_const(moved).Get()), 1);
   EXPECT_EQ(ErrorOf<std::logic_error>([&] { pipeline.SetEnable(true); }), "Pimpl is null");
+  moved.SetEnable(true);
   moved = Pipeline(8, "eight");
   EXPECT_EQ(GST_STATE(source.Get()), GST_STATE_NULL);
   expect(1);
