@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -107,6 +108,8 @@ TEST_F(BusTest, BindingsOutliveAMovedBus) {
     const auto binding = bus.Bind(GST_MESSAGE_EOS, [&](const GstMessage&) { ++count; });
     Await("a message", [&] { return Post(GST_MESSAGE_EOS), count > 1; });
   }
+  auto inner = std::make_shared<Binding>(Bind(GST_MESSAGE_EOS, "inner"));
+  bus.Bind(GST_MESSAGE_EOS, [owned = std::move(inner)](const GstMessage&) {}).Release();
   const auto token = std::make_shared<int>();
   auto released = bus.Bind(GST_MESSAGE_EOS, [token](const GstMessage&) {});
   auto left = bus.Bind(GST_MESSAGE_EOS, [token](const GstMessage&) {});
@@ -121,6 +124,28 @@ TEST_F(BusTest, BindingsOutliveAMovedBus) {
   EXPECT_EQ(References(raw), 1);
   EXPECT_EQ(ErrorOf<std::logic_error>([&] { bus.Get(); }), "Pimpl is null");
   left.Release();
+}
+
+TEST_F(BusTest, IsGoneOnlyWhenNoCallbackRunsAnyMore) {
+  std::promise<void> go;
+  std::atomic<bool> running = false;
+  std::atomic<bool> returned = false;
+  auto binding = bus.Bind(GST_MESSAGE_EOS, [&](const GstMessage&) {
+    running = true;
+    go.get_future().wait();
+    returned = true;
+  });
+  Post(GST_MESSAGE_EOS);
+  Await("the callback", [&] { return running.load(); });
+  constexpr auto kWhile = std::chrono::milliseconds(100);
+  const auto releasing = std::async(std::launch::async, [&] { binding.Release(); });
+  EXPECT_EQ(releasing.wait_for(kWhile), std::future_status::timeout);
+  const auto destroying = std::async(std::launch::async, [&] {
+    { const Bus gone(std::move(bus)); }
+    EXPECT_TRUE(returned);
+  });
+  EXPECT_EQ(destroying.wait_for(kWhile), std::future_status::timeout);
+  go.set_value();
 }
 
 }  // namespace

@@ -319,6 +319,7 @@ TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
 
 TEST(LiveLog, EverythingLoggedOverAChangingPipeline) {
   g_setenv("GST_DEBUG", "*:7", TRUE);
+  g_setenv("MOX_LOG_LEVEL", "all", TRUE);
   ASSERT_NE(std::freopen("/dev/null", "w", stderr), nullptr);
   mox::gstreamer::Session session;
   Stream stream(true);

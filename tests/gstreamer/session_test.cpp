@@ -107,8 +107,15 @@ TEST(Session, BringsGstreamerUpAndDown) {
   const Capture logged;
   GST_WARNING("careful");
   EXPECT_THAT(logged.GetLines(), AllOf(SizeIs(3), Each(EndsWith(": careful")))) << "Each session logs";
+  static bool down = false;
+  const GstLogFunction hear = [](GstDebugCategory*, GstDebugLevel, const char*, const char*, int, GObject*,
+                                 GstDebugMessage* message, void*) {
+    down = down || gst_debug_message_get(message) == std::string("deinitialized GStreamer");
+  };
+  gst_debug_add_log_function(hear, nullptr, nullptr);
   const Capture end;
   MoxGstreamerSessionRelease(third);
+  EXPECT_TRUE(down);
   EXPECT_THAT(end.GetLines(), IsEmpty());
 }
 
@@ -154,6 +161,8 @@ TEST(LogBridge, NamesTheLevelAndTheTypeOfAnyObject) {
   GObject* const object = G_OBJECT(g_object_new(G_TYPE_OBJECT, nullptr));
   GParamSpec* const param_spec = g_param_spec_int("name", "nick", "blurb", 0, 1, 0, G_PARAM_READABLE);
   const Ptr<GstCaps> caps(gst_caps_from_string("video/x-raw"));
+  const Ptr<GstEvent> event(gst_event_new_eos());
+  const Ptr<GstBuffer> buffer(gst_buffer_new());
   const GType boxed = g_boxed_type_register_static(
       "MoxTestBoxed", [](gpointer) -> gpointer { return nullptr; }, [](gpointer) {});
   GstSegment segment;
@@ -172,6 +181,8 @@ TEST(LogBridge, NamesTheLevelAndTheTypeOfAnyObject) {
       {"GstFakeSink", {element.Get()}},
       {"GParamInt", {param_spec}},
       {"GstCaps", {caps.Get()}},
+      {"GstEvent", {event.Get()}},
+      {"GstBuffer", {buffer.Get()}},
       {"GstStructure", {gst_caps_get_structure(caps.Get(), 0)}},
       {"MoxTestBoxed", {&boxed}},
       {"Unknown",
