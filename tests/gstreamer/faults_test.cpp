@@ -280,7 +280,7 @@ TEST_F(Faulty, AnAllocationMayFail) {
   stream.Play();
   auto& pipeline = stream.pipeline;
   const Elements filter{Make("identity", "filter")};
-  const Elements output{MakeSink("output")};
+  const Elements output{Parse("identity ! fakesink", "output")};
   // The stream flows, and the change before was made wholly or not at all: it can be made or undone.
   const auto have = [&](bool with_filter, bool with_output) {
     stream.watch.AwaitFrames();
