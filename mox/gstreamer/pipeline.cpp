@@ -122,7 +122,14 @@ class Pipeline::Impl {
     TakeDown({&output_bin, &filter_bin, &input_bin});
     // The new input starts first, and a source that meets bins still stopped pauses for good.
     const auto held = Hold(*source);
-    bin::input::SetInput(InputBin(), std::move(input));
+    try {
+      bin::input::SetInput(InputBin(), input);
+    } catch (...) {
+      if (input) {
+        bin::TakeOut(InputBin(), *input);
+      }
+      throw;
+    }
     if (enable_) {
       gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_PLAYING);
     }
@@ -256,6 +263,7 @@ class Pipeline::Impl {
       gst_element_set_state(&element, GST_STATE_PLAYING);
     } else if (state_ == State::Stopped) {
       gst_element_set_state(&element, GST_STATE_NULL);
+      stopped_at_ = gst_util_seqnum_next();
     }
   }
 

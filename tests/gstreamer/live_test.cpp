@@ -320,6 +320,17 @@ TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
   stream.watch.ExpectWhole(1);
 }
 
+TEST_F(Live, OutputsThatAgreeWithEachOtherButNotWithTheFiltersAreRefused) {
+  Stream stream(true);
+  stream.pipeline.AddFilters({Parse("capsfilter caps=\"video/x-raw,format={RGB,I420}\"")});
+  stream.pipeline.AddOutputs({Parse("capsfilter caps=\"video/x-raw,format={RGB,NV12}\" ! fakesink")});
+  stream.Play();
+  EXPECT_THROW(stream.pipeline.AddOutputs({Parse("capsfilter caps=\"video/x-raw,format={I420,NV12}\" ! fakesink")}),
+               std::runtime_error);
+  stream.watch.AwaitFrames(30);
+  stream.watch.ExpectWhole();
+}
+
 TEST(LiveLog, EverythingLoggedOverAChangingPipeline) {
   g_setenv("GST_DEBUG", "*:7", TRUE);
   g_setenv("MOX_LOG_LEVEL", "all", TRUE);

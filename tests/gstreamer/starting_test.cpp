@@ -1,6 +1,8 @@
+#include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
 #include <atomic>
+#include <stdexcept>
 #include <string>
 
 #include <gst/base/gstbasesink.h>
@@ -81,6 +83,84 @@ TEST_F(Starting, ErrorsDoNotKeepTheOthersFromPlaying) {
     });
     stream.watch.AwaitFrames(300);
   }
+}
+
+TEST_F(Starting, InputsExchangedAtOncePlay) {
+  Stream stream;
+  for (int i = 0; i < 30; ++i) {
+    stream.pipeline.SetEnable(false);
+    stream.pipeline.SetInput(MakeSource(true));
+    stream.pipeline.SetEnable(true);
+    stream.pipeline.SetInput(MakeSource());
+    stream.pipeline.SetInput(MakeSource(true));
+    stream.watch.AwaitFrames();
+  }
+}
+
+TEST_F(Starting, TheTimeStartsAnewWithEveryInput) {
+  Stream stream(true);
+  stream.Play();
+  const auto sink = Make("fakesink");
+  g_object_set(sink.Get(), "sync", TRUE, "max-lateness", 20 * GST_MSECOND, "signal-handoffs", TRUE, nullptr);
+  std::atomic<int> shown = 0;
+  const auto show = [](GstElement*, GstBuffer*, GstPad*, gpointer count) { ++*static_cast<std::atomic<int>*>(count); };
+  g_signal_connect(sink.Get(), "handoff", G_CALLBACK(+show), &shown);
+  stream.pipeline.AddOutputs({sink});
+  Await("half a second of video", [&] { return shown > 30; });
+  shown = 0;
+  stream.pipeline.SetInput(Parse("videotestsrc num-buffers=20 ! capsfilter caps=video/x-raw,framerate=60/1"));
+  Await("the end of the stream", [&] { return stream.watch.Eos() == 1; });
+  Await("most of the frames", [&] { return shown >= 15; });
+  const Ptr<GstClock> clock(gst_pipeline_get_pipeline_clock(&stream.pipeline.Get()));
+  EXPECT_EQ(clock, Ptr<GstClock>(gst_system_clock_obtain())) << "No element's own, which may be taken away";
+}
+
+TEST_F(Starting, WhatKeptTheStartFromSucceedingIsTakenOut) {
+  Stream stream(true);
+  const auto failing = faulty::Make("failing");
+  faulty::Of(failing.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_PLAYING;
+  stream.pipeline.AddFilters({failing});
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_THROW(stream.pipeline.SetEnable(true), std::runtime_error);
+  }
+  Within(seconds(20), "taking out", [&] { stream.pipeline.EraseFilters({failing}); });
+  EXPECT_EQ(stream.pipeline.GetState(), Pipeline::State::Stopped);
+  stream.Play();
+}
+
+TEST_F(Starting, ChangesAreRefusedWithoutAnInput) {
+  Stream stream;
+  stream.Play();
+  EXPECT_THROW(stream.pipeline.SetInput(MakeSink()), std::runtime_error);
+  Within(seconds(20), "a refused change", [&] {
+    EXPECT_THROW(stream.pipeline.AddFilters({Make("identity")}), std::runtime_error);
+    stream.pipeline.SetInput(MakeSource());
+  });
+  stream.watch.AwaitFrames();
+}
+
+// As some do that put several streams together.
+TEST_F(Starting, FiltersMayKeepAnEosThatComesBeforeAnySegment) {
+  Stream stream;
+  const auto filter = Make("identity", "filter");
+  const auto keep = [](GstPad* pad, GstPadProbeInfo* info, gpointer) {
+    const bool is_eos = GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS;
+    const Ptr<GstEvent> segment(gst_pad_get_sticky_event(pad, GST_EVENT_SEGMENT, 0));
+    return is_eos && !segment ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
+  };
+  gst_pad_add_probe(Ptr<GstPad>(gst_element_get_static_pad(filter.Get(), "sink")).Get(),
+                    GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, keep, nullptr, nullptr);
+  stream.pipeline.AddFilters({filter});
+  stream.pipeline.SetEnable(true);
+  Within(seconds(20), "a change", [&] {
+    for (int i = 0; i < 100; ++i) {
+      const auto other = Make("identity");
+      stream.pipeline.AddFilters({other});
+      stream.pipeline.EraseFilters({other});
+    }
+  });
+  stream.watch.AwaitFrames();
+  stream.watch.ExpectWhole();
 }
 
 TEST_F(Starting, OutputsLearnTheLatencyOfAFilter) {

@@ -34,6 +34,13 @@ void Sync(GstElement& element) {
   }
 }
 
+void TakeOut(GstBin& bin, GstElement& element) noexcept {
+  if (GST_OBJECT_PARENT(&element) == GST_OBJECT_CAST(&bin)) {
+    gst_element_set_state(&element, GST_STATE_NULL);
+    gst_bin_remove(&bin, &element);
+  }
+}
+
 Ptr<GstElement> Next(GstElement& element) {
   const auto source = check::element::GetPad(element, "src", kElementError);
   const auto peer = check::pad::GetPeer(*source, kPadError);

@@ -24,6 +24,12 @@ void Add(GstBin& bin, const Ptr<GstElement>& element);
  */
 void Sync(GstElement& element);
 
+/**
+ * Stops an element that could not be linked and takes it out of the bin, if it is in there: a sink that never prerolls
+ * would keep the pipeline from ever playing again, and a source without a peer would fail.
+ */
+void TakeOut(GstBin& bin, GstElement& element) noexcept;
+
 /** The element linked behind the element's static "src" pad. */
 Ptr<GstElement> Next(GstElement& element);
 

@@ -185,7 +185,7 @@ class Drain {
 void DrainFilterBin(GstElement& filterBin) {
   const auto source = check::element::GetPad(filterBin, "src", kElementError);
   const auto sink = check::element::GetPad(filterBin, "sink", kElementError);
-  // No frame has come since the chain was started: there is none to drain, and some filters keep an EOS then.
+  // Without a segment no frame has come: there is none to drain, and some filters keep an EOS then.
   if (!Ptr<GstEvent>(gst_pad_get_sticky_event(sink.Get(), GST_EVENT_SEGMENT, 0))) {
     return;
   }
@@ -310,8 +310,8 @@ void BlockEraseFilters(GstBin& filterBin, Filters filters) {
   Block(filterBin, EraseFilters, filters);
 }
 
-void BlockRun(GstBin& filterBin, const std::function<void()>& change) {
-  Block(filterBin, [&change](GstBin&, Filters) { change(); }, {});
-}
-
 }  // namespace mox::gstreamer::bin::filter
+
+void mox::gstreamer::bin::RunDrained(GstBin& filterBin, const std::function<void()>& change) {
+  filter::Block(filterBin, [&change](GstBin&, filter::Filters) { change(); }, {});
+}

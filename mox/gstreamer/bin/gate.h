@@ -1,6 +1,8 @@
 #ifndef MOX_GSTREAMER_BIN_GATE_H
 #define MOX_GSTREAMER_BIN_GATE_H
 
+#include <functional>
+
 #include <gst/gst.h>
 
 // How data first enters what was just linked. Private to the library.
@@ -30,6 +32,13 @@ void SpareAllocation(GstPad& source);
  * taken all that its queue holds.
  */
 void LetAllocationOvertake(GstElement& queue);
+
+/**
+ * Runs `change` between two frames as `filter::BlockAddFilters` does: with what enters the filter bin held and nothing
+ * inside it or just leaving it, so that what is behind it may ask for another format. Waits and throws like that, or
+ * throws what `change` does.
+ */
+void RunDrained(GstBin& filterBin, const std::function<void()>& change);
 
 }  // namespace mox::gstreamer::bin
 

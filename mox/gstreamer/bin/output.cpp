@@ -232,7 +232,7 @@ void Join(GstElement& tee, GstElement& first) {
   }
   // The stream will have another format. What is on its way through the filters still has the old one, and they would
   // rather end the stream than send it where it is not taken.
-  filter::BlockRun(*GST_BIN(GST_PAD_PARENT(upstream.Get())), [&] { Link(tee, first); });
+  RunDrained(*GST_BIN(GST_PAD_PARENT(upstream.Get())), [&] { Link(tee, first); });
 }
 
 Ptr<GstElement> AddDummy(GstBin& outputBin) {
@@ -251,15 +251,6 @@ void RemoveDummy(GstBin& outputBin, GstElement& tee) {
   const BetweenItems between(tee);
   muted.Release(tee, *dummy);
   check::bin::RemoveElement(outputBin, *dummy, kBinError);
-}
-
-// A sink that never prerolls would keep the pipeline from ever playing again, so what could not be attached leaves the
-// bin.
-void TakeOut(GstBin& outputBin, GstElement& element) noexcept {
-  if (GST_OBJECT_PARENT(&element) == GST_OBJECT_CAST(&outputBin)) {
-    gst_element_set_state(&element, GST_STATE_NULL);
-    gst_bin_remove(&outputBin, &element);
-  }
 }
 
 void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, bool first) {

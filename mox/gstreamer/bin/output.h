@@ -49,7 +49,7 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
  * The new output takes part in the negotiation of buffers: with data flowing, the stream goes on as soon as every
  * output is through with the frame that it is busy with. Where it does not take the format that flows, the stream gets
  * another one that all take: as for a change of the filters, the call then waits for the next item from the input and
- * until the filters are drained, and one frame is given up (see `filter::BlockRun`).
+ * until the filters are drained, and one frame is given up.
  *
  * @throws std::invalid_argument if one of the handles is empty; nothing is changed
  * @throws std::runtime_error if an element does not start, or cannot be linked: to its queue, or to the tee since it
