@@ -38,8 +38,8 @@ bool Takes(const Value& value, Limits<T> limits = {}) {
   }
 }
 
-// The hashes were computed with Guava 31.1 (Hashing.murmur3_32_fixed(0x0AEF6901).hashBytes of the name) and, to the
-// same result, with Perl's Digest::MurmurHash3::PurePerl 0.3 (murmur32), both as Debian packages them.
+// The hashes were computed with Guava 31.1 (Hashing.murmur3_32_fixed(seed).hashBytes), and those of text, to the same
+// result, with Perl's Digest::MurmurHash3::PurePerl 1.01 (murmur32), both as Debian packages them.
 static_assert(hash::MurmurThree32("", 1).Get() == 0x514e28b7U);
 static_assert(hash::MurmurThree32("abcd", 1).Get() == 0x9bf54592U);
 static_assert(hash::MurmurThree32({"\xff\x80\xfe\0\x81\xc3\xa9", 7}, 0x0AEF6901).Get() == 0x32cde153U);

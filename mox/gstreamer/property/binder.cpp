@@ -3,6 +3,7 @@
 #include "mox/property/primitive.h"
 
 #include <algorithm>
+#include <array>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -43,6 +44,59 @@ void Install(const Property& property, GObjectClass* klass, unsigned int id, con
   if (spec != nullptr) {
     g_object_class_install_property(G_OBJECT_CLASS(klass), id, spec);
   }
+}
+
+// How a value passes between a property and GObject by one type of param spec.
+struct Transfer {
+  GType type;
+  void (*set)(Property& property, const GValue* value);
+  void (*get)(const Property& property, GValue* value);
+};
+
+template <auto kGetValue, auto kSetValue>
+Transfer TransferOf(GType type) {
+  return {type, [](Property& property, const GValue* value) { property = kGetValue(value); },
+          [](const Property& property, GValue* value) { kSetValue(value, property); }};
+}
+
+bool GetBoolean(const GValue* value) {
+  return g_value_get_boolean(value) != FALSE;
+}
+
+void SetBoolean(GValue* value, bool boolean) {
+  g_value_set_boolean(value, boolean ? TRUE : FALSE);
+}
+
+const char* GetString(const GValue* value) {
+  const char* const text = g_value_get_string(value);
+  return text != nullptr ? text : "";
+}
+
+const std::array<Transfer, 10> transfers{
+    TransferOf<GetBoolean, SetBoolean>(G_TYPE_PARAM_BOOLEAN),
+    TransferOf<g_value_get_schar, g_value_set_schar>(G_TYPE_PARAM_CHAR),
+    TransferOf<g_value_get_uchar, g_value_set_uchar>(G_TYPE_PARAM_UCHAR),
+    TransferOf<g_value_get_int64, g_value_set_int64>(G_TYPE_PARAM_INT64),
+    TransferOf<g_value_get_uint64, g_value_set_uint64>(G_TYPE_PARAM_UINT64),
+    TransferOf<g_value_get_float, g_value_set_float>(G_TYPE_PARAM_FLOAT),
+    TransferOf<g_value_get_double, g_value_set_double>(G_TYPE_PARAM_DOUBLE),
+    TransferOf<g_value_get_int, g_value_set_int>(G_TYPE_PARAM_INT),
+    TransferOf<g_value_get_uint, g_value_set_uint>(G_TYPE_PARAM_UINT),
+    TransferOf<GetString, g_value_set_string>(G_TYPE_PARAM_STRING),
+};
+
+// Compares types from that of the param spec upwards. To ask whether it is of each of the ten, none of which is derived
+// from another, finds the same, but calls a function for each that it is not of.
+const Transfer* FindTransfer(const GParamSpec* pspec) {
+  GType type = pspec != nullptr ? G_PARAM_SPEC_TYPE(pspec) : G_TYPE_INVALID;
+  for (; type != G_TYPE_INVALID; type = g_type_parent(type)) {
+    for (const Transfer& transfer : transfers) {
+      if (transfer.type == type) {
+        return &transfer;
+      }
+    }
+  }
+  return nullptr;
 }
 
 }  // namespace
@@ -120,58 +174,15 @@ void Binder::InstallProperties(GObjectClass* klass) {
 
 void Binder::SetProperty(unsigned int id, const GValue* value, GParamSpec* pspec) {
   Property& property = Find(id, "set");
-  if (pspec == nullptr) {
-    return;
-  }
-  if (G_IS_PARAM_SPEC_BOOLEAN(pspec)) {
-    property = g_value_get_boolean(value) != FALSE;
-  } else if (G_IS_PARAM_SPEC_CHAR(pspec)) {
-    property = g_value_get_schar(value);
-  } else if (G_IS_PARAM_SPEC_UCHAR(pspec)) {
-    property = g_value_get_uchar(value);
-  } else if (G_IS_PARAM_SPEC_INT64(pspec)) {
-    property = g_value_get_int64(value);
-  } else if (G_IS_PARAM_SPEC_UINT64(pspec)) {
-    property = g_value_get_uint64(value);
-  } else if (G_IS_PARAM_SPEC_FLOAT(pspec)) {
-    property = g_value_get_float(value);
-  } else if (G_IS_PARAM_SPEC_DOUBLE(pspec)) {
-    property = g_value_get_double(value);
-  } else if (G_IS_PARAM_SPEC_INT(pspec)) {
-    property = g_value_get_int(value);
-  } else if (G_IS_PARAM_SPEC_UINT(pspec)) {
-    property = g_value_get_uint(value);
-  } else if (G_IS_PARAM_SPEC_STRING(pspec)) {
-    const char* const text = g_value_get_string(value);
-    property = text != nullptr ? text : "";
+  if (const Transfer* const transfer = FindTransfer(pspec)) {
+    transfer->set(property, value);
   }
 }
 
 void Binder::GetProperty(unsigned int id, GValue* value, GParamSpec* pspec) const {
   const Property& property = Find(id, "get");
-  if (pspec == nullptr) {
-    return;
-  }
-  if (G_IS_PARAM_SPEC_STRING(pspec)) {
-    g_value_set_string(value, property);
-  } else if (G_IS_PARAM_SPEC_CHAR(pspec)) {
-    g_value_set_schar(value, property);
-  } else if (G_IS_PARAM_SPEC_UCHAR(pspec)) {
-    g_value_set_uchar(value, property);
-  } else if (G_IS_PARAM_SPEC_INT64(pspec)) {
-    g_value_set_int64(value, property);
-  } else if (G_IS_PARAM_SPEC_UINT64(pspec)) {
-    g_value_set_uint64(value, property);
-  } else if (G_IS_PARAM_SPEC_FLOAT(pspec)) {
-    g_value_set_float(value, property);
-  } else if (G_IS_PARAM_SPEC_DOUBLE(pspec)) {
-    g_value_set_double(value, property);
-  } else if (G_IS_PARAM_SPEC_BOOLEAN(pspec)) {
-    g_value_set_boolean(value, static_cast<bool>(property) ? TRUE : FALSE);
-  } else if (G_IS_PARAM_SPEC_INT(pspec)) {
-    g_value_set_int(value, property);
-  } else if (G_IS_PARAM_SPEC_UINT(pspec)) {
-    g_value_set_uint(value, property);
+  if (const Transfer* const transfer = FindTransfer(pspec)) {
+    transfer->get(property, value);
   }
 }
 

@@ -148,6 +148,19 @@ TEST(PropertyBinder, PassesTextAndBooleansBothWays) {
     EXPECT_TRUE(count.GetValue() == 5 && value.data[0].v_int == 2);
   }
   g_param_spec_unref(unknown);
+
+  g_type_register_static_simple(G_TYPE_PARAM_BOOLEAN, "MoxTestParam", sizeof(GParamSpecClass), nullptr,
+                                sizeof(GParamSpecBoolean), nullptr, GTypeFlags());
+  auto* const derived = static_cast<GParamSpec*>(
+      g_param_spec_internal(g_type_from_name("MoxTestParam"), "flag", "", "", G_PARAM_READWRITE));
+  g_param_spec_ref_sink(derived);
+  flag = false;
+  binder.SetProperty(3, &value, derived);
+  EXPECT_TRUE(flag.GetValue());
+  binder.GetProperty(3, &value, derived);
+  EXPECT_TRUE(value.data[0].v_int == 1);
+  g_param_spec_unref(derived);
+
   EXPECT_THROW(binder.SetProperty(0, &value, nullptr), std::logic_error);
   EXPECT_EQ(ErrorOf<std::logic_error>([&] { binder.SetProperty(4, &value, nullptr); }),
             "The identification number (4) of the GStreamer property to set was larger than the number stored in the "
