@@ -215,6 +215,86 @@ TEST_F(Live, ChangesDoNotWaitForTheQueueOfASlowOutput) {
   stream.watch.ExpectWhole();
 }
 
+// Sends the number of each frame ahead of it, by an event.
+GstPadProbeReturn TellNumber(GstPad* pad, GstPadProbeInfo* info, gpointer /*data*/) {
+  const auto number = static_cast<guint>(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(info)));
+  gst_pad_send_event(pad, gst_event_new_tag(gst_tag_list_new(GST_TAG_TRACK_NUMBER, number + 1, nullptr)));
+  return GST_PAD_PROBE_OK;
+}
+
+// What came to the pad of an output: how many frames, and how many without their event.
+struct Arrived {
+  std::atomic<int> frames = 0;
+  std::atomic<int> untold = 0;
+};
+
+GstPadProbeReturn CheckNumber(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
+  auto& arrived = *static_cast<Arrived*>(data);
+  const Ptr<GstEvent> event(gst_pad_get_sticky_event(pad, GST_EVENT_TAG, 0));
+  GstTagList* tags = nullptr;
+  guint number = 0;
+  if (event) {
+    gst_event_parse_tag(event.Get(), &tags);
+    gst_tag_list_get_uint(tags, GST_TAG_TRACK_NUMBER, &number);
+  }
+  arrived.untold += number != GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(info)) + 1 ? 1 : 0;
+  ++arrived.frames;
+  return GST_PAD_PROBE_OK;
+}
+
+// An event must neither pass by a tee pad that comes in the middle of it nor fail at one that goes.
+TEST_F(Live, ThousandOutputsComeAndGoInTheMiddleOfEvents) {
+  for (const bool beside : {true, false}) {
+    Stream stream;
+    const Ptr<GstPad> sink(gst_element_get_static_pad(GST_ELEMENT(&stream.OutputBin()), "sink"));
+    const gulong telling = gst_pad_add_probe(sink.Get(), GST_PAD_PROBE_TYPE_BUFFER, TellNumber, nullptr, nullptr);
+    stream.Play();
+    if (!beside) {
+      stream.pipeline.EraseOutputs({stream.watch.Element()});
+    }
+    Arrived arrived;
+    Within(seconds(120), "a change", [&] {
+      for (int i = 0; i < 1000; ++i) {
+        const auto output = MakeSink();
+        const Ptr<GstPad> pad(gst_element_get_static_pad(output.Get(), "sink"));
+        gst_pad_add_probe(pad.Get(), GST_PAD_PROBE_TYPE_BUFFER, CheckNumber, &arrived, nullptr);
+        const int before = arrived.frames;
+        stream.pipeline.AddOutputs({output});
+        while (i % 2 == 0 && arrived.frames == before) {
+          std::this_thread::yield();
+        }
+        stream.pipeline.EraseOutputs({output});
+      }
+    });
+    if (!beside) {
+      stream.pipeline.AddOutputs({stream.watch.Element()});
+    }
+    stream.watch.AwaitFrames();
+    EXPECT_EQ(arrived.untold, 0);
+    EXPECT_EQ(stream.watch.Misplaced() + stream.watch.Eos() + (beside ? stream.watch.Lost() : 0), 0U);
+    EXPECT_EQ(Ptr<GstElement>(gst_bin_get_by_name(&stream.OutputBin(), "output_tee"))->numsrcpads, 1);
+    gst_pad_remove_probe(sink.Get(), telling);
+  }
+}
+
+TEST_F(Live, ExchangesOfTheInputNeverEndTheStream) {
+  for (const bool with_output : {true, false}) {
+    const int exchanges = with_output ? 100 : 1000;
+    Stream stream;
+    const Watch leaving(Ptr<GstElement>(GST_ELEMENT(gst_object_ref(&stream.OutputBin()))));
+    if (!with_output) {
+      stream.pipeline.EraseOutputs({stream.watch.Element()});
+    }
+    stream.pipeline.SetEnable(true);
+    for (int i = 0; i < exchanges; ++i) {
+      leaving.AwaitFrames();
+      stream.pipeline.SetInput(MakeSource());
+    }
+    leaving.AwaitFrames();
+    leaving.ExpectWhole();
+  }
+}
+
 TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
   Stream stream(true);
   stream.Play();
