@@ -31,11 +31,10 @@ class Bus::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  ~Impl() {
+  // Called by the owning Bus, for a binding that is just being released may keep this object a little longer.
+  void Stop() noexcept {
     stop_.exchange(true);
-    if (thread_.joinable()) {
-      thread_.join();
-    }
+    thread_.join();
   }
 
   GstBus& Get() { return *bus_; }
@@ -45,7 +44,7 @@ class Bus::Impl {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!callback) {
       // Refused by the container itself, before anything is counted: the wrapper below would never look empty.
-      callbacks_.Insert(nullptr);
+      callbacks_.Insert(std::move(callback));
     }
     std::size_t& count = counts_[type];
     const unsigned index = callbacks_.Insert([type, callback = std::move(callback)](const GstMessage& message) {
@@ -59,12 +58,14 @@ class Bus::Impl {
   }
 
   void Unbind(GstMessageType type, unsigned index) {
+    // Goes after the lock, for what the callback holds may be another binding of this bus.
+    Callback released;
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto count = counts_.find(type);
     if (count != counts_.end() && count->second > 0) {
       --count->second;
     }
-    callbacks_.Erase(index);
+    released = callbacks_.Erase(index);
     Update();
   }
 
@@ -118,8 +119,18 @@ Bus::Bus(Ptr<GstBus> bus) {
 }
 
 Bus::Bus(Bus&& other) noexcept = default;
-Bus& Bus::operator=(Bus&& other) noexcept = default;
-Bus::~Bus() = default;
+
+Bus& Bus::operator=(Bus&& other) noexcept {
+  Bus taken(std::move(other));
+  swap(*this, taken);
+  return *this;
+}
+
+Bus::~Bus() {
+  if (impl_) {
+    impl_->Stop();
+  }
+}
 
 GstBus& Bus::Get() {
   return Deref(impl_).Get();

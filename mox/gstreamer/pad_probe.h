@@ -21,7 +21,8 @@ namespace mox::gstreamer {
  *
  * The pad is borrowed and must outlive the probe. Destroying the probe removes it from the pad and releases what it
  * holds; it does not wait for a callback that is just running on another thread. That callback still delivers to the
- * future, so what it refers to must live until the future is ready.
+ * future, so what it refers to must live until the future is ready. What the callback holds is released under the lock
+ * of the pad, so it must not own another probe of that pad.
  *
  * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", destroying it does nothing.
  */

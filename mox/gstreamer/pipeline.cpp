@@ -42,6 +42,9 @@ Ptr<GstPipeline> Make(unsigned id, const std::string& name) {
   const auto context = check::context::Make(kContextType, "Context Error: ");
   context::SetValue(*context, "id", MakeUnsigned(id));
   gst_element_set_context(GST_ELEMENT(element.Get()), context.Get());
+  // An element that brings a clock may be taken away, and without its clock the others would wait for ever.
+  const Ptr<GstClock> clock(gst_system_clock_obtain());
+  gst_pipeline_use_clock(element.Get(), clock.Get());
   return element;
 }
 
@@ -115,19 +118,20 @@ class Pipeline::Impl {
       check::element::SetNullState(filter_bin, bin::kElementError);
     }
     check::element::SetNullState(input_bin, bin::kElementError);
-    const bool failed = HasFailed(*GST_ELEMENT(pipeline_.Get()));
-    if (failed) {
-      TakeDown({&output_bin, &filter_bin, &input_bin});
-    }
+    // The time starts anew, too: late by all that the old input has played, sinks would drop what the new one brings.
+    TakeDown({&output_bin, &filter_bin, &input_bin});
     // The new input starts first, and a source that meets bins still stopped pauses for good.
     const auto held = Hold(*source);
     bin::input::SetInput(InputBin(), std::move(input));
-    if (failed && enable_) {
+    if (enable_) {
       gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_PLAYING);
     }
     bin::Sync(input_bin);
     bin::Sync(filter_bin);
     bin::Sync(output_bin);
+    if (enable_) {
+      gst_bin_recalculate_latency(GST_BIN(pipeline_.Get()));
+    }
   }
 
   std::vector<Ptr<GstElement>> GetFilters() const {
@@ -204,9 +208,11 @@ class Pipeline::Impl {
 
   void OnStreamStart(const GstMessage& message) {
     const Lock lock(mutex_);
-    // The reader may have taken the message off the bus before the stream it tells of was stopped.
-    if (enable_ ||
-        gst_util_seqnum_compare(gst_message_get_seqnum(const_cast<GstMessage*>(&message)), stopped_at_) > 0) {
+    // The reader may have taken the message off the bus before the stream it tells of was stopped, or the start of the
+    // stream may have failed.
+    const bool is_late =
+        gst_util_seqnum_compare(gst_message_get_seqnum(const_cast<GstMessage*>(&message)), stopped_at_) <= 0;
+    if (enable_ || (!is_late && !HasFailed(*GST_ELEMENT(pipeline_.Get())))) {
       state_ = State::Playing;
     }
   }

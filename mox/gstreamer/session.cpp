@@ -1,5 +1,6 @@
 #include "mox/gstreamer/session.h"
 
+#include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/or_null.h"
 #include "mox/logging/logger.h"
 #include "mox/system/environment.h"
@@ -8,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -101,16 +101,12 @@ void LogGstreamerMessage(GstDebugCategory* /*category*/, GstDebugLevel level, co
   // There is no memory for the line, nor a caller to tell.
 }
 
-struct Unref {
-  void operator()(gpointer object) const noexcept { gst_object_unref(object); }
-};
-
-std::unique_ptr<GstPlugin, Unref> FindPlugin(const char* name) {
-  return std::unique_ptr<GstPlugin, Unref>(gst_registry_find_plugin(gst_registry_get(), name));
+Ptr<GstPlugin> FindPlugin(const char* name) {
+  return Ptr<GstPlugin>(gst_registry_find_plugin(gst_registry_get(), name));
 }
 
-std::unique_ptr<GstPluginFeature, Unref> FindFeature(const char* name) {
-  return std::unique_ptr<GstPluginFeature, Unref>(gst_registry_lookup_feature(gst_registry_get(), name));
+Ptr<GstPluginFeature> FindFeature(const char* name) {
+  return Ptr<GstPluginFeature>(gst_registry_lookup_feature(gst_registry_get(), name));
 }
 
 void PreferNvidiaDecoders() {
@@ -122,7 +118,7 @@ void PreferNvidiaDecoders() {
   for (const char* const name : {"nvh264dec", "nvh265dec"}) {
     if (const auto feature = FindFeature(name)) {
       Log.Log(Level::Info, "%0% element avaliable, Bumpping gst rank to highest", name);
-      gst_plugin_feature_set_rank(feature.get(), GST_RANK_PRIMARY + 2);
+      gst_plugin_feature_set_rank(feature.Get(), GST_RANK_PRIMARY + 2);
     } else {
       Log.Log(Level::Warning, "Could not find %0% element despite loading nvcodec!", name);
     }
@@ -131,7 +127,7 @@ void PreferNvidiaDecoders() {
 
 void SetRank(const char* name, unsigned rank) {
   if (const auto feature = FindFeature(name)) {
-    gst_plugin_feature_set_rank(feature.get(), rank);
+    gst_plugin_feature_set_rank(feature.Get(), rank);
   }
 }
 

@@ -101,15 +101,22 @@ bool Logger::Filter(const Name& /*name*/, Level level) const noexcept {
 
 void Logger::Format(std::string* out, const Name& name, Level level, const char* format,
                     const std::function<void(std::string*)>* arguments, unsigned long count) const noexcept {
-  AppendTime(out);
-  out->append(" ").append(GetText(level)).append(" ").append(name.Get()).append(": ");
-  AppendMessage(out, format, arguments, count);
+  try {
+    AppendTime(out);
+    out->append(" ").append(GetText(level)).append(" ").append(name.Get()).append(": ");
+    AppendMessage(out, format, arguments, count);
+  } catch (...) {  // NOLINT(bugprone-empty-catch): there is no memory for the rest of the line
+  }
   std::replace_if(
       out->begin(), out->end(), [](char character) { return character == '\n' || character == '\r'; }, ' ');
 }
 
 void Logger::Output(std::unique_ptr<std::string> text, bool urgent) const noexcept {
-  text->push_back('\n');
+  try {
+    text->push_back('\n');
+  } catch (...) {
+    text->back() = '\n';  // there is no memory for one character more
+  }
   // One call, under the stream's own lock, and standard error is unbuffered: the lines of threads do not mix.
   std::fwrite(text->data(), 1, text->size(), stderr);
   if (urgent) {

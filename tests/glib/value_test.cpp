@@ -20,16 +20,11 @@ TEST(Value, OwnsACopy) {
   {
     Value value(source);
     EXPECT_EQ(g_value_get_object(&value.GetValue()), object);
-    const Value copy(value);
-    EXPECT_EQ(object->ref_count, 3U);
     Value moved(std::move(value));
     EXPECT_TRUE(IsSet(moved) && !IsSet(value));
-    EXPECT_EQ(object->ref_count, 3U);
     value = moved;
-    EXPECT_EQ(object->ref_count, 4U);
-    moved = Value();
-    EXPECT_FALSE(IsSet(moved));
-    value = std::move(moved);
+    EXPECT_EQ(object->ref_count, 3U);
+    value = Value();
     EXPECT_FALSE(IsSet(value));
     EXPECT_EQ(object->ref_count, 2U);
   }

@@ -35,11 +35,6 @@ int References(const Ptr<T>& object) {
   }
 }
 
-/** Has the pointer turn null when the object that it points to goes. */
-inline void Observe(gpointer& object) {
-  g_object_add_weak_pointer(G_OBJECT(object), &object);
-}
-
 }  // namespace elements
 
 #endif

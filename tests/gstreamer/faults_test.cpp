@@ -1,4 +1,6 @@
 #include "mox/gstreamer/bus.h"
+#include "mox/gstreamer/plugin/path/resolve/from_library_name.h"
+#include "mox/logging/logger.h"
 #include "tests/gstreamer/elements.h"
 #include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
@@ -11,6 +13,7 @@
 #include <new>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gst/gst.h>
@@ -174,6 +177,9 @@ TEST_P(FaultsTest, AsOutputBesideAnother) {
     stream->watch.AwaitFrames();
     stream->watch.ExpectWhole();
   }
+  if (outcome == kCannotStop) {
+    Watch(output).AwaitFrames();
+  }
   const bool stays = outcome != kRefused && outcome != kGoesOn;
   EXPECT_EQ(pipeline.GetOutputs().size(), stays ? 2U : 1U);
   if (stays) {
@@ -210,6 +216,21 @@ TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
   faulty::Of(told.Get()).flow = GST_FLOW_OK;
   Within(kBounded, "a change", [&] { change.get(); });
   EXPECT_EQ(stream.Graph(), "[late]");
+  stream.watch.AwaitFrames();
+
+  // A change that fails while the pipeline is stopped leaves the chain open, and the next has nothing to drain.
+  stream.pipeline.SetEnable(false);
+  const auto twice = Make("identity");
+  EXPECT_THROW(stream.pipeline.AddFilters({twice, twice}), std::runtime_error);
+  faulty::Of(told.Get()).flow = Faults::kDrops;
+  stream.pipeline.SetEnable(true);
+  change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({Make("identity", "closing")}); });
+  Await("a change", [&] {
+    gst_element_send_event(told.Get(), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, nullptr));
+    return change.wait_for(seconds(0)) == std::future_status::ready;
+  });
+  faulty::Of(told.Get()).flow = GST_FLOW_OK;
+  EXPECT_EQ(stream.Graph(), "[closing]");
   stream.watch.AwaitFrames();
 }
 
@@ -259,7 +280,7 @@ TEST_F(Faulty, AnAllocationMayFail) {
   stream.Play();
   auto& pipeline = stream.pipeline;
   const Elements filter{Make("identity", "filter")};
-  const Elements output{MakeSink("output")};
+  const Elements output{Parse("identity ! fakesink", "output")};
   // The stream flows, and the change before was made wholly or not at all: it can be made or undone.
   const auto have = [&](bool with_filter, bool with_output) {
     stream.watch.AwaitFrames();
@@ -279,6 +300,13 @@ TEST_F(Faulty, AnAllocationMayFail) {
     const auto exchange = [&] { pipeline.SetInput(MakeSource()); };
     FailEachAllocation([&] { exchange(), stream.watch.AwaitFrames(); }, exchange);
     FailEachAllocation([] {}, [] { Pipeline(2, "second"); });
+    FailEachAllocation([] {}, [] { EXPECT_EQ(MoxGstreamerPluginPathResolveFromLibraryName("none"), nullptr); });
+    FailEachAllocation([] {},
+                       [] {
+                         auto line = std::make_unique<std::string>("x");
+                         line->resize(line->capacity());
+                         mox::logging::Logger(mox::logging::Name("full")).Output(std::move(line), false);
+                       });
   });
 }
 

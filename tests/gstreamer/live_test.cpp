@@ -296,8 +296,11 @@ TEST_F(Live, ExchangesOfTheInputNeverEndTheStream) {
 }
 
 TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
-  Stream stream(true);
+  Stream stream;
+  // Some frames of the format of before are on their way when a new one is agreed upon.
+  stream.pipeline.AddFilters({Parse("queue max-size-buffers=5 ! identity sleep-time=10000")});
   stream.Play();
+  stream.watch.AwaitFrames(20);
   const Watch rgb(Parse("capsfilter caps=video/x-raw,format=RGB ! fakesink"));
   const Watch converting(Parse("videoconvert ! capsfilter caps=video/x-raw,format=I420 ! fakesink"));
   stream.pipeline.AddOutputs({rgb.Element()});
@@ -319,6 +322,7 @@ TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
 
 TEST(LiveLog, EverythingLoggedOverAChangingPipeline) {
   g_setenv("GST_DEBUG", "*:7", TRUE);
+  g_setenv("MOX_LOG_LEVEL", "all", TRUE);
   ASSERT_NE(std::freopen("/dev/null", "w", stderr), nullptr);
   mox::gstreamer::Session session;
   Stream stream(true);

@@ -2,14 +2,36 @@
 
 #include "tests/logging/capture.h"
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
+#include <new>
 #include <string>
 #include <thread>
 #include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+namespace {
+
+std::size_t allocations = 0;
+
+}  // namespace
+
+// Not inlined: the compiler would see an allocation function and `free`, and take them for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  ++allocations;
+  void* const memory = std::malloc(size);
+  return memory != nullptr ? memory : throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  std::free(memory);
+}
 
 namespace mox::logging {
 namespace {
@@ -43,6 +65,29 @@ INSTANTIATE_TEST_SUITE_P(Logger, ThresholdTest,
                                          Written("debug", "001111"), Written("info", "000111"),
                                          Written("warning", "000011"), Written("error", "000001"),
                                          Written("none", "000000")));
+
+TEST(Logger, TakesNumbersAndTexts) {
+  const Capture capture;
+  std::string bytes("a\0b", 3);
+  int least = std::numeric_limits<int>::min();
+  const char* text = "text";
+  const char* const constant = "constant";
+  Log.Log(Level::Warning, "%2%|%0%|%1%|%3%|%4%", text, constant, bytes, static_cast<const char*>("temporary"),
+          "literal");
+  for (int number : {0, -9, 10, std::numeric_limits<int>::max()}) {
+    Log.Log(Level::Info, "%0%", number);
+  }
+  Log.Log(Level::Error, "%0%", least);
+  EXPECT_THAT(capture.GetLines(), ElementsAre("warning mox.test: " + bytes + "|text|constant|temporary|literal",
+                                              "info mox.test: 0", "info mox.test: -9", "info mox.test: 10",
+                                              "info mox.test: 2147483647", "error mox.test: -2147483648"));
+
+  using Functor = Logger::Functor<std::string&>;
+  static_assert(std::is_trivially_copyable_v<Functor> && sizeof(Functor) == sizeof(void*), "std::function allocates");
+  const std::size_t before = allocations;
+  Log.Log(Level::Debug, "%0% %1%", bytes, least);
+  EXPECT_EQ(allocations, before) << "A record that is not written takes no memory";
+}
 
 std::string Format(const char* format, const std::vector<std::function<void(std::string*)>>& arguments) {
   std::string text;

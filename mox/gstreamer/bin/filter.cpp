@@ -185,6 +185,10 @@ class Drain {
 void DrainFilterBin(GstElement& filterBin) {
   const auto source = check::element::GetPad(filterBin, "src", kElementError);
   const auto sink = check::element::GetPad(filterBin, "sink", kElementError);
+  // No frame has come since the chain was started: there is none to drain, and some filters keep an EOS then.
+  if (!Ptr<GstEvent>(gst_pad_get_sticky_event(sink.Get(), GST_EVENT_SEGMENT, 0))) {
+    return;
+  }
   Drain drain(*source);
   const auto eos = check::event::MakeEos("Event Error: ");
   // A chain that refuses the EOS, being open or dead, has nothing left to drain and would keep us waiting for ever.
@@ -283,8 +287,9 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
     return GST_PAD_PROBE_OK;
   });
   auto done = probe.GetFuture();
-  // The end of the stream may have passed before the probe was there; nothing would ever reach it.
-  if (GST_PAD_IS_EOS(upstream.Get()) && !decided->exchange(true)) {
+  // The end of the stream may have passed before the probe was there, or an input may be missing; nothing would ever
+  // reach it.
+  if ((GST_PAD_IS_EOS(upstream.Get()) || !GST_PAD_IS_ACTIVE(upstream.Get())) && !decided->exchange(true)) {
     throw std::runtime_error("Cannot change the filters because the stream has ended");
   }
   done.wait();
@@ -303,6 +308,10 @@ void BlockAddFilters(GstBin& filterBin, Filters filters) {
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the list is handed over
 void BlockEraseFilters(GstBin& filterBin, Filters filters) {
   Block(filterBin, EraseFilters, filters);
+}
+
+void BlockRun(GstBin& filterBin, const std::function<void()>& change) {
+  Block(filterBin, [&change](GstBin&, Filters) { change(); }, {});
 }
 
 }  // namespace mox::gstreamer::bin::filter

@@ -4,6 +4,7 @@
 #include "mox/export.h"
 #include "mox/gstreamer/check/ptr.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -71,6 +72,13 @@ MOX_EXPORT std::string GetGraph(GstBin& filterBin);
 MOX_EXPORT void BlockAddFilters(GstBin& filterBin, std::vector<Ptr<GstElement>> filters);
 MOX_EXPORT void BlockEraseFilters(GstBin& filterBin, std::vector<Ptr<GstElement>> filters);
 ///@}
+
+/**
+ * Runs `change` between two frames as `BlockAddFilters` does: with what enters the bin held and nothing inside it or
+ * just leaving it, so that what is behind it may ask for another format. Waits and throws like that; an exception of
+ * `change` is passed on.
+ */
+MOX_EXPORT void BlockRun(GstBin& filterBin, const std::function<void()>& change);
 
 }  // namespace mox::gstreamer::bin::filter
 

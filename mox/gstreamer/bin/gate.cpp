@@ -8,13 +8,6 @@
 namespace mox::gstreamer::bin {
 namespace {
 
-bool Takes(GstPad& sink, GstEvent& caps_event) {
-  GstCaps* caps = nullptr;
-  gst_event_parse_caps(&caps_event, &caps);
-  const Ptr<GstCaps> taken(gst_pad_query_caps(&sink, caps));
-  return gst_caps_is_empty(taken.Get()) == FALSE;
-}
-
 GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*/) noexcept {
   const Ptr<GstPad> sink(gst_pad_get_peer(source));
   if (!sink) {
@@ -25,11 +18,13 @@ GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*
     return has_caps ? GST_PAD_PROBE_REMOVE : GST_PAD_PROBE_DROP;
   }
   GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
+  GstCaps* format = nullptr;
   switch (GST_EVENT_TYPE(event)) {
     case GST_EVENT_STREAM_START:
       return GST_PAD_PROBE_OK;
     case GST_EVENT_CAPS:
-      return Takes(*sink, *event) ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
+      gst_event_parse_caps(event, &format);
+      return Takes(*sink, *format) ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
     case GST_EVENT_EOS:
       return GST_PAD_PROBE_REMOVE;
     default:
@@ -82,6 +77,11 @@ gboolean OnQueueQuery(GstPad* sink, GstObject* queue, GstQuery* query) noexcept 
 }
 
 }  // namespace
+
+bool Takes(GstPad& sink, GstCaps& format) {
+  const Ptr<GstCaps> taken(gst_pad_query_caps(&sink, &format));
+  return gst_caps_is_empty(taken.Get()) == FALSE;
+}
 
 void AddGate(GstPad& source) {
   gst_pad_add_probe(&source, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, OnItem, nullptr, nullptr);

@@ -6,6 +6,9 @@
 // How data first enters what was just linked. Private to the library.
 namespace mox::gstreamer::bin {
 
+/** Whether the pad takes what has this format. */
+bool Takes(GstPad& sink, GstCaps& format);
+
 /**
  * Keeps a source pad from pushing what its peer does not take yet: until the converter upstream has negotiated afresh,
  * frames may still have a format of the time before. The gate opens for good with the first frame in a format that is

@@ -1,6 +1,7 @@
 #include "mox/gstreamer/bin/output.h"
 
 #include "mox/gstreamer/bin/element.h"
+#include "mox/gstreamer/bin/filter.h"
 #include "mox/gstreamer/bin/gate.h"
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -154,10 +156,12 @@ class WithoutPreroll {
     if (GST_IS_BIN(output.Get())) {
       const std::unique_ptr<GstIterator, decltype(&gst_iterator_free)> elements(
           gst_bin_iterate_recurse(GST_BIN(output.Get())), gst_iterator_free);
-      const auto collect = [](const GValue* item, gpointer self) noexcept {
-        static_cast<WithoutPreroll*>(self)->Collect(Ptr<GstElement>(GST_ELEMENT(g_value_dup_object(item))));
-      };
-      gst_iterator_foreach(elements.get(), collect, this);
+      GValue item = G_VALUE_INIT;
+      while (gst_iterator_next(elements.get(), &item) == GST_ITERATOR_OK) {
+        const Ptr<GstElement> element(GST_ELEMENT(g_value_dup_object(&item)));
+        g_value_unset(&item);
+        Collect(element);
+      }
     }
     Set(FALSE);
   }
@@ -181,12 +185,16 @@ class WithoutPreroll {
   std::vector<Ptr<GstElement>> sinks_;
 };
 
-// Links a running branch to the tee, through which data may be flowing.
-void Join(GstElement& tee, GstElement& first) {
-  const BetweenItems between(tee);
-  // The link makes for an allocation query.
+// Where the output bin is fed from; empty for one that stands alone.
+Ptr<GstPad> GetUpstream(GstElement& tee) {
   const Ptr<GstElement> output_bin(GST_ELEMENT(gst_object_get_parent(GST_OBJECT_CAST(&tee))));
-  if (const Ptr<GstPad> upstream(gst_pad_get_peer(GetSink(*output_bin).Get())); upstream) {
+  return Ptr<GstPad>(gst_pad_get_peer(GetSink(*output_bin).Get()));
+}
+
+// Links a running branch to the tee, between two items.
+void Link(GstElement& tee, GstElement& first) {
+  // The link makes for an allocation query.
+  if (const auto upstream = GetUpstream(tee); upstream) {
     SpareAllocation(*upstream);
   }
   // The link takes this pad, being free, so that the gate is in place before anything can pass.
@@ -200,8 +208,37 @@ void Join(GstElement& tee, GstElement& first) {
   }
 }
 
-void AddDummy(GstBin& outputBin) {
-  Add(outputBin, check::element::Make("fakesink", kDummy, kElementError));
+bool IsOfFilterBin(GstPad& pad) {
+  const Ptr<GstElement> parent(gst_pad_get_parent_element(&pad));
+  return GST_IS_BIN(parent.Get()) && filter::IsInitialized(*GST_BIN(parent.Get()));
+}
+
+// Whether the tee can go on with the format that it has, if any, when this joins it.
+bool TakesWhatFlows(GstElement& tee, GstElement& first) {
+  const Ptr<GstCaps> format(gst_pad_get_current_caps(GetSink(tee).Get()));
+  return !format || Takes(*GetSink(first), *format);
+}
+
+// Links a running branch to the tee, through which data may be flowing.
+void Join(GstElement& tee, GstElement& first) {
+  const auto upstream = GetUpstream(tee);
+  {
+    const BetweenItems between(tee);
+    const bool behind_filters = upstream && IsOfFilterBin(*upstream) && !GST_PAD_IS_EOS(upstream.Get());
+    if (!behind_filters || TakesWhatFlows(tee, first)) {
+      Link(tee, first);
+      return;
+    }
+  }
+  // The stream will have another format. What is on its way through the filters still has the old one, and they would
+  // rather end the stream than send it where it is not taken.
+  filter::BlockRun(*GST_BIN(GST_PAD_PARENT(upstream.Get())), [&] { Link(tee, first); });
+}
+
+Ptr<GstElement> AddDummy(GstBin& outputBin) {
+  auto dummy = check::element::Make("fakesink", kDummy, kElementError);
+  Add(outputBin, dummy);
+  return dummy;
 }
 
 void RemoveDummy(GstBin& outputBin, GstElement& tee) {
@@ -229,7 +266,7 @@ void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, 
   const auto queue = check::element::Make("queue", nullptr, kElementError);
   LetAllocationOvertake(*queue);
   // A pipeline that is still starting must find the branch either not yet there or running.
-  const StateLock lock(*GST_ELEMENT(&outputBin));
+  std::optional<StateLock> lock(*GST_ELEMENT(&outputBin));
   Add(outputBin, element);
   try {
     Add(outputBin, queue);
@@ -238,16 +275,19 @@ void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, 
       Sync(*element);
     }
     Sync(*queue);
+    lock.reset();
     check::element::LinkElement(*queue, *element, kElementError);
     // A tee links what no format suits together with the rest, and the stream would end at the next frame.
     const Ptr<GstCaps> others(first ? gst_caps_new_any() : gst_pad_query_caps(GetSink(tee).Get(), nullptr));
-    const Ptr<GstCaps> shared(gst_pad_query_caps(GetSink(*queue).Get(), others.Get()));
+    const Ptr<GstCaps> possible(gst_pad_peer_query_caps(GetSink(tee).Get(), others.Get()));
+    const Ptr<GstCaps> shared(gst_pad_query_caps(GetSink(*queue).Get(), possible.Get()));
     if (gst_caps_is_empty(shared.Get()) != FALSE) {
       check::Fail(kElementError, "Failed to link element '", element::GetFullName(tee), "' with element '",
                   element::GetFullName(*queue), "'");
     }
     Join(tee, *queue);
   } catch (...) {
+    lock.emplace(*GST_ELEMENT(&outputBin));
     TakeOut(outputBin, *element);
     TakeOut(outputBin, *queue);
     throw;
@@ -300,12 +340,12 @@ bool IsInitialized(GstBin& outputBin) noexcept {
 }
 
 void Initialize(GstBin& outputBin) {
-  AddDummy(outputBin);
+  const auto dummy = AddDummy(outputBin);
   const auto tee = check::element::Make("tee", kTee, kElementError);
   // Between the placeholder and a branch the tee has no linked pad, which must not end the stream.
   g_object_set(tee.Get(), "allow-not-linked", TRUE, nullptr);
   Add(outputBin, tee);
-  check::element::LinkElement(*tee, *check::bin::GetElement(outputBin, kDummy, kBinError), kElementError);
+  check::element::LinkElement(*tee, *dummy, kElementError);
   check::element::GhostPad(*GST_ELEMENT(&outputBin), "sink", *GetSink(*tee), kElementError);
 }
 
@@ -360,9 +400,9 @@ void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
     }
     Detach(outputBin, *tee, *found);
     if (branches.size() == 1) {
-      AddDummy(outputBin);
-      const auto dummy = check::bin::GetElement(outputBin, kDummy, kBinError);
+      const auto dummy = AddDummy(outputBin);
       {
+        const StateLock lock(*GST_ELEMENT(&outputBin));
         const WithoutPreroll without_preroll(dummy);
         Sync(*dummy);
       }

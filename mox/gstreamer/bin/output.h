@@ -40,18 +40,20 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
 
 /**
  * Attaches each element as a new branch, in the order given, and brings it to the state of the bin. A new branch starts
- * with the first whole frame in a format that it takes; the others lose nothing. With data flowing, removing the
+ * with the first whole frame; the others lose nothing. With data flowing, removing the
  * placeholder waits for the frame that is just passing it.
  *
  * The elements before one that fails stay attached; the one that fails is left outside the bin. If it was to be the
  * first output there is neither output nor placeholder from then on, and no output can be attached any more.
  *
- * The new output takes part in the negotiation of buffers: with data flowing, the stream goes on as soon as every output
- * is through with the frame that it is busy with.
+ * The new output takes part in the negotiation of buffers: with data flowing, the stream goes on as soon as every
+ * output is through with the frame that it is busy with. Where it does not take the format that flows, the stream gets
+ * another one that all take: as for a change of the filters, the call then waits for the next item from the input and
+ * until the filters are drained, and one frame is given up (see `filter::BlockRun`).
  *
  * @throws std::invalid_argument if one of the handles is empty; nothing is changed
  * @throws std::runtime_error if an element does not start, or cannot be linked: to its queue, or to the tee since it
- * shares no format with the others
+ * shares no format with the input and the others
  */
 MOX_EXPORT void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs);
 

@@ -30,6 +30,16 @@ struct TypeOf<GstElement> {
   static GType Get() noexcept { return gst_element_get_type(); }
 };
 
+/** How `Ptr` counts references to a kind of GstObject. */
+template <typename T>
+struct ObjectReference {
+  /** Adds or drops one reference to the object, which is not null. */
+  ///@{
+  static void Add(T* object) noexcept { gst_object_ref(object); }
+  static void Drop(T* object) noexcept { gst_object_unref(object); }
+  ///@}
+};
+
 /** How `Ptr` counts references to a kind of GstMiniObject. */
 template <typename T>
 struct MiniObjectReference {
@@ -42,14 +52,8 @@ struct MiniObjectReference {
 
 /** How `Ptr` counts references to a `T`: as a GstObject, unless its first member tells that it is a mini object. */
 template <typename T, typename = void>
-struct Reference {
+struct Reference : ObjectReference<T> {
   static_assert(sizeof(T) != 0, "The kind of an opaque type must be told by a specialisation");
-
-  /** Adds or drops one reference to the object, which is not null. */
-  ///@{
-  static void Add(T* object) noexcept { gst_object_ref(object); }
-  static void Drop(T* object) noexcept { gst_object_unref(object); }
-  ///@}
 };
 
 template <typename T>
@@ -70,6 +74,27 @@ struct Reference<GstPromise> : MiniObjectReference<GstPromise> {};
 
 template <>
 struct Reference<GstBufferList> : MiniObjectReference<GstBufferList> {};
+
+template <>
+struct Reference<GstDateTime> : MiniObjectReference<GstDateTime> {};
+
+template <>
+struct Reference<GstToc> : MiniObjectReference<GstToc> {};
+
+template <>
+struct Reference<GstUri> : MiniObjectReference<GstUri> {};
+
+template <>
+struct Reference<GstPlugin> : ObjectReference<GstPlugin> {};
+
+template <>
+struct Reference<GstPluginFeature> : ObjectReference<GstPluginFeature> {};
+
+template <>
+struct Reference<GstElementFactory> : ObjectReference<GstElementFactory> {};
+
+template <>
+struct Reference<GstTypeFindFactory> : ObjectReference<GstTypeFindFactory> {};
 
 /**
  * Owns one reference to a GstObject or GstMiniObject, or nothing.

@@ -37,11 +37,9 @@ class Callbacks<void(Args...)> {
     return static_cast<unsigned>(slot - slots_.begin());
   }
 
-  /** Empties the slot @p index; an index without a slot is ignored. */
-  void Erase(unsigned index) noexcept {
-    if (index < slots_.size()) {
-      slots_[index] = nullptr;
-    }
+  /** Empties the slot @p index and returns what was in it; an index without a slot gives an empty function. */
+  std::function<void(Args...)> Erase(unsigned index) noexcept {
+    return index < slots_.size() ? std::exchange(slots_[index], nullptr) : nullptr;
   }
 
   /** Calls every function in the order of the slots. */

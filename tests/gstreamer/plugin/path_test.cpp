@@ -1,3 +1,5 @@
+#include "mox/system/path.h"
+
 #include "mox/gstreamer/plugin/path/resolve/from_executable.h"
 #include "mox/gstreamer/plugin/path/resolve/from_library_name.h"
 #include "tests/gstreamer/elements.h"
@@ -46,22 +48,28 @@ TEST(PluginPath, LiesBesideTheFileThatALinkLeadsTo) {
       "error mox.gstreamer.plugin.path.resolve.from_executable: Could not resolve from executable: ";
   const Capture capture;
   create_directories(folder / "real");
-  create_symlink("real/file", folder / "libmox_link.so.3");
+  create_symlink("real/file", folder / "libmox_link.so.so.3.1");
   current_path(folder);
 
   copy_file(MOX_TEST_PROGRAM, file);
-  EXPECT_EQ(OutputOf("./libmox_link.so.3"), expected);
-  EXPECT_EQ(OutputOf("./libmox_link.so.3 real/file"), "none") << "The program removes itself first";
+  EXPECT_EQ(OutputOf("./libmox_link.so.so.3.1"), expected);
+  EXPECT_EQ(OutputOf("./libmox_link.so.so.3.1 real/file"), "none") << "The program removes itself first";
   const auto no_program = ErrorOf([&] { canonical(file.string() + " (deleted)"); });
 
   copy_file(MOX_TEST_PLUGIN, file);
-  ASSERT_NE(dlopen("./libmox_link.so.3", RTLD_NOW), nullptr) << dlerror();
-  EXPECT_EQ(FromLibraryName("mox_link"), expected);
-  EXPECT_EQ(ByNameInC("mox_link"), expected);
+  ASSERT_NE(dlopen("./libmox_link.so.so.3.1", RTLD_NOW), nullptr) << dlerror();
+  EXPECT_EQ(system::GetLibraryPath("mox_link.so"), "./libmox_link.so.so.3.1");
+  EXPECT_EQ(system::GetLibraryPath("mox_system").filename(), "libmox_system.so.1");
+  ASSERT_NE(dlopen(MOX_TEST_PLUGIN, RTLD_NOW), nullptr) << dlerror();
+  EXPECT_EQ(system::GetLibraryPath("gstcoreelements"), MOX_TEST_PLUGIN);
+  EXPECT_EQ(FromLibraryName("mox_link.so"), expected);
+  EXPECT_EQ(ByNameInC("mox_link.so"), expected);
   remove(file);
-  const auto no_library = ErrorOf<filesystem_error>([] { FromLibraryName("mox_link"); });
-  EXPECT_EQ(ByNameInC("mox_link"), "none");
-  EXPECT_EQ(ErrorOf([] { FromLibraryName("none"); }), "Library 'none' is not loaded");
+  const auto no_library = ErrorOf<filesystem_error>([] { FromLibraryName("mox_link.so"); });
+  EXPECT_EQ(ByNameInC("mox_link.so"), "none");
+  for (const std::string name : {"mox_link", "mox_sys", "ox_system", "mox_system.so", "libmox_system", ""}) {
+    EXPECT_EQ(ErrorOf([&] { FromLibraryName(name); }), "Library '" + name + "' is not loaded");
+  }
   EXPECT_EQ(ByNameInC("none"), "none");
   EXPECT_EQ(ByNameInC(nullptr), "none");
 
