@@ -39,6 +39,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libmox-integration-gstreamer-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "libgstreamer1.0-dev (>= 1.22), libboost-filesystem1.81-dev, pkg-config")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS gstreamer1.0-plugins-good)  # for the README's program
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS library)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers, CMake package and pkg-config file")
 

@@ -21,11 +21,13 @@ as_root() {
   fi
 }
 
+is_installed() { dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed; }
+
 # Installs those of the Debian packages that are missing.
 install_packages() {
   local missing=() package
   for package in "$@"; do
-    dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
+    is_installed "$package" || missing+=("$package")
   done
   [[ ${#missing[@]} -gt 0 ]] || return 0
   say "Installing ${missing[*]}"
@@ -38,7 +40,7 @@ install_packages() {
   as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get -q install -y --no-remove --no-install-recommends "${missing[@]}" || {
     echo "Could not install ${missing[*]}." >&2
-    if dpkg-query -W libboost1.74-dev >/dev/null 2>&1; then
+    if is_installed libboost1.74-dev; then
       echo "Boost 1.74 and 1.81 cannot both be installed: remove libboost1.74-dev, then try again." >&2
     fi
     exit 1

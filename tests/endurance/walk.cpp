@@ -37,9 +37,11 @@ Ptr<GstElement> Counted(Ptr<GstElement> element) {
   return element;
 }
 
-// With threads of their own and without.
-constexpr const char* kFilters[] = {"identity", "queue", "identity ! identity", "queue max-size-buffers=2 ! identity"};
-constexpr const char* kFormatFilters[] = {"videoflip", "edgetv", "queue ! videoflip",
+// With threads of their own and without. The queues are short because a change waits for what they hold, and may do so
+// while the slowest output sets the pace.
+constexpr const char* kFilters[] = {"identity", "identity ! identity", "queue max-size-buffers=2",
+                                    "queue max-size-buffers=2 ! identity"};
+constexpr const char* kFormatFilters[] = {"videoflip", "edgetv", "queue max-size-buffers=2 ! videoflip",
                                           "videoconvert ! capsfilter caps=video/x-raw,format=NV12 ! videoconvert"};
 
 // Most are "fakesink" alone, for the slowest sets the pace of all.
@@ -196,6 +198,7 @@ struct Ground {
 
   const Options options;
   live::Pipeline pipeline{1, "walk"};
+  const Watch* leaving = nullptr;  ///< Behind the filters.
   Ledger ledger;
   // Some wrong requests break a stopped pipeline, whose filters are not put back: they keep it from being stopped.
   std::shared_mutex stopping;
@@ -301,7 +304,7 @@ class Walker {
     const bool stuck = random_.Below(40) == 0;
     const bool first = pipeline_.GetOutputs().empty();
     const auto& element =
-        KeepOutput(stuck ? random_.Make("identity sleep-time=300000 ! fakesink") : random_.MakeOutput());
+        KeepOutput(stuck ? random_.Make("identity sleep-time=200000 ! fakesink") : random_.MakeOutput());
     Time(first ? "add the first output" : "add output", [&] { pipeline_.AddOutputs({element}); });
     if (stuck) {
       EraseOutput(std::exchange(outputs_.back(), nullptr));
@@ -325,11 +328,15 @@ class Walker {
       lock.lock();
     }
     Time("exchange input", [&] { pipeline_.SetInput(random_.MakeInput(ground_.options.live != 0)); });
+    if (playing) {
+      lock.unlock();
+      LetRun();
+    }
   }
 
   // While the pipeline is stopped a few changes are made, by others maybe as well, and a start may fail.
   void StopAndStart() {
-    const std::unique_lock<std::shared_mutex> lock(ground_.stopping);
+    std::unique_lock<std::shared_mutex> lock(ground_.stopping);
     Time("stop", [&] { pipeline_.SetEnable(false); });
     for (std::size_t i = random_.Below(3); i > 0; --i) {
       Step(false);
@@ -341,6 +348,16 @@ class Walker {
     }
     Time("start", [&] { pipeline_.SetEnable(true); });
     ChangeFilters(pipeline_.GetState() == live::Pipeline::State::Starting ? ", starting" : "");
+    lock.unlock();
+    LetRun();
+  }
+
+  // Mostly waits for a frame of the stream that was just started. Many threads on a busy machine would else start it
+  // over and over before the first of its frames is through the filters.
+  void LetRun() {
+    if (random_.Below(4) > 0) {
+      ground_.leaving->AwaitFrames(1);
+    }
   }
 
   void RequestWrongly() {
@@ -413,6 +430,7 @@ void Walk(const Options& options, Figures& figures) {
   const Watch entering = watch(mox::gstreamer::bin::pipeline::GetFilterBin(whole),
                                [&](auto... frames) { return ground.ledger.Enter(frames...); });
   const Watch leaving = watch(mox::gstreamer::bin::pipeline::GetOutputBin(whole), ground.Arrive());
+  ground.leaving = &leaving;
   pipeline.SetInput(Random(options.seed, -1).MakeInput(options.live != 0));
   pipeline.SetEnable(true);
   ground.Guard(&leaving, "frames out of the filters", [&] { return leaving.Frames(); });
