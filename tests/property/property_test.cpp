@@ -17,6 +17,7 @@ namespace {
 using testing::PrintToString;
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr float kFloatInfinity = std::numeric_limits<float>::infinity();
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 
 template <typename T>
@@ -90,8 +91,8 @@ TEST(Property, TakesWhatKeepsTheValue) {
   EXPECT_TRUE(Takes<unsigned long>(kLong) && !Takes<unsigned long>(-1L) && !Takes<unsigned long>(0x1p64));
   EXPECT_TRUE(Takes<long>(-0x1p63) && !Takes<long>(0x1p63) && !Takes<long>(kLong + 1UL));
   EXPECT_TRUE(Takes<double>(kExact) && !Takes<double>(kExact + 1) && Takes<double>(0.1F));
-  EXPECT_TRUE(Takes<float>(0.1) && !Takes<float>(1e39) && !Takes<float>(kInfinity));
-  EXPECT_TRUE(Takes<float>(kInfinity, {0, std::numeric_limits<float>::infinity()}) && !Takes<double>(kNan));
+  EXPECT_TRUE(Takes<float>(0.1) && !Takes<float>(1e39, {0, kFloatInfinity}) && !Takes<float>(kInfinity));
+  EXPECT_TRUE(Takes<float>(kInfinity, {0, kFloatInfinity}) && !Takes<double>(kNan));
   EXPECT_TRUE(Takes<bool>(1) && Takes<int>(true) && !Takes<bool>(2) && !Takes<bool>(0.5));
   EXPECT_TRUE(Takes<int>(10, {0, 10}) && !Takes<int>(11, {0, 10}) && !Takes<int>(-1L, {0, 10}));
 
@@ -112,9 +113,8 @@ void ExpectJson(const Primitive<T>& property, const std::string& rest) {
 }
 
 TEST(Property, DescribesItselfInJson) {
-  constexpr float kMinimum = -std::numeric_limits<float>::infinity();
   ExpectJson(Make(true), R"(Bool","value":true})");
-  ExpectJson(Make(0.1F, {kMinimum, 4}), R"(Float","value":0.1,"minimum":"-Infinity","maximum":4.0})");
+  ExpectJson(Make(0.1F, {-kFloatInfinity, 4}), R"(Float","value":0.1,"minimum":"-Infinity","maximum":4.0})");
   ExpectJson(Make(kNan, {-0.0, kInfinity}), R"(Double","value":"NaN","minimum":-0.0,"maximum":"Infinity"})");
   ExpectJson(Make<signed char>(-7), R"(Int8","value":-7,"minimum":-128,"maximum":127})");
   ExpectJson(Make(~0UL), R"(UInt64","value":18446744073709551615,"minimum":0,"maximum":18446744073709551615})");
