@@ -1,4 +1,3 @@
-#include <array>
 #include <cstdio>
 #include <fstream>
 #include <regex>
@@ -18,10 +17,8 @@ void ExpectLive(const std::string& options, const std::string& commands, int sta
       testing::TempDir() + "mox_live_" + testing::UnitTest::GetInstance()->current_test_info()->name();
   std::ofstream(file) << commands;
   std::FILE* const program = popen(("'" MOX_LIVE "' " + options + " 2>&1 <'" + file + "'").c_str(), "r");
-  std::string text;
-  for (std::array<char, 4096> part{}; std::fgets(part.data(), part.size(), program) != nullptr;) {
-    text += part.data();
-  }
+  std::string text(1 << 16, '\0');
+  text.resize(std::fread(text.data(), 1, text.size(), program));
   EXPECT_EQ(WEXITSTATUS(pclose(program)), status) << text;
   std::remove(file.c_str());
   for (const char* const pattern : patterns) {

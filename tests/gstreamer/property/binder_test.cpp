@@ -6,7 +6,6 @@
 #include <cmath>
 #include <limits>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -22,6 +21,7 @@ using elements::ErrorOf;
 using mox::property::Limits;
 using mox::property::Primitive;
 using mox::property::Property;
+using testing::PrintToString;
 
 template <typename T>
 Primitive<T> Make(const std::string& name, T value, Limits<T> limits = {}) {
@@ -36,28 +36,30 @@ struct Other : Property {
   void Write(std::ostream& /*stream*/) const override {}
 };
 
-Binder* bound = nullptr;
-std::string install_error;
-
-/** An object of a class of its own, with the properties of the binder. */
-class Object {
- public:
-  explicit Object(Binder& binder) {
-    static int types = 0;
-    bound = &binder;
+/** An object of a class of its own, with properties by a binder. */
+struct Object {
+  template <typename... Properties>
+  explicit Object(Properties&... properties) {
     const auto name = "MoxTestBound" + std::to_string(types++);
-    const GType type = g_type_register_static_simple(G_TYPE_OBJECT, name.c_str(), sizeof(GObjectClass), OnClass,
-                                                     sizeof(GObject), nullptr, GTypeFlags());
-    object_.reset(g_object_new(type, nullptr));
+    const auto on_class = [](gpointer klass, gpointer /*data*/) {
+      G_OBJECT_CLASS(klass)->set_property = [](auto* /*object*/, auto... rest) { now->binder.SetProperty(rest...); };
+      G_OBJECT_CLASS(klass)->get_property = [](auto* /*object*/, auto... rest) { now->binder.GetProperty(rest...); };
+      now->error = ErrorOf([&] { now->binder.InstallProperties(G_OBJECT_CLASS(klass)); });
+    };
+    now = this;
+    (binder.Bind(properties), ...);
+    object.reset(g_object_new(g_type_register_static_simple(G_TYPE_OBJECT, name.c_str(), sizeof(GObjectClass), on_class,
+                                                            sizeof(GObject), nullptr, GTypeFlags()),
+                              nullptr));
   }
 
-  gpointer Get() { return object_.get(); }
+  gpointer Get() const { return object.get(); }
 
-  GParamSpec* Find(const char* name) { return g_object_class_find_property(G_OBJECT_GET_CLASS(Get()), name); }
+  GParamSpec* Find(const char* name) const { return g_object_class_find_property(G_OBJECT_GET_CLASS(Get()), name); }
 
   /** The param spec of the property, having checked what all kinds have. */
   template <typename Spec = GParamSpec>
-  Spec* Expect(const char* name, GType type, unsigned id) {
+  Spec* Expect(const char* name, GType type, unsigned id) const {
     GParamSpec* const spec = Find(name);
     EXPECT_EQ(std::tuple(G_PARAM_SPEC_TYPE(spec), spec->param_id, int{spec->flags}, g_param_spec_get_nick(spec),
                          g_param_spec_get_blurb(spec)),
@@ -65,14 +67,11 @@ class Object {
     return reinterpret_cast<Spec*>(spec);
   }
 
- private:
-  static void OnClass(gpointer klass, gpointer /*data*/) {
-    G_OBJECT_CLASS(klass)->set_property = [](auto* /*object*/, auto... rest) { bound->SetProperty(rest...); };
-    G_OBJECT_CLASS(klass)->get_property = [](auto* /*object*/, auto... rest) { bound->GetProperty(rest...); };
-    install_error = ErrorOf([&] { bound->InstallProperties(G_OBJECT_CLASS(klass)); });
-  }
-
-  std::unique_ptr<void, decltype(&g_object_unref)> object_{nullptr, g_object_unref};
+  static inline int types = 0;
+  static inline Object* now = nullptr;
+  Binder binder;
+  std::string error;
+  std::unique_ptr<void, decltype(&g_object_unref)> object{nullptr, g_object_unref};
 };
 
 template <typename T, typename Spec>
@@ -81,18 +80,15 @@ void ExpectNumber(GType type) {
   for (const auto& [minimum, maximum] :
        {Limits<T>(), Limits<T>{0, 10}, Limits<T>{static_cast<T>(-Type::infinity()), Type::infinity()}}) {
     auto property = Make<T>("value", maximum / 2, {minimum, maximum});
-    Binder binder;
-    binder.Bind(property);
-    Object object(binder);
+    const Object object(property);
     const auto* const spec = object.Expect<Spec>("value", type, 1);
-    EXPECT_EQ(std::tuple(spec->minimum, spec->maximum, spec->default_value),
-              std::tuple(minimum, maximum, property.GetValue()));
+    EXPECT_EQ(std::tuple(spec->minimum, spec->maximum, spec->default_value), std::tuple(minimum, maximum, maximum / 2));
     for (const T value : {minimum, maximum, static_cast<T>(-0.0)}) {
       T read = 7;
       g_object_set(object.Get(), "value", value, nullptr);
       g_object_get(object.Get(), "value", &read, nullptr);
-      EXPECT_EQ(std::tuple(property.GetValue(), std::signbit(property.GetValue()), read, std::signbit(read)),
-                std::tuple(value, std::signbit(value), value, std::signbit(value)));
+      EXPECT_EQ(std::tuple(property.GetValue(), read, std::signbit(read)),
+                std::tuple(value, value, std::signbit(value)));
     }
   }
 }
@@ -112,69 +108,48 @@ TEST(PropertyBinder, PassesTextAndBooleansBothWays) {
   auto count = Make<int>("count", 5);
   auto text = Make<std::string>("text", "before");
   auto flag = Make<bool>("flag", true);
-  Binder binder;
-  binder.Bind(count);
-  binder.Bind(text);
-  binder.Bind(flag);
-  Object object(binder);
+  Object object(count, text, flag);
   object.Expect("count", G_TYPE_PARAM_INT, 1);
   EXPECT_STREQ(object.Expect<GParamSpecString>("text", G_TYPE_PARAM_STRING, 2)->default_value, "before");
   EXPECT_TRUE(object.Expect<GParamSpecBoolean>("flag", G_TYPE_PARAM_BOOLEAN, 3)->default_value);
-
   for (const std::string& value : {std::string("d\xc3\xbcnn \"x\"\n"), std::string(100000, 'x'), std::string()}) {
     char* read = nullptr;
     g_object_set(object.Get(), "text", value.c_str(), nullptr);
     g_object_get(object.Get(), "text", &read, nullptr);
     EXPECT_EQ(std::tuple(text.GetValue(), read), std::tuple(value, value));
     g_free(read);
-    g_object_set(object.Get(), "text", nullptr, nullptr);
-    EXPECT_EQ(text.GetValue(), "");
   }
+  text = "not empty";
+  g_object_set(object.Get(), "text", nullptr, nullptr);
+  EXPECT_EQ(text.GetValue(), "");
 
-  gboolean read = TRUE;
-  g_object_set(object.Get(), "flag", FALSE, nullptr);
-  g_object_get(object.Get(), "flag", &read, nullptr);
-  EXPECT_FALSE(flag.GetValue() || read != FALSE);
+  const GType type = g_type_register_static_simple(G_TYPE_PARAM_BOOLEAN, "MoxTestParam", sizeof(GParamSpecClass),
+                                                   nullptr, sizeof(GParamSpecBoolean), nullptr, GTypeFlags());
   GValue value = G_VALUE_INIT;
   g_value_init(&value, G_TYPE_BOOLEAN);
-  value.data[0].v_int = 2;
-  binder.SetProperty(3, &value, object.Find("flag"));
-  EXPECT_TRUE(flag.GetValue());
-
-  GParamSpec* const unknown = g_param_spec_ref_sink(g_param_spec_unichar("count", "", "", 'a', G_PARAM_READWRITE));
-  for (GParamSpec* const pspec : {static_cast<GParamSpec*>(nullptr), unknown}) {
-    binder.SetProperty(1, &value, pspec);
-    binder.GetProperty(1, &value, pspec);
-    EXPECT_TRUE(count.GetValue() == 5 && value.data[0].v_int == 2);
+  GParamSpec* const unknown = g_param_spec_unichar("flag", "", "", 'a', G_PARAM_READWRITE);
+  auto* const derived = static_cast<GParamSpec*>(g_param_spec_internal(type, "flag", "", "", G_PARAM_READWRITE));
+  for (GParamSpec* const pspec : {static_cast<GParamSpec*>(nullptr), unknown, derived, object.Find("flag")}) {
+    const bool passes = pspec != nullptr && pspec != unknown;
+    for (const int given : {2, 0}) {
+      flag = given == 0;
+      value.data[0].v_int = given;
+      object.binder.SetProperty(3, &value, pspec);
+      EXPECT_EQ(flag.GetValue(), passes == (given != 0));
+      object.binder.GetProperty(3, &value, pspec);
+      EXPECT_EQ(value.data[0].v_int, passes ? given / 2 : given);
+    }
   }
   g_param_spec_unref(unknown);
-
-  g_type_register_static_simple(G_TYPE_PARAM_BOOLEAN, "MoxTestParam", sizeof(GParamSpecClass), nullptr,
-                                sizeof(GParamSpecBoolean), nullptr, GTypeFlags());
-  auto* const derived = static_cast<GParamSpec*>(
-      g_param_spec_internal(g_type_from_name("MoxTestParam"), "flag", "", "", G_PARAM_READWRITE));
-  g_param_spec_ref_sink(derived);
-  flag = false;
-  binder.SetProperty(3, &value, derived);
-  EXPECT_TRUE(flag.GetValue());
-  binder.GetProperty(3, &value, derived);
-  EXPECT_TRUE(value.data[0].v_int == 1);
   g_param_spec_unref(derived);
 
-  EXPECT_THROW(binder.SetProperty(0, &value, nullptr), std::logic_error);
-  EXPECT_EQ(ErrorOf<std::logic_error>([&] { binder.SetProperty(4, &value, nullptr); }),
+  EXPECT_THROW(object.binder.SetProperty(0, &value, nullptr), std::logic_error);
+  EXPECT_EQ(ErrorOf<std::logic_error>([&] { object.binder.SetProperty(4, &value, nullptr); }),
             "The identification number (4) of the GStreamer property to set was larger than the number stored in the "
             "binder (3)");
   EXPECT_EQ(ErrorOf<std::logic_error>([&] { Binder().GetProperty(1, &value, nullptr); }),
             "The identification number (1) of the GStreamer property to get was larger than the number stored in the "
             "binder (0)");
-}
-
-template <typename T>
-std::string TextOf(const T& described) {
-  std::ostringstream text;
-  text << described;
-  return text.str();
 }
 
 TEST(PropertyBinder, HoldsOnePropertyOfAName) {
@@ -188,10 +163,10 @@ TEST(PropertyBinder, HoldsOnePropertyOfAName) {
   binder.Unbind(second);
   binder.Bind(second);
   Binder moved(std::move(binder));
-  EXPECT_EQ(TextOf(moved), R"({"properties":[)" + TextOf(first) + "," + TextOf(second) + "]}");
-  EXPECT_EQ(TextOf(binder), R"({"properties":[]})");
+  EXPECT_EQ(PrintToString(moved), R"({"properties":[)" + PrintToString(first) + "," + PrintToString(second) + "]}");
+  EXPECT_EQ(PrintToString(binder), R"({"properties":[]})");
   moved.Unbind(namesake);
-  EXPECT_EQ(TextOf(moved), R"({"properties":[)" + TextOf(second) + "]}");
+  EXPECT_EQ(PrintToString(moved), R"({"properties":[)" + PrintToString(second) + "]}");
 }
 
 TEST(PropertyBinder, InstallsWhatGlibTakesUpToAnUnknownKind) {
@@ -202,18 +177,14 @@ TEST(PropertyBinder, InstallsWhatGlibTakesUpToAnUnknownKind) {
   object::Object::RegisterType("Registered");
   for (const std::string type : {"Registered", "Unregistered"}) {
     Other other(type);
-    Binder binder;
-    for (Property* const property : std::initializer_list<Property*>{&name, &limits, &before, &other, &after}) {
-      binder.Bind(*property);
-    }
     g_test_expect_message("GLib-GObject", G_LOG_LEVEL_CRITICAL, "*valid*name*");
     g_test_expect_message("GLib-GObject", G_LOG_LEVEL_CRITICAL, "*default_value <= maximum*");
-    Object object(binder);
+    const Object object(name, limits, before, other, after);
     g_test_assert_expected_messages();
     object.Expect("before", G_TYPE_PARAM_INT, 3);
     EXPECT_TRUE(object.Find("limits") == nullptr && object.Find("after") == nullptr);
-    EXPECT_EQ(install_error, "Failed to install 'other' property into the GStreamer class as it was an unknown type: " +
-                                 (type == "Registered" ? type : ""));
+    EXPECT_EQ(object.error, "Failed to install 'other' property into the GStreamer class as it was an unknown type: " +
+                                (type == "Registered" ? type : ""));
   }
 }
 
