@@ -19,7 +19,8 @@ namespace mox::gstreamer {
  * come and go and the input is exchanged while video flows.
  *
  * A `Session` must exist for as long as the pipeline does. The pipeline reads its own bus: its messages are not for
- * others to take, and those of end-of-stream and error change nothing.
+ * others to take, and those of end-of-stream and error change nothing. Its clock is the one of the system, whatever
+ * elements bring one, for they come and go.
  *
  * Every operation may be called from any thread except the pipeline's streaming threads. Operations on one pipeline run
  * one after the other: each waits for the one before, also for a change that is waiting for data. Only `Get`, `GetId`
@@ -70,10 +71,12 @@ class MOX_EXPORT Pipeline {
 
   /**
    * Replaces the input, in any state; an empty handle removes it from a stopped pipeline. The input needs a source pad
-   * already. The whole pipeline is stopped for the exchange and brought back to its state: outputs start anew, and what
-   * was under way in the pipeline is given up. Waits until every element has stopped.
+   * already. The whole pipeline is stopped for the exchange and brought back to its state: outputs and time start anew,
+   * and what was under way in the pipeline, messages on its bus included, is given up. Waits until every element has
+   * stopped.
    *
-   * If the new element cannot be added or linked, the pipeline is left without input until the next `SetInput`.
+   * If the new element cannot be added or linked, the pipeline is left without input until the next `SetInput`; changes
+   * of the filters are refused until then.
    *
    * @throws std::runtime_error "Cannot remove the input if the pipeline is not stopped"
    */
