@@ -1,0 +1,157 @@
+#include "mox/gstreamer/bus.h"
+
+#include "mox/gstreamer/check/ptr.h"
+#include "mox/type/binding.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include <benchmark/benchmark.h>
+#include <gst/gst.h>
+
+// Messages of a bus on their way to a callback on a reader's thread.
+namespace benchmarks {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using mox::gstreamer::Ptr;
+
+/** What the callback has seen. */
+struct Seen {
+  Clock::time_point last;
+  std::atomic<std::size_t> count = 0;
+
+  void OnMessage() {
+    last = Clock::now();
+    ++count;
+  }
+
+  void Await(std::size_t messages) const {
+    while (count < messages) {
+    }
+  }
+};
+
+class Library {
+ public:
+  Library(const Ptr<GstBus>& bus, Seen& seen)
+      : bus_(bus), binding_(bus_.Bind(GST_MESSAGE_APPLICATION, [&seen](const GstMessage&) { seen.OnMessage(); })) {}
+
+ private:
+  mox::gstreamer::Bus bus_;
+  mox::type::Binding binding_;
+};
+
+/** A loop that waits for the next message for as long as the library does, and no longer than it has to at the end. */
+class BareLoop {
+ public:
+  BareLoop(const Ptr<GstBus>& bus, Seen& seen) : bus_(bus), thread_([this, &seen] { Run(seen); }) {}
+  BareLoop(const BareLoop&) = delete;
+  BareLoop& operator=(const BareLoop&) = delete;
+  ~BareLoop() {
+    stop_ = true;
+    thread_.join();
+  }
+
+ private:
+  void Run(Seen& seen) {
+    while (!stop_) {
+      GstMessage* const message = gst_bus_timed_pop_filtered(bus_.Get(), 500 * GST_MSECOND, GST_MESSAGE_APPLICATION);
+      if (message != nullptr) {
+        seen.OnMessage();
+        gst_message_unref(message);
+      }
+    }
+  }
+
+  Ptr<GstBus> bus_;
+  std::atomic<bool> stop_ = false;
+  std::thread thread_;
+};
+
+/** A main loop on a thread of its own. */
+class MainLoop {
+ public:
+  MainLoop(const Ptr<GstBus>& bus, Seen& seen) {
+    GSource* const source = gst_bus_create_watch(bus.Get());
+    const GstBusFunc on_message = [](GstBus*, GstMessage*, gpointer data) -> gboolean {
+      static_cast<Seen*>(data)->OnMessage();
+      return TRUE;
+    };
+    g_source_set_callback(source, G_SOURCE_FUNC(on_message), &seen, nullptr);
+    g_source_attach(source, context_);
+    g_source_unref(source);
+    thread_ = std::thread([this] { g_main_loop_run(loop_); });
+  }
+  MainLoop(const MainLoop&) = delete;
+  MainLoop& operator=(const MainLoop&) = delete;
+  ~MainLoop() {
+    g_main_loop_quit(loop_);
+    thread_.join();
+    g_main_loop_unref(loop_);
+    g_main_context_unref(context_);
+  }
+
+ private:
+  GMainContext* context_ = g_main_context_new();
+  GMainLoop* loop_ = g_main_loop_new(context_, FALSE);
+  std::thread thread_;
+};
+
+void Post(const Ptr<GstBus>& bus) {
+  gst_bus_post(bus.Get(), gst_message_new_application(nullptr, nullptr));
+}
+
+/** From the post to the callback, with the reader waiting. */
+template <typename Reader>
+void Latency(benchmark::State& state) {
+  const Ptr<GstBus> bus(gst_bus_new());
+  Seen seen;
+  const Reader reader(bus, seen);
+  Post(bus);
+  seen.Await(1);
+  for (std::size_t messages = 2; state.KeepRunning(); ++messages) {
+    // The reader is to be waiting again.
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+    const auto posted = Clock::now();
+    Post(bus);
+    seen.Await(messages);
+    state.SetIterationTime(std::chrono::duration<double>(seen.last - posted).count());
+  }
+}
+
+/** A million messages that lie on the bus when the reader starts. */
+template <typename Reader>
+void Backlog(benchmark::State& state) {
+  constexpr benchmark::IterationCount kMessages = 1'000'000;
+  while (state.KeepRunningBatch(kMessages)) {
+    const Ptr<GstBus> bus(gst_bus_new());
+    for (benchmark::IterationCount i = 0; i < kMessages; ++i) {
+      Post(bus);
+    }
+    Seen seen;
+    const auto begin = Clock::now();
+    const Reader reader(bus, seen);
+    while (seen.count < kMessages) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    state.SetIterationTime(std::chrono::duration<double>(seen.last - begin).count());
+  }
+}
+
+BENCHMARK_TEMPLATE(Latency, Library)->Name("a message from post to callback/library")->UseManualTime();
+BENCHMARK_TEMPLATE(Latency, BareLoop)->Name("a message from post to callback/bare timed pop")->UseManualTime();
+BENCHMARK_TEMPLATE(Latency, MainLoop)->Name("a message from post to callback/main loop's watch")->UseManualTime();
+BENCHMARK_TEMPLATE(Backlog, Library)->Name("each of 1,000,000 messages/library")->Iterations(1)->UseManualTime();
+BENCHMARK_TEMPLATE(Backlog, BareLoop)
+    ->Name("each of 1,000,000 messages/bare timed pop")
+    ->Iterations(1)
+    ->UseManualTime();
+BENCHMARK_TEMPLATE(Backlog, MainLoop)
+    ->Name("each of 1,000,000 messages/main loop's watch")
+    ->Iterations(1)
+    ->UseManualTime();
+
+}  // namespace
+}  // namespace benchmarks

@@ -1,0 +1,145 @@
+#ifndef BENCHMARKS_STREAM_H
+#define BENCHMARKS_STREAM_H
+
+#include "benchmarks/by_hand.h"
+#include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/ptr.h"
+#include "mox/gstreamer/pipeline.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gst/gst.h>
+
+// Sources, watched outputs, and one pipeline made in two ways.
+namespace benchmarks {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+using mox::gstreamer::Pipeline;
+using mox::gstreamer::Ptr;
+using Elements = std::vector<Ptr<GstElement>>;
+
+inline Ptr<GstElement> Make(const char* factory) {
+  return mox::gstreamer::check::element::Make(factory, nullptr, "");
+}
+
+inline Elements MakeFilters(std::size_t count) {
+  Elements filters(count);
+  std::generate(filters.begin(), filters.end(), [] { return Make("identity"); });
+  return filters;
+}
+
+/** Where frames come from: as fast as they go, or 60 a second. So small that making them costs next to nothing. */
+enum class Pace { Unthrottled, Live };
+
+inline std::string DescribeSource(Pace pace) {
+  return std::string("videotestsrc pattern=black is-live=") + (pace == Pace::Live ? "true" : "false") +
+         " ! capsfilter caps=video/x-raw,format=I420,width=16,height=16,framerate=60/1";
+}
+
+inline Ptr<GstElement> MakeSource(Pace pace) {
+  return Ptr<GstElement>(gst_parse_bin_from_description(DescribeSource(pace).c_str(), TRUE, nullptr));
+}
+
+/** Counts the frames that reach an output, and measures the longest time between two. */
+class Watch {
+ public:
+  explicit Watch(Ptr<GstElement> output) : output_(std::move(output)) {
+    const Ptr<GstPad> pad(gst_element_get_static_pad(output_.Get(), "sink"));
+    gst_pad_add_probe(pad.Get(), GST_PAD_PROBE_TYPE_BUFFER, OnFrame, this, nullptr);
+  }
+
+  const Ptr<GstElement>& Output() const { return output_; }
+
+  /** Waits until `count` more frames have come. */
+  void Await(std::size_t count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    awaited_ = frames_ + count;
+    condition_.wait(lock, [this] { return frames_ >= awaited_; });
+  }
+
+  /** The longest time between two frames since it was last asked for. */
+  Seconds TakeGap() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(gap_, Seconds(0));
+  }
+
+ private:
+  static GstPadProbeReturn OnFrame(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer data) {
+    auto& watch = *static_cast<Watch*>(data);
+    const std::lock_guard<std::mutex> lock(watch.mutex_);
+    const auto now = Clock::now();
+    if (watch.frames_++ > 0) {
+      watch.gap_ = std::max<Seconds>(watch.gap_, now - watch.last_);
+    }
+    watch.last_ = now;
+    if (watch.frames_ == watch.awaited_) {
+      watch.condition_.notify_one();
+    }
+    return GST_PAD_PROBE_OK;
+  }
+
+  Ptr<GstElement> output_;
+  std::mutex mutex_;
+  std::condition_variable condition_;
+  std::size_t frames_ = 0;
+  std::size_t awaited_ = 0;
+  Clock::time_point last_;
+  Seconds gap_{0};
+};
+
+inline Ptr<GstElement> MakeOutput() {
+  auto output = Make("fakesink");
+  g_object_set(output.Get(), "sync", FALSE, nullptr);
+  return output;
+}
+
+/** The pipeline of the library. */
+class Library {
+ public:
+  static constexpr auto kName = "library";
+
+  void AddFilters(const Elements& filters) { pipeline_.AddFilters(filters); }
+  void AddFilter(const Ptr<GstElement>& filter) { pipeline_.AddFilters({filter}); }
+  void EraseFilter(const Ptr<GstElement>& filter) { pipeline_.EraseFilters({filter}); }
+  void AddOutput(const Ptr<GstElement>& output) { pipeline_.AddOutputs({output}); }
+  void EraseOutput(const Ptr<GstElement>& output) { pipeline_.EraseOutputs({output}); }
+  void SetInput(const Ptr<GstElement>& input) { pipeline_.SetInput(input); }
+  void Start() { pipeline_.SetEnable(true); }
+
+ private:
+  Pipeline pipeline_{1, "library"};
+};
+
+/** The same written by hand. */
+template <ByHandExtent kExtent>
+class Hand {
+ public:
+  static constexpr auto kName = kExtent == BY_HAND_CHAIN ? "by hand, the whole chain" : "by hand, the one filter";
+
+  void AddFilters(const Elements& filters) {
+    for (const auto& filter : filters) {
+      by_hand_append(hand_.get(), filter.Ref());
+    }
+  }
+  void AddFilter(const Ptr<GstElement>& filter) { by_hand_add_filter(hand_.get(), filter.Ref(), kExtent); }
+  void EraseFilter(const Ptr<GstElement>& filter) { by_hand_erase_filter(hand_.get(), filter.Get(), kExtent); }
+  void AddOutput(const Ptr<GstElement>& output) { by_hand_add_output(hand_.get(), output.Ref()); }
+  void EraseOutput(const Ptr<GstElement>& output) { by_hand_erase_output(hand_.get(), output.Get()); }
+  void SetInput(const Ptr<GstElement>& input) { by_hand_set_source(hand_.get(), input.Ref()); }
+  void Start() { gst_element_set_state(hand_->pipeline, GST_STATE_PLAYING); }
+
+ private:
+  std::unique_ptr<ByHand, decltype(&by_hand_free)> hand_{by_hand_new(), by_hand_free};
+};
+
+}  // namespace benchmarks
+
+#endif
