@@ -148,7 +148,11 @@ Session::Session() {
   }
   if (system::environment::Get("GST_DEBUG", "").empty()) {
     gst_debug_set_default_threshold(GST_LEVEL_WARNING);
-    gst_debug_set_active(TRUE);
+    // A threshold makes it active. To activate it again would have GStreamer look at every line of every level, of
+    // which there are many a frame: nearly twice the work where elements do little themselves.
+    if (gst_debug_is_active() == FALSE) {
+      gst_debug_set_active(TRUE);
+    }
   }
   // In parentheses the functions, not the macros of the same names, which are not valid in C++.
   (gst_debug_remove_log_function)(nullptr);

@@ -67,6 +67,8 @@ TEST(Session, BringsGstreamerUpAndDown) {
   static const void* const first = MoxGstreamerSessionCreate();  // never released
   ASSERT_TRUE(first != nullptr && gst_is_initialized() && gst_debug_is_active());
   EXPECT_EQ(gst_debug_get_default_threshold(), GST_LEVEL_WARNING);
+  // What is compared first, inline, at each of the many lines a frame.
+  EXPECT_EQ(_gst_debug_min, GST_LEVEL_WARNING);
   EXPECT_THAT(without_plugins.GetLines(),
               ElementsAre("info mox.gstreamer.session: NVIDIA plugin not loaded, using CPU decoding"));
 
