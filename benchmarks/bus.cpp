@@ -1,5 +1,6 @@
 #include "mox/gstreamer/bus.h"
 
+#include "benchmarks/clock.h"
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/type/binding.h"
 
@@ -14,16 +15,15 @@
 namespace benchmarks {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using mox::gstreamer::Ptr;
 
 /** What the callback has seen. */
 struct Seen {
-  Clock::time_point last;
+  double last = 0;
   std::atomic<std::size_t> count = 0;
 
   void OnMessage() {
-    last = Clock::now();
+    last = Now();
     ++count;
   }
 
@@ -36,7 +36,8 @@ struct Seen {
 class Library {
  public:
   Library(const Ptr<GstBus>& bus, Seen& seen)
-      : bus_(bus), binding_(bus_.Bind(GST_MESSAGE_APPLICATION, [&seen](const GstMessage&) { seen.OnMessage(); })) {}
+      : bus_(bus),
+        binding_(bus_.Bind(GST_MESSAGE_DURATION_CHANGED, [&seen](const GstMessage&) { seen.OnMessage(); })) {}
 
  private:
   mox::gstreamer::Bus bus_;
@@ -57,7 +58,8 @@ class BareLoop {
  private:
   void Run(Seen& seen) {
     while (!stop_) {
-      GstMessage* const message = gst_bus_timed_pop_filtered(bus_.Get(), 500 * GST_MSECOND, GST_MESSAGE_APPLICATION);
+      GstMessage* const message =
+          gst_bus_timed_pop_filtered(bus_.Get(), 500 * GST_MSECOND, GST_MESSAGE_DURATION_CHANGED);
       if (message != nullptr) {
         seen.OnMessage();
         gst_message_unref(message);
@@ -100,7 +102,7 @@ class MainLoop {
 };
 
 void Post(const Ptr<GstBus>& bus) {
-  gst_bus_post(bus.Get(), gst_message_new_application(nullptr, nullptr));
+  gst_bus_post(bus.Get(), gst_message_new_duration_changed(nullptr));
 }
 
 /** From the post to the callback, with the reader waiting. */
@@ -114,29 +116,30 @@ void Latency(benchmark::State& state) {
   for (std::size_t messages = 2; state.KeepRunning(); ++messages) {
     // The reader is to be waiting again.
     std::this_thread::sleep_for(std::chrono::microseconds(100));
-    const auto posted = Clock::now();
+    const double posted = Now();
     Post(bus);
     seen.Await(messages);
-    state.SetIterationTime(std::chrono::duration<double>(seen.last - posted).count());
+    state.SetIterationTime(seen.last - posted);
   }
 }
 
 /** A million messages that lie on the bus when the reader starts. */
 template <typename Reader>
 void Backlog(benchmark::State& state) {
-  constexpr benchmark::IterationCount kMessages = 1'000'000;
-  while (state.KeepRunningBatch(kMessages)) {
+  constexpr std::size_t kMessages = 1'000'000;
+  for ([[maybe_unused]] auto _ : state) {
     const Ptr<GstBus> bus(gst_bus_new());
-    for (benchmark::IterationCount i = 0; i < kMessages; ++i) {
+    for (std::size_t i = 0; i < kMessages; ++i) {
       Post(bus);
     }
     Seen seen;
-    const auto begin = Clock::now();
+    const Times begin = Times::Current();
     const Reader reader(bus, seen);
     while (seen.count < kMessages) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    state.SetIterationTime(std::chrono::duration<double>(seen.last - begin).count());
+    state.SetIterationTime((seen.last - begin.wall) / kMessages);
+    state.counters["CPU"] = Times::Current().Since(begin).cpu / kMessages;
   }
 }
 

@@ -1,6 +1,6 @@
+#include "benchmarks/clock.h"
 #include "mox/gstreamer/check/ptr.h"
 
-#include <chrono>
 #include <cstddef>
 #include <new>
 #include <string>
@@ -58,11 +58,11 @@ enum Step { kCopy, kMove, kDestroy };
 
 template <typename Function>
 double Time(const Function& function) {
-  const auto begin = std::chrono::steady_clock::now();
+  const double begin = Now(CLOCK_THREAD_CPUTIME_ID);
   for (std::size_t i = 0; i < kHandles; ++i) {
     function(i);
   }
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  return Now(CLOCK_THREAD_CPUTIME_ID) - begin;
 }
 
 /** Copies, moves and destroys, and tells how long one of the three takes. */

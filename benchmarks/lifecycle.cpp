@@ -13,9 +13,9 @@ template <typename Subject>
 void Create(benchmark::State& state) {
   for ([[maybe_unused]] auto _ : state) {
     std::optional<Subject> subject;
-    const auto begin = Clock::now();
+    const double begin = Now();
     subject.emplace();
-    state.SetIterationTime(Seconds(Clock::now() - begin).count());
+    state.SetIterationTime(Now() - begin);
   }
 }
 
@@ -24,9 +24,9 @@ void Destroy(benchmark::State& state) {
   for ([[maybe_unused]] auto _ : state) {
     std::optional<Subject> subject;
     subject.emplace();
-    const auto begin = Clock::now();
+    const double begin = Now();
     subject.reset();
-    state.SetIterationTime(Seconds(Clock::now() - begin).count());
+    state.SetIterationTime(Now() - begin);
   }
 }
 
@@ -39,10 +39,10 @@ void DestroyPlaying(benchmark::State& state) {
     subject->SetInput(MakeSource(Pace::Live));
     subject->AddOutput(watch.Output());
     subject->Start();
-    watch.Await(1);
-    const auto begin = Clock::now();
+    watch.Await(watch.Frames() + 1);
+    const double begin = Now();
     subject.reset();
-    state.SetIterationTime(Seconds(Clock::now() - begin).count());
+    state.SetIterationTime(Now() - begin);
   }
 }
 

@@ -1,14 +1,11 @@
 #include "mox/gstreamer/session.h"
 
-#include <chrono>
+#include "benchmarks/child.h"
 
 #include <benchmark/benchmark.h>
 #include <gst/gst.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-// The start of GStreamer, once a process: each is one of its own, forked before GStreamer is there.
+// The start of GStreamer.
 namespace benchmarks {
 namespace {
 
@@ -42,26 +39,12 @@ void Bare() {
 
 void Start(benchmark::State& state, void (*start)()) {
   for ([[maybe_unused]] auto _ : state) {
-    int ends[2];
-    double seconds = 0;
-    if (pipe(ends) != 0) {
-      state.SkipWithError("no pipe");
-      break;
-    }
-    const pid_t child = fork();
-    if (child == 0) {
-      const auto begin = std::chrono::steady_clock::now();
+    const Times taken = InChild([&] {
+      const Times begin = Times::Current();
       start();
-      seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-      _exit(write(ends[1], &seconds, sizeof(seconds)) == sizeof(seconds) ? 0 : 1);
-    }
-    close(ends[1]);
-    if (child < 0 || read(ends[0], &seconds, sizeof(seconds)) != sizeof(seconds)) {
-      state.SkipWithError("no answer from the child");
-    }
-    close(ends[0]);
-    waitpid(child, nullptr, 0);
-    state.SetIterationTime(seconds);
+      return Times::Current().Since(begin);
+    });
+    state.SetIterationTime(taken.wall);
   }
 }
 

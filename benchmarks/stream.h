@@ -2,17 +2,18 @@
 #define BENCHMARKS_STREAM_H
 
 #include "benchmarks/by_hand.h"
+#include "benchmarks/clock.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/pipeline.h"
 
 #include <algorithm>
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gst/gst.h>
@@ -20,8 +21,6 @@
 // Sources, watched outputs, and one pipeline made in two ways.
 namespace benchmarks {
 
-using Clock = std::chrono::steady_clock;
-using Seconds = std::chrono::duration<double>;
 using mox::gstreamer::Pipeline;
 using mox::gstreamer::Ptr;
 using Elements = std::vector<Ptr<GstElement>>;
@@ -58,26 +57,31 @@ class Watch {
 
   const Ptr<GstElement>& Output() const { return output_; }
 
-  /** Waits until `count` more frames have come. */
-  void Await(std::size_t count) {
+  std::size_t Frames() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return frames_;
+  }
+
+  /** Waits until there have been so many frames in all. */
+  void Await(std::size_t frames) {
     std::unique_lock<std::mutex> lock(mutex_);
-    awaited_ = frames_ + count;
+    awaited_ = frames;
     condition_.wait(lock, [this] { return frames_ >= awaited_; });
   }
 
-  /** The longest time between two frames since it was last asked for. */
-  Seconds TakeGap() {
+  /** The longest time in seconds between two frames since it was last asked for. */
+  double TakeGap() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return std::exchange(gap_, Seconds(0));
+    return std::exchange(gap_, 0);
   }
 
  private:
   static GstPadProbeReturn OnFrame(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer data) {
     auto& watch = *static_cast<Watch*>(data);
     const std::lock_guard<std::mutex> lock(watch.mutex_);
-    const auto now = Clock::now();
+    const double now = Now();
     if (watch.frames_++ > 0) {
-      watch.gap_ = std::max<Seconds>(watch.gap_, now - watch.last_);
+      watch.gap_ = std::max(watch.gap_, now - watch.last_);
     }
     watch.last_ = now;
     if (watch.frames_ == watch.awaited_) {
@@ -91,8 +95,8 @@ class Watch {
   std::condition_variable condition_;
   std::size_t frames_ = 0;
   std::size_t awaited_ = 0;
-  Clock::time_point last_;
-  Seconds gap_{0};
+  double last_ = 0;
+  double gap_ = 0;
 };
 
 inline Ptr<GstElement> MakeOutput() {

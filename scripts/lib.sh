@@ -10,6 +10,7 @@ build_packages=(
   libboost-filesystem1.81-dev libboost-system1.81-dev libgtest-dev libgmock-dev doxygen
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-tools
 )
+benchmark_packages=(libbenchmark-dev libspdlog-dev libgstreamermm-1.0-dev python3)
 
 say() { printf '\n== %s\n' "$*"; }
 
