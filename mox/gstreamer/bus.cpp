@@ -71,22 +71,22 @@ class Bus::Impl {
 
  private:
   void BusThreadRun() {
+    std::uint32_t mask = 0;
     while (!stop_) {
+      Ptr<GstMessage> message;
+      if (mask != 0) {
+        message = Ptr<GstMessage>(gst_bus_timed_pop_filtered(bus_.Get(), static_cast<GstClockTime>(kSlice.count()),
+                                                             static_cast<GstMessageType>(mask)));
+      }
+      // Locked once a message: to hand it on and to see what is to be read next.
       std::unique_lock<std::mutex> lock(mutex_);
-      const auto mask = static_cast<GstMessageType>(mask_);
-      if (mask == 0) {
+      if (message) {
+        callbacks_(*message);
+      } else if (mask_ == 0 && !stop_) {
         wake_ = false;
         condition_.wait_for(lock, kSlice, [this] { return wake_; });
-        continue;
       }
-      lock.unlock();
-      const Ptr<GstMessage> message(
-          gst_bus_timed_pop_filtered(bus_.Get(), static_cast<GstClockTime>(kSlice.count()), mask));
-      if (message) {
-        lock.lock();
-        callbacks_(*message);
-        lock.unlock();
-      }
+      mask = mask_;
     }
   }
 
