@@ -38,24 +38,24 @@ static GstElement* make(const char* factory, GstElement* pipeline) {
 
 ByHand* by_hand_new(void) {
   ByHand* const hand = g_new0(ByHand, 1);
-  hand->pipeline = gst_pipeline_new(NULL);
-  hand->converter = make("videoconvert", hand->pipeline);
-  hand->tee = make("tee", hand->pipeline);
+  hand->bin = gst_pipeline_new(NULL);
+  hand->converter = make("videoconvert", hand->bin);
+  hand->tee = make("tee", hand->bin);
   g_object_set(hand->tee, "allow-not-linked", TRUE, NULL);
   check(gst_element_link(hand->converter, hand->tee), "linking");
   return hand;
 }
 
 void by_hand_free(ByHand* hand) {
-  gst_element_set_state(hand->pipeline, GST_STATE_NULL);
+  gst_element_set_state(hand->bin, GST_STATE_NULL);
   g_list_free_full(hand->filters, gst_object_unref);
-  gst_object_unref(hand->pipeline);
+  gst_object_unref(hand->bin);
   g_free(hand);
 }
 
 /* The neighbours `upstream` and `downstream` stay; `old` between them becomes `fresh`. */
 typedef struct {
-  GstElement* pipeline;
+  GstElement* bin;
   GstElement* upstream;
   GstElement* downstream;
   GList* old;
@@ -96,11 +96,11 @@ static void swap_chains(Swap* swap) {
   }
   gst_element_unlink(previous, swap->downstream);
   for (GList* i = swap->old; i != NULL; i = i->next) {
-    gst_bin_remove(GST_BIN(swap->pipeline), i->data);
+    gst_bin_remove(GST_BIN(swap->bin), i->data);
   }
   previous = swap->upstream;
   for (GList* i = swap->fresh; i != NULL; i = i->next) {
-    check(gst_bin_add(GST_BIN(swap->pipeline), i->data), "adding");
+    check(gst_bin_add(GST_BIN(swap->bin), i->data), "adding");
     if (i != swap->fresh) {
       check(gst_element_link(previous, i->data), "linking");
     }
@@ -115,15 +115,19 @@ static void swap_chains(Swap* swap) {
   }
 }
 
-static GstElement* last_of(ByHand* hand) {
-  return hand->filters != NULL ? g_list_last(hand->filters)->data : hand->converter;
+static Swap whole_chain(ByHand* hand, GList* fresh) {
+  const Swap swap = {
+      .bin = hand->bin, .upstream = hand->converter, .downstream = hand->tee, .old = hand->filters, .fresh = fresh};
+  return swap;
 }
 
-void by_hand_append(ByHand* hand, GstElement* filter) {
-  GList only = {gst_object_ref_sink(filter), NULL, NULL};
-  Swap swap = {.pipeline = hand->pipeline, .upstream = last_of(hand), .downstream = hand->tee, .fresh = &only};
+void by_hand_set_filters(ByHand* hand, GList* filters) {
+  Swap swap = whole_chain(hand, filters);
+  for (GList* i = filters; i != NULL; i = i->next) {
+    gst_object_ref_sink(i->data);
+  }
   swap_chains(&swap);
-  hand->filters = g_list_append(hand->filters, filter);
+  hand->filters = filters;
 }
 
 /* On the streaming thread, which holds the next frame or event. The swap is made here rather than where the EOS comes
@@ -150,20 +154,11 @@ static void run(Swap* swap) {
   gst_object_unref(held);
 }
 
-static Swap whole_chain(ByHand* hand, GList* fresh) {
-  const Swap swap = {.pipeline = hand->pipeline,
-                     .upstream = hand->converter,
-                     .downstream = hand->tee,
-                     .old = hand->filters,
-                     .fresh = fresh};
-  return swap;
-}
-
 void by_hand_add_filter(ByHand* hand, GstElement* filter, ByHandExtent extent) {
   GList* const whole = g_list_append(g_list_copy(hand->filters), gst_object_ref_sink(filter));
   Swap swap = whole_chain(hand, whole);
   if (extent == BY_HAND_FILTER) {
-    swap.upstream = last_of(hand);
+    swap.upstream = hand->filters != NULL ? g_list_last(hand->filters)->data : hand->converter;
     swap.old = NULL;
     swap.fresh = g_list_last(whole);
   }
@@ -217,11 +212,11 @@ static GstPadProbeReturn on_part(GstPad* pad, GstPadProbeInfo* info, gpointer da
 }
 
 void by_hand_add_output(ByHand* hand, GstElement* output) {
-  GstElement* const queue = make("queue", hand->pipeline);
+  GstElement* const queue = make("queue", hand->bin);
   Branch branch = {.tee = hand->tee, .sink = gst_element_get_static_pad(queue, "sink")};
   GstPad* const sink = gst_element_get_static_pad(hand->tee, "sink");
   GstPad* const entrance = gst_pad_get_peer(sink);
-  check(gst_bin_add(GST_BIN(hand->pipeline), output) && gst_element_link(queue, output), "linking");
+  check(gst_bin_add(GST_BIN(hand->bin), output) && gst_element_link(queue, output), "linking");
   /* A sink that waits for its first frame would take the whole pipeline back to PAUSED. */
   g_object_set(output, "async", FALSE, NULL);
   check(gst_element_sync_state_with_parent(output) && gst_element_sync_state_with_parent(queue), "starting");
@@ -242,7 +237,7 @@ void by_hand_erase_output(ByHand* hand, GstElement* output) {
   event_wait(&branch.finished);
   gst_element_set_state(output, GST_STATE_NULL);
   gst_element_set_state(queue, GST_STATE_NULL);
-  gst_bin_remove_many(GST_BIN(hand->pipeline), queue, output, NULL);
+  gst_bin_remove_many(GST_BIN(hand->bin), queue, output, NULL);
   gst_object_unref(src);
   gst_object_unref(branch.sink);
   gst_object_unref(queue);
@@ -251,12 +246,12 @@ void by_hand_erase_output(ByHand* hand, GstElement* output) {
 }
 
 void by_hand_set_source(ByHand* hand, GstElement* source) {
-  const GstState state = GST_STATE_TARGET(hand->pipeline);
-  gst_element_set_state(hand->pipeline, GST_STATE_NULL);
+  const GstState state = GST_STATE_TARGET(hand->bin);
+  gst_element_set_state(hand->bin, GST_STATE_NULL);
   if (hand->source != NULL) {
-    gst_bin_remove(GST_BIN(hand->pipeline), hand->source);
+    gst_bin_remove(GST_BIN(hand->bin), hand->source);
   }
   hand->source = source;
-  check(gst_bin_add(GST_BIN(hand->pipeline), source) && gst_element_link(source, hand->converter), "linking");
-  gst_element_set_state(hand->pipeline, state);
+  check(gst_bin_add(GST_BIN(hand->bin), source) && gst_element_link(source, hand->converter), "linking");
+  gst_element_set_state(hand->bin, state);
 }

@@ -5,8 +5,8 @@
 
 /*
  * What the library does, written by hand in C as GStreamer's manual advises, and with care: a stream that is changed
- * goes on, loses no frame and shows no end-of-stream. It takes filters for granted that need no format of their own and
- * changes that do not fail.
+ * goes on, loses no frame and shows no end-of-stream. It takes for granted that filters need no format of their own and
+ * that nothing fails.
  *
  *   source -> videoconvert -> filters -> tee -> for each output, a queue -> the output
  */
@@ -16,7 +16,7 @@ extern "C" {
 #endif
 
 typedef struct {
-  GstElement* pipeline;
+  GstElement* bin; /* the pipeline, or a bin in one with what is between `converter` and `tee` */
   GstElement* source;
   GstElement* converter;
   GList* filters; /* upstream first, with a reference each */
@@ -30,8 +30,8 @@ typedef enum { BY_HAND_FILTER, BY_HAND_CHAIN } ByHandExtent;
 ByHand* by_hand_new(void);
 void by_hand_free(ByHand* hand);
 
-/* Appends a filter to a stopped pipeline. */
-void by_hand_append(ByHand* hand, GstElement* filter);
+/* Gives a stopped pipeline its first filters; takes over the list, and a reference to each. */
+void by_hand_set_filters(ByHand* hand, GList* filters);
 
 /* While data flows: hold it, drain what is to go, swap, release. Append a filter, or take one out. */
 void by_hand_add_filter(ByHand* hand, GstElement* filter, ByHandExtent extent);

@@ -95,51 +95,47 @@ void SetInput(benchmark::State& state) {
   playing.Report(state, true);
 }
 
-using Chain = Hand<BY_HAND_CHAIN>;
-using Filter = Hand<BY_HAND_FILTER>;
-
-void Chains(benchmark::internal::Benchmark* benchmark) {
-  benchmark->ArgName("chain")->Arg(1)->Arg(8)->Arg(64)->Arg(256)->Iterations(20)->UseManualTime();
+/** A benchmark of few rounds, each of which takes some frames. */
+template <typename Function>
+auto* Register(const std::string& what, const std::string& subject, Function* function) {
+  return benchmark::RegisterBenchmark((what + "/" + subject).c_str(), function)->Iterations(20)->UseManualTime();
 }
 
-void Once(benchmark::internal::Benchmark* benchmark) {
-  benchmark->Iterations(20)->UseManualTime();
+template <typename Subject>
+void RegisterFilterChange(const std::string& subject, int chain) {
+  Register("a filter change at 60 frames a second", subject, FilterChange<Subject, Pace::Live>)
+      ->ArgName("chain")
+      ->Arg(chain);
+  Register("a filter change at full speed", subject, FilterChange<Subject, Pace::Unthrottled>)
+      ->ArgName("chain")
+      ->Arg(chain);
 }
 
-BENCHMARK_TEMPLATE(FilterChange, Library, Pace::Live)
-    ->Name("a filter change at 60 frames a second/library")
-    ->Apply(Chains);
-BENCHMARK_TEMPLATE(FilterChange, Chain, Pace::Live)
-    ->Name("a filter change at 60 frames a second/by hand, the whole chain")
-    ->Apply(Chains);
-BENCHMARK_TEMPLATE(FilterChange, Filter, Pace::Live)
-    ->Name("a filter change at 60 frames a second/by hand, the filter alone")
-    ->Apply(Chains);
-BENCHMARK_TEMPLATE(FilterChange, Library, Pace::Unthrottled)
-    ->Name("a filter change at full speed/library")
-    ->Apply(Chains);
-BENCHMARK_TEMPLATE(FilterChange, Chain, Pace::Unthrottled)
-    ->Name("a filter change at full speed/by hand, the whole chain")
-    ->Apply(Chains);
-BENCHMARK_TEMPLATE(FilterChange, Filter, Pace::Unthrottled)
-    ->Name("a filter change at full speed/by hand, the filter alone")
-    ->Apply(Chains);
+template <typename Subject>
+void RegisterOthers(const std::string& subject) {
+  Register("attaching an output", subject, AddOutput<Subject>);
+  Register("detaching an output", subject, EraseOutput<Subject>);
+  Register("exchanging the input", subject, SetInput<Subject>);
+}
 
-BENCHMARK_TEMPLATE(AddOutput, Library)->Name("attaching an output/library")->Apply(Once);
-BENCHMARK_TEMPLATE(AddOutput, Chain)->Name("attaching an output/by hand")->Apply(Once);
-BENCHMARK_TEMPLATE(EraseOutput, Library)->Name("detaching an output/library")->Apply(Once);
-BENCHMARK_TEMPLATE(EraseOutput, Chain)->Name("detaching an output/by hand")->Apply(Once);
-BENCHMARK_TEMPLATE(SetInput, Library)->Name("exchanging the input/library")->Apply(Once);
-BENCHMARK_TEMPLATE(SetInput, Chain)->Name("exchanging the input/by hand")->Apply(Once);
-
-BENCHMARK_TEMPLATE(FilterChange, Library, Pace::Unthrottled)
-    ->Name("a filter change as the chain grows/library")
-    ->ArgName("chain")
-    ->RangeMultiplier(4)
-    ->Range(4, 1000)
-    ->Iterations(4)
-    ->UseManualTime()
-    ->Complexity();
+const bool registered = [] {
+  for (const int chain : {1, 8, 64, 256}) {
+    RegisterFilterChange<Library>("library", chain);
+    RegisterFilterChange<Hand<BY_HAND_CHAIN>>("by hand, the whole chain", chain);
+    RegisterFilterChange<Hand<BY_HAND_FILTER>>("by hand, the one filter", chain);
+    RegisterFilterChange<HandInBins>("by hand, in the same bins", chain);
+  }
+  RegisterOthers<Library>("library");
+  RegisterOthers<Hand<BY_HAND_CHAIN>>("by hand");
+  benchmark::RegisterBenchmark("a filter change as the chain grows/library", FilterChange<Library, Pace::Unthrottled>)
+      ->ArgName("chain")
+      ->RangeMultiplier(4)
+      ->Range(4, 1000)
+      ->Iterations(4)
+      ->UseManualTime()
+      ->Complexity();
+  return true;
+}();
 
 }  // namespace
 }  // namespace benchmarks

@@ -21,7 +21,6 @@
 // Sources, watched outputs, and one pipeline made in two ways.
 namespace benchmarks {
 
-using mox::gstreamer::Pipeline;
 using mox::gstreamer::Ptr;
 using Elements = std::vector<Ptr<GstElement>>;
 
@@ -108,40 +107,56 @@ inline Ptr<GstElement> MakeOutput() {
 /** The pipeline of the library. */
 class Library {
  public:
-  static constexpr auto kName = "library";
+  void AddFilters(const Elements& filters) { pipeline.AddFilters(filters); }
+  void AddFilter(const Ptr<GstElement>& filter) { pipeline.AddFilters({filter}); }
+  void EraseFilter(const Ptr<GstElement>& filter) { pipeline.EraseFilters({filter}); }
+  void AddOutput(const Ptr<GstElement>& output) { pipeline.AddOutputs({output}); }
+  void EraseOutput(const Ptr<GstElement>& output) { pipeline.EraseOutputs({output}); }
+  void SetInput(const Ptr<GstElement>& input) { pipeline.SetInput(input); }
+  void Start() { pipeline.SetEnable(true); }
 
-  void AddFilters(const Elements& filters) { pipeline_.AddFilters(filters); }
-  void AddFilter(const Ptr<GstElement>& filter) { pipeline_.AddFilters({filter}); }
-  void EraseFilter(const Ptr<GstElement>& filter) { pipeline_.EraseFilters({filter}); }
-  void AddOutput(const Ptr<GstElement>& output) { pipeline_.AddOutputs({output}); }
-  void EraseOutput(const Ptr<GstElement>& output) { pipeline_.EraseOutputs({output}); }
-  void SetInput(const Ptr<GstElement>& input) { pipeline_.SetInput(input); }
-  void Start() { pipeline_.SetEnable(true); }
-
- private:
-  Pipeline pipeline_{1, "library"};
+ protected:
+  mox::gstreamer::Pipeline pipeline{1, "library"};
 };
+
+inline void SetFilters(ByHand& hand, const Elements& filters) {
+  GList* list = nullptr;
+  std::for_each(filters.rbegin(), filters.rend(),
+                [&](const auto& filter) { list = g_list_prepend(list, filter.Ref()); });
+  by_hand_set_filters(&hand, list);
+}
 
 /** The same written by hand. */
 template <ByHandExtent kExtent>
 class Hand {
  public:
-  static constexpr auto kName = kExtent == BY_HAND_CHAIN ? "by hand, the whole chain" : "by hand, the one filter";
-
-  void AddFilters(const Elements& filters) {
-    for (const auto& filter : filters) {
-      by_hand_append(hand_.get(), filter.Ref());
-    }
-  }
+  void AddFilters(const Elements& filters) { SetFilters(*hand_, filters); }
   void AddFilter(const Ptr<GstElement>& filter) { by_hand_add_filter(hand_.get(), filter.Ref(), kExtent); }
   void EraseFilter(const Ptr<GstElement>& filter) { by_hand_erase_filter(hand_.get(), filter.Get(), kExtent); }
   void AddOutput(const Ptr<GstElement>& output) { by_hand_add_output(hand_.get(), output.Ref()); }
   void EraseOutput(const Ptr<GstElement>& output) { by_hand_erase_output(hand_.get(), output.Get()); }
   void SetInput(const Ptr<GstElement>& input) { by_hand_set_source(hand_.get(), input.Ref()); }
-  void Start() { gst_element_set_state(hand_->pipeline, GST_STATE_PLAYING); }
+  void Start() { gst_element_set_state(hand_->bin, GST_STATE_PLAYING); }
 
  private:
   std::unique_ptr<ByHand, decltype(&by_hand_free)> hand_{by_hand_new(), by_hand_free};
+};
+
+/** The pipeline of the library with its filters changed by hand, between the fixed ends of the filter bin. */
+class HandInBins : public Library {
+ public:
+  ~HandInBins() { g_list_free_full(hand_.filters, gst_object_unref); }
+
+  void AddFilters(const Elements& filters) { SetFilters(hand_, filters); }
+  void AddFilter(const Ptr<GstElement>& filter) { by_hand_add_filter(&hand_, filter.Ref(), BY_HAND_CHAIN); }
+  void EraseFilter(const Ptr<GstElement>& filter) { by_hand_erase_filter(&hand_, filter.Get(), BY_HAND_CHAIN); }
+
+ private:
+  GstElement* Find(const char* name) {
+    return Ptr<GstElement>(gst_bin_get_by_name(GST_BIN(&pipeline.Get()), name)).Get();  // the pipeline owns it
+  }
+
+  ByHand hand_{Find("filter_bin"), nullptr, Find("sink_filter"), nullptr, Find("source_filter")};
 };
 
 }  // namespace benchmarks
