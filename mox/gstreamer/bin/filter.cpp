@@ -65,9 +65,8 @@ void UnsetFilters(GstBin& filterBin, const Filters& filters) {
   check::bin::RemoveElement(filterBin, *filters.back(), kBinError);
 }
 
-bool IsClosed(GstBin& filterBin) {
-  const auto source = check::element::GetPad(*GetEnd(filterBin, kSinkFilter), "src", kElementError);
-  return gst_pad_is_linked(source.Get()) != FALSE;
+bool IsClosed(GstElement& sinkFilter) {
+  return gst_pad_is_linked(check::element::GetPad(sinkFilter, "src", kElementError).Get()) != FALSE;
 }
 
 }  // namespace
@@ -91,7 +90,7 @@ void Initialize(GstBin& filterBin) {
 Filters GetFilters(GstBin& filterBin) {
   const auto sink_filter = GetEnd(filterBin, kSinkFilter);
   const auto source_filter = GetEnd(filterBin, kSourceFilter);
-  if (!IsClosed(filterBin)) {
+  if (!IsClosed(*sink_filter)) {
     return {};
   }
   Filters filters;
@@ -182,17 +181,15 @@ class Drain {
 
 // Sends an EOS through the filter bin and catches it behind the last of the data, which may be on a filter's own
 // thread.
-void DrainFilterBin(GstElement& filterBin) {
-  const auto source = check::element::GetPad(filterBin, "src", kElementError);
-  const auto sink = check::element::GetPad(filterBin, "sink", kElementError);
+void DrainFilterBin(GstPad& sink, GstPad& source) {
   // Without a segment no frame has come: there is none to drain, and some filters keep an EOS then.
-  if (!Ptr<GstEvent>(gst_pad_get_sticky_event(sink.Get(), GST_EVENT_SEGMENT, 0))) {
+  if (!Ptr<GstEvent>(gst_pad_get_sticky_event(&sink, GST_EVENT_SEGMENT, 0))) {
     return;
   }
-  Drain drain(*source);
+  Drain drain(source);
   const auto eos = check::event::MakeEos("Event Error: ");
   // A chain that refuses the EOS, being open or dead, has nothing left to drain and would keep us waiting for ever.
-  if (gst_pad_send_event(sink.Get(), eos.Ref()) != FALSE || drain.IsCaught()) {
+  if (gst_pad_send_event(&sink, eos.Ref()) != FALSE || drain.IsCaught()) {
     drain.Wait();
   }
 }
@@ -237,7 +234,7 @@ void ChangeDrained(GstBin& filterBin, const Change& change, const Filters& filte
     };
     // A refused change that closed the chain itself stands; any other gives way to the chain that ran before.
     attempt([&] {
-      if (!changing || !IsClosed(filterBin)) {
+      if (!changing || !IsClosed(*GetEnd(filterBin, kSinkFilter))) {
         Restore(filterBin, before, filters);
       }
     });
@@ -263,7 +260,7 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
       return GST_PAD_PROBE_OK;
     }
     try {
-      DrainFilterBin(*GST_ELEMENT(&filterBin));
+      DrainFilterBin(*sink, *source);
       ChangeDrained(filterBin, change, filters, before);
     } catch (...) {
       error = std::current_exception();
