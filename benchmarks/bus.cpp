@@ -1,6 +1,6 @@
 #include "mox/gstreamer/bus.h"
 
-#include "benchmarks/child.h"
+#include "benchmarks/times.h"
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/type/binding.h"
 
@@ -123,7 +123,8 @@ void Latency(benchmark::State& state) {
   }
 }
 
-/** A million messages that lie on the bus when the reader starts. In a process of its own, with a heap that is fresh. */
+/** A million messages that lie on the bus when the reader starts. In a process of its own, with a heap that is fresh.
+ */
 template <typename Reader>
 void Backlog(benchmark::State& state) {
   constexpr std::size_t kMessages = 1'000'000;

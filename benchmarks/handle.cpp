@@ -1,4 +1,4 @@
-#include "benchmarks/clock.h"
+#include "benchmarks/times.h"
 #include "mox/gstreamer/check/ptr.h"
 
 #include <cstddef>

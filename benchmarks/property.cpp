@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 #include <tuple>
-#include <type_traits>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -51,63 +51,41 @@ constexpr std::array kNames{"a boolean", "a char",   "an unsigned char", "an int
                             "an int64",  "a uint64", "a float",          "a double", "a string"};
 constexpr std::size_t kKinds = std::tuple_size_v<Kinds>;
 
-/** Properties of every kind in turn, beginning with the first; all have the value 0. */
-template <std::size_t kFirst>
-class Properties {
+/** Properties of each kind in turn, beginning with the first. */
+class Library {
  public:
-  explicit Properties(std::size_t count) {
+  Library(std::size_t first, std::size_t count) { Make(first, count, std::make_index_sequence<kKinds>()); }
+
+  void Install(GObjectClass* klass) { binder_.InstallProperties(klass); }
+  void Set(guint id, const GValue* value, GParamSpec* spec) noexcept { binder_.SetProperty(id, value, spec); }
+  void Get(guint id, GValue* value, GParamSpec* spec) noexcept { binder_.GetProperty(id, value, spec); }
+
+ private:
+  template <std::size_t... kKind>
+  void Make(std::size_t first, std::size_t count, std::index_sequence<kKind...> /*kinds*/) {
     for (std::size_t i = 0; i < count; ++i) {
       const auto name = "property-" + std::to_string(i);
-      kMake[(kFirst + i) % kKinds](properties_, name);
-      binder.Bind(*properties_.back());
+      ((kKind == (first + i) % kKinds ? Add<typename std::tuple_element_t<kKind, Kinds>::Bound>(name) : void()), ...);
     }
   }
 
-  Binder binder;
-
- private:
-  using Owned = std::vector<std::unique_ptr<Property>>;
-
-  template <std::size_t... kIndex>
-  static constexpr auto Makers(std::index_sequence<kIndex...> /*kinds*/) {
-    return std::array{+[](Owned& properties, const std::string& name) {
-      using T = typename std::tuple_element_t<kIndex, Kinds>::Bound;
-      properties.push_back(std::make_unique<Primitive<T>>(name, name, name, T()));
-    }...};
+  template <typename T>
+  void Add(const std::string& name) {
+    binder_.Bind(*properties_.emplace_back(std::make_unique<Primitive<T>>(name, name, name, T())));
   }
 
-  static constexpr auto kMake = Makers(std::make_index_sequence<kKinds>());
-  Owned properties_;
-};
-
-/** What the binder does for an element, as an element calls it. */
-template <std::size_t kFirst>
-struct Library {
-  static constexpr auto kName = "library";
-
-  explicit Library(std::size_t count) : properties(count) {}
-  void Set(guint id, const GValue* value, GParamSpec* spec) noexcept try {
-    properties.binder.SetProperty(id, value, spec);
-  } catch (...) {
-    g_warning("refused");
-  }
-  void Get(guint id, GValue* value, GParamSpec* spec) noexcept try {
-    properties.binder.GetProperty(id, value, spec);
-  } catch (...) {
-    g_warning("refused");
-  }
-
-  Properties<kFirst> properties;
+  std::vector<std::unique_ptr<Property>> properties_;
+  Binder binder_;
 };
 
 /** What one would write by hand, under a lock as elements of GStreamer do. */
-template <std::size_t kFirst>
 class Switch {
  public:
-  static constexpr auto kName = "switch by hand";
+  Switch(std::size_t first, std::size_t count) : first_(static_cast<guint>(first)), count_(count) {
+    g_mutex_init(&mutex_);
+  }
 
-  explicit Switch(std::size_t /*count*/) { g_mutex_init(&mutex_); }
-
+  void Install(GObjectClass* klass) { Library(first_, count_).Install(klass); }
   void Set(guint id, const GValue* value, GParamSpec* /*spec*/) {
     g_mutex_lock(&mutex_);
     Visit(id, [&](auto kind, auto& stored) { kind.Store(stored, value); });
@@ -120,34 +98,29 @@ class Switch {
   }
 
  private:
+  template <typename... Kind>
+  static std::tuple<std::array<typename Kind::Stored, 10>...> Store(std::tuple<Kind...>);
+
   template <typename Function>
   void Visit(guint id, const Function& function) {
-    switch (id) {
-#define ONE(number)                                                           \
-  case (number) + 1:                                                          \
-    function(std::tuple_element_t<(kFirst + (number)) % kKinds, Kinds>(),     \
-             std::get<(kFirst + (number)) % kKinds>(stored_)[(number) / 10]); \
-    break;
-#define TEN(number) \
-  ONE((number))     \
-  ONE((number) + 1) \
-  ONE((number) + 2) \
-  ONE((number) + 3) \
-  ONE((number) + 4) ONE((number) + 5) ONE((number) + 6) ONE((number) + 7) ONE((number) + 8) ONE((number) + 9)
-      TEN(0)
-      TEN(10) TEN(20) TEN(30) TEN(40) TEN(50) TEN(60) TEN(70) TEN(80) TEN(90) default : g_warning("no such property");
+    // clang-format off
+#define ONE(number) \
+    case (number) + 1: \
+      function(std::tuple_element_t<(number) % 10, Kinds>(), std::get<(number) % 10>(stored_)[(number) / 10]); \
+      break;
+#define TEN(number) ONE(number) ONE(number + 1) ONE(number + 2) ONE(number + 3) ONE(number + 4) \
+    ONE(number + 5) ONE(number + 6) ONE(number + 7) ONE(number + 8) ONE(number + 9)
+    switch (id + first_) {
+      TEN(0) TEN(10) TEN(20) TEN(30) TEN(40) TEN(50) TEN(60) TEN(70) TEN(80) TEN(90)
+      default: g_warning("no such property");
     }
+    // clang-format on
   }
 
-  template <typename>
-  struct Store;
-  template <typename... Kind>
-  struct Store<std::tuple<Kind...>> {
-    using Type = std::tuple<std::array<typename Kind::Stored, 10>...>;
-  };
-
+  guint first_;
+  std::size_t count_;
   GMutex mutex_;
-  typename Store<Kinds>::Type stored_{};
+  decltype(Store(Kinds())) stored_{};
 };
 
 template <typename Subject>
@@ -156,86 +129,78 @@ struct Instance {
   Subject* subject;
 };
 
+/** An object of a class of its own, which calls the subject as an element does. */
 template <typename Subject>
-Subject& SubjectOf(GObject* object) {
-  return *reinterpret_cast<Instance<Subject>*>(object)->subject;
-}
-
-/** An object of a class of its own; both classes install the same param specs. */
-template <template <std::size_t> class Of, std::size_t kFirst>
-GObject* MakeObject(std::size_t count) {
-  using Subject = Of<kFirst>;
-  const auto initialize = [](gpointer klass, gpointer bound) {
+GObject* MakeObject(std::size_t first, std::size_t count) {
+  static const auto subject_of = [](GObject* object) { return reinterpret_cast<Instance<Subject>*>(object)->subject; };
+  const auto initialize = [](gpointer klass, gpointer subject) {
     G_OBJECT_CLASS(klass)->set_property = [](GObject* object, guint id, const GValue* value, GParamSpec* spec) {
-      SubjectOf<Subject>(object).Set(id, value, spec);
+      subject_of(object)->Set(id, value, spec);
     };
     G_OBJECT_CLASS(klass)->get_property = [](GObject* object, guint id, GValue* value, GParamSpec* spec) {
-      SubjectOf<Subject>(object).Get(id, value, spec);
+      subject_of(object)->Get(id, value, spec);
     };
-    Properties<kFirst>(GPOINTER_TO_SIZE(bound)).binder.InstallProperties(G_OBJECT_CLASS(klass));
+    static_cast<Subject*>(subject)->Install(G_OBJECT_CLASS(klass));
   };
+  auto* const subject = new Subject(first, count);  // for as long as the program runs
   GTypeInfo info{};
   info.class_size = sizeof(GObjectClass);
   info.class_init = initialize;
-  info.class_data = GSIZE_TO_POINTER(count);
+  info.class_data = subject;
   info.instance_size = sizeof(Instance<Subject>);
   static int types = 0;
-  const auto name =
-      "MoxBenchmark" + std::string(Subject::kName, 6) + std::to_string(kFirst) + "x" + std::to_string(types++);
-  const GType type = g_type_register_static(G_TYPE_OBJECT, name.c_str(), &info, GTypeFlags());
+  const auto name = typeid(Subject).name() + std::to_string(types++);
+  const GType type = g_type_register_static(G_TYPE_OBJECT, ("Mox" + name).c_str(), &info, GTypeFlags());
   auto* const object = static_cast<GObject*>(g_object_new(type, nullptr));
-  reinterpret_cast<Instance<Subject>*>(object)->subject = new Subject(count);
+  reinterpret_cast<Instance<Subject>*>(object)->subject = subject;
   return object;
 }
 
-/** Two values to be set by turns. */
-GValue MakeValue(GType type, int number) {
+GValue MakeValue(GObject* object, const std::string& name, int number) {
   GValue from = G_VALUE_INIT;
   GValue value = G_VALUE_INIT;
   g_value_init(&from, G_TYPE_INT);
   g_value_set_int(&from, number);
-  g_value_init(&value, type);
+  g_value_init(&value, g_object_class_find_property(G_OBJECT_GET_CLASS(object), name.c_str())->value_type);
   g_value_transform(&from, &value);
   return value;
 }
 
-GType TypeOf(GObject* object) {
-  return g_object_class_find_property(G_OBJECT_GET_CLASS(object), "property-0")->value_type;
-}
-
-void Set(benchmark::State& state, GObject* object) {
-  std::array values{MakeValue(TypeOf(object), 0), MakeValue(TypeOf(object), 1)};
+/** Sets two values by turns. */
+void Set(benchmark::State& state, GObject* object, const std::string& name) {
+  std::array values{MakeValue(object, name, 0), MakeValue(object, name, 1)};
   std::size_t turn = 0;
   for ([[maybe_unused]] auto _ : state) {
-    g_object_set_property(object, "property-0", &values[turn ^= 1]);
+    g_object_set_property(object, name.c_str(), &values[turn ^= 1]);
   }
 }
 
-void Get(benchmark::State& state, GObject* object) {
-  GValue value = MakeValue(TypeOf(object), 1);
+void Get(benchmark::State& state, GObject* object, const std::string& name) {
+  GValue value = MakeValue(object, name, 1);
   for ([[maybe_unused]] auto _ : state) {
-    g_object_get_property(object, "property-0", &value);
+    g_object_get_property(object, name.c_str(), &value);
   }
 }
 
-template <template <std::size_t> class Of, std::size_t kFirst>
-void Register() {
-  for (const auto& [what, function] : {std::pair("setting ", Set), std::pair("getting ", Get)}) {
+template <typename Subject>
+void Register(const std::string& subject, std::size_t kind, std::size_t count) {
+  const bool alone = count == 1;
+  GObject* const object = MakeObject<Subject>(alone ? kind : 0, count);
+  const std::string property = "property-" + std::to_string(alone ? 0 : kind);
+  const std::string rest = kNames[kind] + ("/" + subject) + "/bound:" + std::to_string(count);
+  benchmark::RegisterBenchmark(("setting " + rest).c_str(), Set, object, property)->MinTime(0.02);
+  benchmark::RegisterBenchmark(("getting " + rest).c_str(), Get, object, property)->MinTime(0.02);
+}
+
+const bool registered = [] {
+  for (std::size_t kind = 0; kind < kKinds; ++kind) {
     for (const std::size_t count : {1, 10, 100}) {
-      const auto name =
-          std::string(what) + kNames[kFirst] + "/" + Of<kFirst>::kName + "/bound:" + std::to_string(count);
-      benchmark::RegisterBenchmark(name.c_str(), function, MakeObject<Of, kFirst>(count))->MinTime(0.02);
+      Register<Library>("library", kind, count);
+      Register<Switch>("switch by hand", kind, count);
     }
   }
-}
-
-template <std::size_t... kFirst>
-bool RegisterAll(std::index_sequence<kFirst...> /*kinds*/) {
-  ((Register<Library, kFirst>(), Register<Switch, kFirst>()), ...);
   return true;
-}
-
-const bool registered = RegisterAll(std::make_index_sequence<kKinds>());
+}();
 
 }  // namespace
 }  // namespace benchmarks

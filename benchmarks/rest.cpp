@@ -1,5 +1,5 @@
-#include "benchmarks/child.h"
 #include "benchmarks/stream.h"
+#include "benchmarks/times.h"
 #include "mox/gstreamer/session.h"
 
 #include <memory>

@@ -2,7 +2,7 @@
 #define BENCHMARKS_STREAM_H
 
 #include "benchmarks/by_hand.h"
-#include "benchmarks/clock.h"
+#include "benchmarks/times.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/pipeline.h"

@@ -1,14 +1,31 @@
-#ifndef BENCHMARKS_CHILD_H
-#define BENCHMARKS_CHILD_H
+#ifndef BENCHMARKS_TIMES_H
+#define BENCHMARKS_TIMES_H
 
-#include "benchmarks/clock.h"
-
+#include <ctime>
 #include <stdexcept>
 
 #include <sys/wait.h>
 #include <unistd.h>
 
+// How long things take, here and in a process of their own.
 namespace benchmarks {
+
+/** Seconds of some clock. */
+inline double Now(clockid_t clock = CLOCK_MONOTONIC) noexcept {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+/** Seconds that something took: on the wall's clock, and of CPU in all threads of the process. */
+struct Times {
+  double wall = 0;
+  double cpu = 0;
+
+  static Times Current() noexcept { return {Now(), Now(CLOCK_PROCESS_CPUTIME_ID)}; }
+
+  Times Since(const Times& begin) const noexcept { return {wall - begin.wall, cpu - begin.cpu}; }
+};
 
 /**
  * What the function returns in a process of its own. GStreamer comes up once a process, and differently with a session
