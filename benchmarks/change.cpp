@@ -132,6 +132,7 @@ const bool registered = [] {
       ->RangeMultiplier(4)
       ->Range(4, 1000)
       ->Iterations(4)
+      ->MeasureProcessCPUTime()
       ->UseManualTime()
       ->Complexity();
   return true;

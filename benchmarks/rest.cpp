@@ -107,18 +107,23 @@ struct Initialized {
   Initialized() { gst_init(nullptr, nullptr); }
 };
 
-void Cases(benchmark::internal::Benchmark* benchmark) {
-  benchmark->ArgNames({"filters", "outputs"})->ArgsProduct({{0, 1, 4, 16}, {1, 4, 16}});
-  benchmark->Iterations(1)->UseManualTime();
-}
-
-BENCHMARK_TEMPLATE(Frame, mox::gstreamer::Session, ByLibrary)->Name("a frame at rest/library")->Apply(Cases);
-BENCHMARK_TEMPLATE(Frame, Initialized, Launched<true>)
-    ->Name("a frame at rest/gst_parse_launch, same bins")
-    ->Apply(Cases);
-BENCHMARK_TEMPLATE(Frame, Initialized, Launched<false>)
-    ->Name("a frame at rest/gst_parse_launch, no bins")
-    ->Apply(Cases);
+const bool registered = [] {
+  for (const int filters : {0, 1, 4, 16}) {
+    for (const int outputs : {1, 4, 16}) {
+      const auto add = [&](const std::string& subject, void (*function)(benchmark::State&)) {
+        benchmark::RegisterBenchmark(("a frame at rest/" + subject).c_str(), function)
+            ->ArgNames({"filters", "outputs"})
+            ->Args({filters, outputs})
+            ->Iterations(1)
+            ->UseManualTime();
+      };
+      add("library", Frame<mox::gstreamer::Session, ByLibrary>);
+      add("gst_parse_launch, same bins", Frame<Initialized, Launched<true>>);
+      add("gst_parse_launch, no bins", Frame<Initialized, Launched<false>>);
+    }
+  }
+  return true;
+}();
 
 }  // namespace
 }  // namespace benchmarks

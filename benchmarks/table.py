@@ -28,7 +28,7 @@ def read(folder):
         for run in json.loads(file.read_text())["benchmarks"]:
             what, subject, *parts = run["run_name"].split("/")
             if run.get("aggregate_name") == "BigO":
-                fits.append((run["real_coefficient"] * SECONDS[run["time_unit"]], run["big_o"]))
+                fits.append((run["big_o"], run["real_coefficient"] * SECONDS[run["time_unit"]]))
             if run["run_type"] == "aggregate":
                 continue
             arguments = [part for part in parts if re.match("(?!iterations|min_time).*:", part)]
@@ -61,14 +61,15 @@ def make_rows(measured, fits):
             ratios = [[a / b for a, b in zip(library[argument], other[argument])] for argument in library]
             rows.append(Row(what, durations(library), subject, durations(other), ratios))
         if not subjects:
-            fit = statistics.median(coefficient for coefficient, _ in fits)
-            terms = "; ".join(sorted({f"about {duration(fit)} · {order}" for _, order in fits}))
-            rows.append(Row(what, durations(library), "", terms if "gap" not in what else "", []))
+            order = statistics.mode(order for order, _ in fits)
+            fit = statistics.median(factor for fitted, factor in fits if fitted == order)
+            rows.append(Row(what, durations(library), "", f"about {duration(fit)} · {order}" if "gap" not in what else "", []))
     return rows
 
 
 def ratio(rounds):
-    return f"{statistics.median(rounds):.2f} ({min(rounds):.2f}–{max(rounds):.2f})"
+    middle, low, high = (f"{x:.2f}" if x < 10 else f"{x:.0f}" for x in (statistics.median(rounds), min(rounds), max(rounds)))
+    return f"{middle} ({low}–{high})"
 
 
 def make_table(rows):
@@ -78,10 +79,27 @@ def make_table(rows):
     return "\n".join(lines)
 
 
+def make_meaning(measured):
+    """What the figures mean to a user."""
+
+    def library(what, argument):
+        return statistics.median(measured[what]["library"][argument])
+
+    frame = 1 / 60
+    feeds = [int(frame / library("a frame at rest, CPU, filters 4", f"outputs:{n}")) for n in (1, 4, 16)]
+    gaps = [library("a filter change at 60 frames a second, longest gap at an output", f"chain:{n}") for n in (1, 8, 64, 256)]
+    late = [f"{max(0, gap / frame - 1):.1f}" for gap in gaps]
+    return (
+        f"One core feeds about {feeds[0]} pipelines of 60 frames a second, 4 filters and 1 output, {feeds[1]} with 4 outputs\n"
+        f"or {feeds[2]} with 16, before the elements do any work of their own. A filter change in a chain of 1, 8, 64 or 256\n"
+        f"has the frame that it holds come {', '.join(late[:-1])} or {late[-1]} frames late."
+    )
+
+
 def make_plot(rows):
     """A row of dots each, at the medians of the ratios, and lines from the lowest to the highest."""
     rows = [row for row in rows if row.ratios]
-    low, high, left, width, step = 0.25, 8, 620, 400, 16
+    low, high, left, width, step = 0.25, 8, 700, 400, 16
     height = step * len(rows) + 40
 
     def x(value):
@@ -116,10 +134,11 @@ def put_into(page, text):
 def main():
     folder, page, plot = map(pathlib.Path, sys.argv[1:])
     measured, fits = read(folder)
+    meaning = make_meaning(measured)
     rows = make_rows(measured, fits)
     table = make_table(rows)
-    print(table)
-    put_into(page, f"{(folder / 'about.txt').read_text()}\n{table}\n\n")
+    print(f"{table}\n\n{meaning}")
+    put_into(page, f"{(folder / 'about.txt').read_text()}\n{meaning}\n\n{table}\n\n")
     plot.write_text(make_plot(rows))
 
 
