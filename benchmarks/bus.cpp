@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <string>
 #include <thread>
 
 #include <benchmark/benchmark.h>
@@ -147,18 +148,20 @@ void Backlog(benchmark::State& state) {
   }
 }
 
-BENCHMARK_TEMPLATE(Latency, Library)->Name("a message from post to callback/library")->UseManualTime();
-BENCHMARK_TEMPLATE(Latency, BareLoop)->Name("a message from post to callback/bare timed pop")->UseManualTime();
-BENCHMARK_TEMPLATE(Latency, MainLoop)->Name("a message from post to callback/main loop's watch")->UseManualTime();
-BENCHMARK_TEMPLATE(Backlog, Library)->Name("each of 1,000,000 messages/library")->Iterations(1)->UseManualTime();
-BENCHMARK_TEMPLATE(Backlog, BareLoop)
-    ->Name("each of 1,000,000 messages/bare timed pop")
-    ->Iterations(1)
-    ->UseManualTime();
-BENCHMARK_TEMPLATE(Backlog, MainLoop)
-    ->Name("each of 1,000,000 messages/main loop's watch")
-    ->Iterations(1)
-    ->UseManualTime();
+template <typename Reader>
+void Register(const std::string& subject) {
+  const auto latency = "a message from post to callback/" + subject;
+  const auto backlog = "each of 1,000,000 messages/" + subject;
+  benchmark::RegisterBenchmark(latency.c_str(), Latency<Reader>)->UseManualTime();
+  benchmark::RegisterBenchmark(backlog.c_str(), Backlog<Reader>)->Iterations(1)->UseManualTime();
+}
+
+const bool registered = [] {
+  Register<Library>("library");
+  Register<BareLoop>("bare timed pop");
+  Register<MainLoop>("main loop's watch");
+  return true;
+}();
 
 }  // namespace
 }  // namespace benchmarks

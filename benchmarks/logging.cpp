@@ -97,18 +97,31 @@ void Accept(benchmark::State& state) {
   }
 }
 
-void Rejected(benchmark::internal::Benchmark* benchmark) {
-  benchmark->Threads(1)->Threads(8);
-}
-void Accepted(benchmark::internal::Benchmark* benchmark) {
-  benchmark->ArgName("arguments")->Arg(0)->Arg(1)->Arg(5)->Threads(1)->Threads(8)->UseRealTime();
+template <typename Logger>
+void RegisterReject(const std::string& subject) {
+  benchmark::RegisterBenchmark(("a rejected record/" + subject).c_str(), Reject<Logger>)->Threads(1)->Threads(8);
 }
 
-BENCHMARK_TEMPLATE(Reject, Mox)->Name("a rejected record/library")->Apply(Rejected);
-BENCHMARK_TEMPLATE(Reject, Spdlog)->Name("a rejected record/spdlog")->Apply(Rejected);
-BENCHMARK_TEMPLATE(Reject, Gst)->Name("a rejected record/GStreamer")->Apply(Rejected);
-BENCHMARK_TEMPLATE(Accept, Mox)->Name("a record to nowhere/library")->Apply(Accepted);
-BENCHMARK_TEMPLATE(Accept, Spdlog)->Name("a record to nowhere/spdlog")->Apply(Accepted);
+template <typename Logger>
+void RegisterAccept(const std::string& subject) {
+  benchmark::RegisterBenchmark(("a record to nowhere/" + subject).c_str(), Accept<Logger>)
+      ->ArgName("arguments")
+      ->Arg(0)
+      ->Arg(1)
+      ->Arg(5)
+      ->Threads(1)
+      ->Threads(8)
+      ->UseRealTime();
+}
+
+const bool registered = [] {
+  RegisterReject<Mox>("library");
+  RegisterReject<Spdlog>("spdlog");
+  RegisterReject<Gst>("GStreamer");
+  RegisterAccept<Mox>("library");
+  RegisterAccept<Spdlog>("spdlog");
+  return true;
+}();
 
 }  // namespace
 }  // namespace benchmarks

@@ -108,8 +108,8 @@ class Switch {
     case (number) + 1: \
       function(std::tuple_element_t<(number) % 10, Kinds>(), std::get<(number) % 10>(stored_)[(number) / 10]); \
       break;
-#define TEN(number) ONE(number) ONE(number + 1) ONE(number + 2) ONE(number + 3) ONE(number + 4) \
-    ONE(number + 5) ONE(number + 6) ONE(number + 7) ONE(number + 8) ONE(number + 9)
+#define TEN(number) ONE((number)) ONE((number) + 1) ONE((number) + 2) ONE((number) + 3) ONE((number) + 4) \
+    ONE((number) + 5) ONE((number) + 6) ONE((number) + 7) ONE((number) + 8) ONE((number) + 9)
     switch (id + first_) {
       TEN(0) TEN(10) TEN(20) TEN(30) TEN(40) TEN(50) TEN(60) TEN(70) TEN(80) TEN(90)
       default: g_warning("no such property");
