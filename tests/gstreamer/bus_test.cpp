@@ -128,15 +128,15 @@ TEST_F(BusTest, BindingsOutliveAMovedBus) {
 
 TEST_F(BusTest, IsGoneOnlyWhenNoCallbackRunsAnyMore) {
   std::promise<void> go;
+  const auto went = go.get_future().share();
   std::atomic<bool> running = false;
   std::atomic<bool> returned = false;
   auto binding = bus.Bind(GST_MESSAGE_EOS, [&](const GstMessage&) {
     running = true;
-    go.get_future().wait();
+    went.wait();
     returned = true;
   });
-  Post(GST_MESSAGE_EOS);
-  Await("the callback", [&] { return running.load(); });
+  Await("the callback", [&] { return Post(GST_MESSAGE_EOS), running.load(); });
   constexpr auto kWhile = std::chrono::milliseconds(100);
   const auto releasing = std::async(std::launch::async, [&] { binding.Release(); });
   EXPECT_EQ(releasing.wait_for(kWhile), std::future_status::timeout);
