@@ -135,6 +135,7 @@ TEST_F(BusTest, IsGoneOnlyWhenNoCallbackRunsAnyMore) {
     go.get_future().wait();
     returned = true;
   });
+  Handle({});
   Post(GST_MESSAGE_EOS);
   Await("the callback", [&] { return running.load(); });
   constexpr auto kWhile = std::chrono::milliseconds(100);

@@ -3,6 +3,7 @@
 #include "tests/logging/capture.h"
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
@@ -16,7 +17,7 @@
 
 namespace {
 
-std::size_t allocations = 0;
+std::atomic<std::size_t> allocations = 0;
 
 }  // namespace
 
