@@ -44,7 +44,7 @@ class Bus::Impl {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!callback) {
       // Refused by the container itself, before anything is counted: the wrapper below would never look empty.
-      callbacks_.Insert(std::move(callback));
+      callbacks_.Insert(nullptr);
     }
     std::size_t& count = counts_[type];
     const unsigned index = callbacks_.Insert([type, callback = std::move(callback)](const GstMessage& message) {

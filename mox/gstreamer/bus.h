@@ -16,8 +16,8 @@ namespace mox::gstreamer {
  * Reads a GStreamer bus on a thread of its own and hands each message to the callbacks bound to its type.
  *
  * The bus must deliver asynchronously, as that of a pipeline does; that of a bin inside one does not. Only the types
- * that have callbacks are taken from the bus; while nothing is bound messages stay on it, and while
- * something is bound messages of other types are discarded. A new binding takes effect within 500 ms at the latest.
+ * that have callbacks are taken from the bus; while nothing is bound messages stay on it, and while something is bound
+ * messages of other types are discarded. A new binding takes effect within 500 ms at the latest.
  *
  * Callbacks run on the reader thread, one at a time, in the order of their slots; the first free slot is used first.
  * They borrow the message, must not throw, must not bind or release bindings of this bus, and must not wait for a

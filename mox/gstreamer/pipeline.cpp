@@ -100,6 +100,7 @@ class Pipeline::Impl {
     return bin::input::GetInput(InputBin());
   }
 
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): the handle is handed over, and lives as long as the call
   void SetInput(Ptr<GstElement> input) {
     const Lock lock(mutex_);
     if (!input && state_ != State::Stopped) {

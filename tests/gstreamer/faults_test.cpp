@@ -211,6 +211,7 @@ TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
   stream.Play();
   const Ptr<GstElement> told(gst_bin_get_by_name(GST_BIN(input.Get()), "told"));
   faulty::Of(told.Get()).flow = Faults::kDrops;
+  Await("a dropped frame", [&] { return faulty::Of(told.Get()).dropped > 0; });
   auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({Make("identity", "late")}); });
   EXPECT_EQ(change.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
   faulty::Of(told.Get()).flow = GST_FLOW_OK;

@@ -26,6 +26,7 @@ struct Faults {
   std::atomic<GstStateChange> blocks = kNone;  ///< The state change that takes a second.
   std::atomic<bool> refuses_caps = false;
   std::atomic<GstFlowReturn> flow = GST_FLOW_OK;  ///< The answer to a frame; kDrops lets none through.
+  std::atomic<int> dropped = 0;                   ///< How many frames kDrops has met.
   std::atomic<int> errors = 0;                    ///< How many ERROR messages are to be posted, one a frame.
 };
 
@@ -63,6 +64,7 @@ inline void InitializeClass(gpointer type, gpointer /*data*/) {
       GST_ELEMENT_ERROR(element, STREAM, FAILED, ("told to fail"), (nullptr));
     }
     const GstFlowReturn flow = Of(element).flow;
+    Of(element).dropped += flow == Faults::kDrops ? 1 : 0;
     return flow != GST_FLOW_OK ? flow : ParentOf<GstBaseTransformClass>(element).transform_ip(element, frame);
   };
 }

@@ -310,5 +310,5 @@ void BlockEraseFilters(GstBin& filterBin, Filters filters) {
 }  // namespace mox::gstreamer::bin::filter
 
 void mox::gstreamer::bin::RunDrained(GstBin& filterBin, const std::function<void()>& change) {
-  filter::Block(filterBin, [&change](GstBin&, filter::Filters) { change(); }, {});
+  filter::Block(filterBin, [&change](GstBin&, const filter::Filters&) { change(); }, {});
 }

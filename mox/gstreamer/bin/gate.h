@@ -21,8 +21,8 @@ void AddGate(GstPad& source);
 /**
  * Answers allocation queries at the pad that leads to the output bin for as long as that is on its way to PLAYING. A
  * query waits for the frame that an output is busy with, which waits for the preroll of all outputs; and another output
- * may need the frames that the query holds up. Once the bin plays, the query is asked for again and
- * nothing is left behind.
+ * may need the frames that the query holds up. Once the bin plays, the query is asked for again and nothing is left
+ * behind.
  */
 void SpareAllocation(GstPad& source);
 
@@ -36,7 +36,7 @@ void LetAllocationOvertake(GstElement& queue);
 /**
  * Runs `change` between two frames as `filter::BlockAddFilters` does: with what enters the filter bin held and nothing
  * inside it or just leaving it, so that what is behind it may ask for another format. Waits and throws like that, or
- * throws what `change` does.
+ * throws what `change` does. Defined beside those, in filter.cpp.
  */
 void RunDrained(GstBin& filterBin, const std::function<void()>& change);
 

@@ -40,8 +40,8 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
 
 /**
  * Attaches each element as a new branch, in the order given, and brings it to the state of the bin. A new branch starts
- * with the first whole frame; the others lose nothing. With data flowing, removing the
- * placeholder waits for the frame that is just passing it.
+ * with the first whole frame; the others lose nothing. With data flowing, removing the placeholder waits for the frame
+ * that is just passing it.
  *
  * The elements before one that fails stay attached; the one that fails is left outside the bin. If it was to be the
  * first output there is neither output nor placeholder from then on, and no output can be attached any more.
@@ -53,7 +53,8 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
  *
  * @throws std::invalid_argument if one of the handles is empty; nothing is changed
  * @throws std::runtime_error if an element does not start, or cannot be linked: to its queue, or to the tee since it
- * shares no format with the input and the others
+ * shares no format with the input and the others; or what `filter::BlockAddFilters` throws while the stream gets
+ * another format
  */
 MOX_EXPORT void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs);
 
