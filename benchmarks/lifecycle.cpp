@@ -143,7 +143,7 @@ double DestroyPlaying() {
 
 template <typename Function>
 void Register(const char* name, Function* function) {
-  benchmark::RegisterBenchmark(name, function)->Iterations(3)->UseManualTime();
+  benchmark::RegisterBenchmark(name, function)->Iterations(1)->UseManualTime();
 }
 
 const bool registered = [] {
