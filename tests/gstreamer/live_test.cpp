@@ -320,6 +320,57 @@ TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
   stream.watch.ExpectWhole(1);
 }
 
+TEST_F(Live, TheSizeChangesAlsoBehindAQueueOfTheInput) {
+  Stream stream;
+  stream.pipeline.SetInput(Parse("videotestsrc pattern=black ! capsfilter caps=video/x-raw,framerate=60/1 ! queue"));
+  stream.Play();
+  const auto size = [&] {
+    const Ptr<GstPad> pad(gst_element_get_static_pad(stream.watch.Element().Get(), "sink"));
+    const Ptr<GstCaps> caps(gst_pad_get_current_caps(pad.Get()));
+    return caps ? g_value_get_int(gst_structure_get_value(gst_caps_get_structure(caps.Get(), 0), "width")) : 0;
+  };
+  for (const int width : {32, 64, 48, 16}) {
+    const auto filter = Parse("capsfilter caps=video/x-raw,height=16,width=" + std::to_string(width));
+    Within(seconds(20), "a change", [&] {
+      stream.pipeline.AddFilters({filter});
+      stream.watch.AwaitFrames(100);
+      EXPECT_EQ(size(), width);
+      stream.pipeline.EraseFilters({filter});
+    });
+    stream.watch.AwaitFrames(100);
+  }
+  EXPECT_EQ(stream.watch.Misplaced() + stream.watch.Eos(), 0U);
+  EXPECT_EQ(CountProbes(*GST_BIN(&stream.pipeline.Get())), 1) << "only the one of the watch";
+}
+
+// A flush takes away the EOS that drains the filters; here a filter does, and the flush comes after it.
+TEST_F(Live, AFlushingSeekEndsTheDrain) {
+  Stream stream;
+  std::atomic<int> swallowed = 0;
+  const auto swallow = [](GstPad*, GstPadProbeInfo* info, gpointer count) {
+    const bool is_eos = GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS;
+    *static_cast<std::atomic<int>*>(count) += is_eos ? 1 : 0;
+    return is_eos ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
+  };
+  const auto filter = Make("queue", "filter");
+  gst_pad_add_probe(Ptr<GstPad>(gst_element_get_static_pad(filter.Get(), "sink")).Get(),
+                    GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, swallow, &swallowed, nullptr);
+  stream.pipeline.AddFilters({filter});
+  stream.Play();
+  for (int i = 1; i <= 10; ++i) {
+    auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({Make("identity")}); });
+    Await("the drain", [&] { return swallowed == i; });
+    Within(seconds(20), "a seek", [&] {
+      gst_element_seek_simple(GST_ELEMENT(&stream.pipeline.Get()), GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, 0);
+      change.get();
+    });
+    EXPECT_EQ(stream.pipeline.GetFilters().size(), 1U + i);
+    stream.watch.AwaitFrames(10);
+  }
+  EXPECT_EQ(stream.watch.Eos(), 0U);
+  stream.pipeline.SetEnable(false);
+}
+
 TEST_F(Live, OutputsThatAgreeWithEachOtherButNotWithTheFiltersAreRefused) {
   Stream stream(true);
   stream.pipeline.AddFilters({Parse("capsfilter caps=\"video/x-raw,format={RGB,I420}\"")});

@@ -139,18 +139,22 @@ namespace {
 
 using Change = std::function<void(GstBin&, Filters)>;
 
-// Catches the EOS that follows the data out of the filter bin; events ahead of it pass. Unlike a PadProbe it looks at
-// every event, since a filter may emit its own first, on the very thread that brings the EOS.
+// Catches the EOS that follows the data out of the filter bin; events ahead of it pass. A flush, which takes the EOS
+// away together with what was to be drained, counts as well. Unlike a PadProbe it looks at every event, since a filter
+// may emit its own first, on the very thread that brings the EOS.
 class Drain {
  public:
   explicit Drain(GstPad& pad) : pad_(pad), caught_(std::make_shared<Caught>()) {
-    auto owned_by_probe = std::make_unique<std::shared_ptr<Caught>>(caught_);
-    const auto type = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM);
-    id_ = gst_pad_add_probe(&pad_, type, OnEvent, owned_by_probe.release(), Release);
+    eos_ = Add(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, OnEvent);
+    // A flush is never blocked.
+    flush_ = Add(GST_PAD_PROBE_TYPE_EVENT_FLUSH, OnFlush);
   }
   Drain(const Drain&) = delete;
   Drain& operator=(const Drain&) = delete;
-  ~Drain() { gst_pad_remove_probe(&pad_, id_); }
+  ~Drain() {
+    gst_pad_remove_probe(&pad_, flush_);
+    gst_pad_remove_probe(&pad_, eos_);
+  }
 
   bool IsCaught() const { return caught_->flag; }
   void Wait() { caught_->promise.get_future().wait(); }
@@ -161,22 +165,33 @@ class Drain {
     std::promise<void> promise;
   };
 
-  static GstPadProbeReturn OnEvent(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data) noexcept {
+  gulong Add(int type, GstPadProbeCallback callback) {
+    auto owned_by_probe = std::make_unique<std::shared_ptr<Caught>>(caught_);
+    return gst_pad_add_probe(&pad_, static_cast<GstPadProbeType>(type), callback, owned_by_probe.release(), Release);
+  }
+
+  static GstPadProbeReturn OnEvent(GstPad* pad, GstPadProbeInfo* info, gpointer data) noexcept {
     if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) != GST_EVENT_EOS) {
       return GST_PAD_PROBE_PASS;
     }
+    OnFlush(pad, info, data);
+    return GST_PAD_PROBE_DROP;
+  }
+
+  static GstPadProbeReturn OnFlush(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer data) noexcept {
     auto& caught = **static_cast<std::shared_ptr<Caught>*>(data);
     if (!caught.flag.exchange(true)) {
       caught.promise.set_value();
     }
-    return GST_PAD_PROBE_DROP;
+    return GST_PAD_PROBE_OK;
   }
 
   static void Release(gpointer data) noexcept { delete static_cast<std::shared_ptr<Caught>*>(data); }
 
   GstPad& pad_;
   std::shared_ptr<Caught> caught_;
-  gulong id_ = 0;
+  gulong eos_ = 0;
+  gulong flush_ = 0;
 };
 
 // Sends an EOS through the filter bin and catches it behind the last of the data, which may be on a filter's own

@@ -50,12 +50,13 @@ MOX_EXPORT std::string GetGraph(GstBin& filterBin);
 /**
  * `AddFilters` and `EraseFilters` while data flows, in a pipeline that is not stopped: what enters the bin is held,
  * what is inside is drained through the outputs, the chain is changed and runs again before what was held flows on. No
- * frame is lost or repeated, except that the one held frame is given up where the new chain does not take its format.
+ * frame is lost or repeated, except that the one held frame is given up where the new chain does not take its format,
+ * and what an input with a queue of its own has in there, where that cannot be converted: frames of another size.
  *
  * They may be called from any thread but a streaming thread of the pipeline, and wait without a limit: first for the
  * next item to reach the bin, then until what is inside it has left. With a source that produces nothing they wait
- * until it does. A filter must let an EOS through, which is what shows that the bin is drained, and no flushing seek
- * may run meanwhile, which would take it away: either would keep them waiting for ever.
+ * until it does. A filter must let an EOS through, which is what shows that the bin is drained: one that does not
+ * keeps them waiting for ever. A flush meanwhile, as of a flushing seek, takes what was to be drained.
  *
  * The filters' new neighbours negotiate their buffers anew: the stream goes on as soon as every output is through with
  * the frame that it is busy with.

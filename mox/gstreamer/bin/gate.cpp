@@ -8,6 +8,31 @@
 namespace mox::gstreamer::bin {
 namespace {
 
+GstPadProbeReturn OnOutdated(GstPad* source, GstPadProbeInfo* info, gpointer /*data*/) noexcept {
+  const bool is_event = (info->type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) != 0;
+  const GstEventType event = is_event ? GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) : GST_EVENT_UNKNOWN;
+  if (is_event && event != GST_EVENT_CAPS && event != GST_EVENT_EOS) {
+    return GST_PAD_PROBE_OK;
+  }
+  const Ptr<GstPad> sink(gst_pad_get_peer(source));
+  // Also of a caps event that is just passing.
+  const Ptr<GstCaps> format(gst_pad_get_current_caps(source));
+  const bool is_outdated = event != GST_EVENT_EOS && sink && format && !Takes(*sink, *format);
+  return is_outdated ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_REMOVE;
+}
+
+// Keeps frames that nothing behind takes any more from the element that they come through to the pad, which would end
+// the stream. There are some where a queue stands before it; the source itself follows the change of format.
+void DropOutdated(GstPad& source) {
+  const Ptr<GstPad> target(GST_IS_GHOST_PAD(&source) ? gst_ghost_pad_get_target(GST_GHOST_PAD(&source)) : nullptr);
+  const Ptr<GstElement> element(target ? gst_pad_get_parent_element(target.Get()) : nullptr);
+  const Ptr<GstPad> sink(element ? gst_element_get_static_pad(element.Get(), "sink") : nullptr);
+  const Ptr<GstPad> upstream(sink ? gst_pad_get_peer(sink.Get()) : nullptr);
+  if (upstream) {
+    gst_pad_add_probe(upstream.Get(), GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, OnOutdated, nullptr, nullptr);
+  }
+}
+
 GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*/) noexcept {
   const Ptr<GstPad> sink(gst_pad_get_peer(source));
   if (!sink) {
@@ -24,7 +49,11 @@ GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*
       return GST_PAD_PROBE_OK;
     case GST_EVENT_CAPS:
       gst_event_parse_caps(event, &format);
-      return Takes(*sink, *format) ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
+      if (Takes(*sink, *format)) {
+        return GST_PAD_PROBE_OK;
+      }
+      DropOutdated(*source);
+      return GST_PAD_PROBE_DROP;
     case GST_EVENT_EOS:
       return GST_PAD_PROBE_REMOVE;
     default:

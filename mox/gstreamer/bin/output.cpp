@@ -197,15 +197,7 @@ void Link(GstElement& tee, GstElement& first) {
   if (const auto upstream = GetUpstream(tee); upstream) {
     SpareAllocation(*upstream);
   }
-  // The link takes this pad, being free, so that the gate is in place before anything can pass.
-  const Ptr<GstPad> pad(gst_element_request_pad_simple(&tee, "src_%u"));
-  AddGate(*pad);
-  try {
-    check::element::LinkElement(tee, first, kElementError);
-  } catch (...) {
-    gst_element_release_request_pad(&tee, pad.Get());
-    throw;
-  }
+  check::element::LinkElement(tee, first, kElementError);
 }
 
 bool IsOfFilterBin(GstPad& pad) {
