@@ -1,6 +1,7 @@
 #include "mox/property/property.h"
 
 #include "mox/property/convert.h"
+#include "mox/property/primitive.h"
 
 #include <stdexcept>
 #include <utility>
@@ -28,6 +29,11 @@ object::BadCast Property::BadCastError(const char* type_name) const {
 
 template <typename T>
 T Property::Read() const {
+  // Read as what it is, as a rule, a value need not pass by way of any type.
+  constexpr auto own = HashTypeName(kTypeName<T>);
+  if (GetTypeHash() == own) {
+    return static_cast<const Primitive<T>&>(*this).GetValue();
+  }
   const Value value = Get();
   if (auto converted = Convert<T>(value)) {
     return *std::move(converted);

@@ -454,6 +454,10 @@ void Walk(const Options& options, Figures& figures) {
     thread.join();
   }
 
+  // What the library adds for a stream that is starting goes once it plays.
+  live::Await("playing", [&] {
+    return gst_element_get_state(GST_ELEMENT(&whole), nullptr, nullptr, 0) != GST_STATE_CHANGE_ASYNC;
+  });
   leaving.AwaitFrames(10);
   const Ptr<GstElement> tee(gst_bin_get_by_name(&whole, "output_tee"));
   if (!pipeline.GetFilters().empty() || !pipeline.GetOutputs().empty() || !pipeline.GetEnable() ||

@@ -1,13 +1,13 @@
 #include "mox/gstreamer/bus.h"
 #include "mox/gstreamer/plugin/path/resolve/from_library_name.h"
 #include "mox/logging/logger.h"
+#include "tests/allocations.h"
 #include "tests/gstreamer/elements.h"
 #include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <future>
 #include <memory>
 #include <new>
@@ -21,31 +21,8 @@
 
 namespace {
 
-// After how many allocations one is to fail; none is while it is negative.
-std::atomic<long> until_failure = -1;
-
-}  // namespace
-
-// Of the whole program, the library among it. Not inlined, for g++ then takes new and free for a mismatch.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  if (until_failure >= 0 && until_failure-- == 0) {
-    throw std::bad_alloc();
-  }
-  void* const memory = std::malloc(size);
-  return memory != nullptr ? memory : throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-  std::free(memory);
-}
-
-namespace {
-
 using namespace live;  // NOLINT(google-build-using-namespace)
+using allocations::until_failure;
 using elements::ErrorOf;
 using faulty::Faults;
 using std::chrono::seconds;

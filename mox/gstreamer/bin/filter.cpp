@@ -145,15 +145,19 @@ using Change = std::function<void(GstBin&, Filters)>;
 class Drain {
  public:
   explicit Drain(GstPad& pad) : pad_(pad), caught_(std::make_shared<Caught>()) {
-    eos_ = Add(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, OnEvent);
-    // A flush is never blocked.
-    flush_ = Add(GST_PAD_PROBE_TYPE_EVENT_FLUSH, OnFlush);
+    auto for_events = std::make_unique<std::shared_ptr<Caught>>(caught_);
+    auto for_flush = std::make_unique<std::shared_ptr<Caught>>(caught_);
+    constexpr auto events =
+        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM);
+    events_ = gst_pad_add_probe(&pad_, events, OnEvent, for_events.release(), Release);
+    // A probe that blocks does not see it.
+    flush_ = gst_pad_add_probe(&pad_, GST_PAD_PROBE_TYPE_EVENT_FLUSH, OnFlush, for_flush.release(), Release);
   }
   Drain(const Drain&) = delete;
   Drain& operator=(const Drain&) = delete;
   ~Drain() {
     gst_pad_remove_probe(&pad_, flush_);
-    gst_pad_remove_probe(&pad_, eos_);
+    gst_pad_remove_probe(&pad_, events_);
   }
 
   bool IsCaught() const { return caught_->flag; }
@@ -164,11 +168,6 @@ class Drain {
     std::atomic<bool> flag = false;
     std::promise<void> promise;
   };
-
-  gulong Add(int type, GstPadProbeCallback callback) {
-    auto owned_by_probe = std::make_unique<std::shared_ptr<Caught>>(caught_);
-    return gst_pad_add_probe(&pad_, static_cast<GstPadProbeType>(type), callback, owned_by_probe.release(), Release);
-  }
 
   static GstPadProbeReturn OnEvent(GstPad* pad, GstPadProbeInfo* info, gpointer data) noexcept {
     if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) != GST_EVENT_EOS) {
@@ -190,7 +189,7 @@ class Drain {
 
   GstPad& pad_;
   std::shared_ptr<Caught> caught_;
-  gulong eos_ = 0;
+  gulong events_ = 0;
   gulong flush_ = 0;
 };
 
