@@ -124,7 +124,7 @@ TEST_F(ChangeCost, DoesNotGrow) {
     int chain;
     std::uint64_t allocations_to_add, calls_to_add, allocations_to_erase, calls_to_erase;
   };
-  for (const auto& limits : {Limits{1, 4275, 124, 4313, 136}, Limits{8, 6282, 285, 6264, 297}}) {
+  for (const auto& limits : {Limits{1, 4277, 126, 4315, 138}, Limits{8, 6284, 287, 6266, 299}}) {
     Fed fed(limits.chain);
     Cost add;
     Cost erase;

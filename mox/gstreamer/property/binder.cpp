@@ -72,16 +72,17 @@ const char* GetString(const GValue* value) {
   return text != nullptr ? text : "";
 }
 
+// The most used first.
 const std::array<Transfer, 10> transfers{
     TransferOf<GetBoolean, SetBoolean>(G_TYPE_PARAM_BOOLEAN),
+    TransferOf<g_value_get_int, g_value_set_int>(G_TYPE_PARAM_INT),
+    TransferOf<g_value_get_uint, g_value_set_uint>(G_TYPE_PARAM_UINT),
+    TransferOf<g_value_get_double, g_value_set_double>(G_TYPE_PARAM_DOUBLE),
     TransferOf<g_value_get_schar, g_value_set_schar>(G_TYPE_PARAM_CHAR),
     TransferOf<g_value_get_uchar, g_value_set_uchar>(G_TYPE_PARAM_UCHAR),
     TransferOf<g_value_get_int64, g_value_set_int64>(G_TYPE_PARAM_INT64),
     TransferOf<g_value_get_uint64, g_value_set_uint64>(G_TYPE_PARAM_UINT64),
     TransferOf<g_value_get_float, g_value_set_float>(G_TYPE_PARAM_FLOAT),
-    TransferOf<g_value_get_double, g_value_set_double>(G_TYPE_PARAM_DOUBLE),
-    TransferOf<g_value_get_int, g_value_set_int>(G_TYPE_PARAM_INT),
-    TransferOf<g_value_get_uint, g_value_set_uint>(G_TYPE_PARAM_UINT),
     TransferOf<GetString, g_value_set_string>(G_TYPE_PARAM_STRING),
 };
 
