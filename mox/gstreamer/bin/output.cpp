@@ -205,19 +205,31 @@ bool IsOfFilterBin(GstPad& pad) {
   return GST_IS_BIN(parent.Get()) && filter::IsInitialized(*GST_BIN(parent.Get()));
 }
 
-// Whether the tee can go on with the format that it has, if any, when this joins it.
-bool TakesWhatFlows(GstElement& tee, GstElement& first) {
-  const Ptr<GstCaps> format(gst_pad_get_current_caps(GetSink(tee).Get()));
-  return !format || Takes(*GetSink(first), *format);
+// Refuses a branch that shares no format with the input and the other branches. A tee would link it, and the stream
+// would end at the next frame.
+void CheckFormats(GstElement& tee, GstElement& first, bool alone) {
+  const auto sink = GetSink(tee);
+  const Ptr<GstCaps> others(alone ? gst_caps_new_any() : gst_pad_query_caps(sink.Get(), nullptr));
+  const Ptr<GstCaps> possible(gst_pad_peer_query_caps(sink.Get(), others.Get()));
+  if (!Takes(*GetSink(first), *possible)) {
+    check::Fail(kElementError, "Failed to link element '", element::GetFullName(tee), "' with element '",
+                element::GetFullName(first), "'");
+  }
 }
 
 // Links a running branch to the tee, through which data may be flowing.
-void Join(GstElement& tee, GstElement& first) {
+void Join(GstElement& tee, GstElement& first, bool alone) {
   const auto upstream = GetUpstream(tee);
   {
     const BetweenItems between(tee);
+    // Also that of a caps event that is just held.
+    const Ptr<GstCaps> format(gst_pad_get_current_caps(check::pad::GetPeer(*GetSink(tee), kPadError).Get()));
+    const bool goes_on = format && Takes(*GetSink(first), *format);
+    if (!goes_on) {
+      CheckFormats(tee, first, alone);
+    }
     const bool behind_filters = upstream && IsOfFilterBin(*upstream) && !GST_PAD_IS_EOS(upstream.Get());
-    if (!behind_filters || TakesWhatFlows(tee, first)) {
+    if (goes_on || !format || !behind_filters) {
       Link(tee, first);
       return;
     }
@@ -260,15 +272,7 @@ void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, 
     Sync(*queue);
     lock.reset();
     check::element::LinkElement(*queue, *element, kElementError);
-    // A tee links what no format suits together with the rest, and the stream would end at the next frame.
-    const Ptr<GstCaps> others(first ? gst_caps_new_any() : gst_pad_query_caps(GetSink(tee).Get(), nullptr));
-    const Ptr<GstCaps> possible(gst_pad_peer_query_caps(GetSink(tee).Get(), others.Get()));
-    const Ptr<GstCaps> shared(gst_pad_query_caps(GetSink(*queue).Get(), possible.Get()));
-    if (gst_caps_is_empty(shared.Get()) != FALSE) {
-      check::Fail(kElementError, "Failed to link element '", element::GetFullName(tee), "' with element '",
-                  element::GetFullName(*queue), "'");
-    }
-    Join(tee, *queue);
+    Join(tee, *queue, first);
   } catch (...) {
     lock.emplace(*GST_ELEMENT(&outputBin));
     TakeOut(outputBin, *element);
@@ -389,7 +393,7 @@ void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
         const WithoutPreroll without_preroll(dummy);
         Sync(*dummy);
       }
-      Join(*tee, *dummy);
+      Join(*tee, *dummy, true);
     }
   }
 }
