@@ -121,7 +121,7 @@ class Pipeline::Impl {
     check::element::SetNullState(input_bin, bin::kElementError);
     // The time starts anew, too: late by all that the old input has played, sinks would drop what the new one brings.
     TakeDown({&output_bin, &filter_bin, &input_bin});
-    // The new input starts first, and a source that meets bins still stopped pauses for good.
+    // A source that meets bins still stopped pauses for good.
     const auto held = Hold(*source);
     try {
       bin::input::SetInput(InputBin(), input);
@@ -131,6 +131,7 @@ class Pipeline::Impl {
       }
       throw;
     }
+    // As a whole, so that all count the time from the same moment on; then each for itself, which tells what fails.
     if (enable_) {
       gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_PLAYING);
     }

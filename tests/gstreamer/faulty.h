@@ -23,6 +23,7 @@ struct Faults {
 
   std::atomic<int> answer = kFollows;          ///< The answer to a request for any state, instead of following it.
   std::atomic<GstStateChange> fails = kNone;   ///< The state change that fails, with an ERROR message.
+  std::atomic<bool> once = false;              ///< Whether it does so once only.
   std::atomic<GstStateChange> blocks = kNone;  ///< The state change that takes a second.
   std::atomic<bool> refuses_caps = false;
   std::atomic<GstFlowReturn> flow = GST_FLOW_OK;  ///< The answer to a frame; kDrops lets none through.
@@ -50,6 +51,7 @@ inline void InitializeClass(gpointer type, gpointer /*data*/) {
       std::this_thread::sleep_for(std::chrono::seconds(1));
     }
     if (change == Of(element).fails) {
+      Of(element).fails = Of(element).once ? Faults::kNone : change;
       GST_ELEMENT_ERROR(element, CORE, STATE_CHANGE, ("told to fail"), (nullptr));
       return GST_STATE_CHANGE_FAILURE;
     }

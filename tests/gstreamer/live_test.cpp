@@ -3,6 +3,7 @@
 #include "mox/gstreamer/session.h"
 #include "tests/gstreamer/elements.h"
 #include "tests/gstreamer/faulty.h"
+#include "tests/logging/capture.h"
 
 #include <atomic>
 #include <cstdio>
@@ -15,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gst/gst.h>
 #include <gtest/gtest.h>
 
@@ -43,7 +45,7 @@ void ChangeFilters(Pipeline& pipeline, const std::vector<const char*>& factories
 
 TEST_F(Live, ThousandFilterChangesBackToBackLoseNothing) {
   for (const auto& [paced, standing, callers] :
-       {std::tuple(false, "identity", std::size_t{1}), std::tuple(true, "queue", std::size_t{3})}) {
+       {std::tuple(false, "identity", std::size_t{1}), std::tuple(true, "queue", std::size_t{4})}) {
     Stream stream(paced);
     const auto stays = Make(standing, "standing");
     stream.pipeline.AddFilters({stays});
@@ -62,6 +64,8 @@ TEST_F(Live, ThousandFilterChangesBackToBackLoseNothing) {
     stream.watch.ExpectWhole();
     EXPECT_EQ(stream.Graph(), "[standing]");
     EXPECT_EQ(GST_STATE(stays.Get()), GST_STATE_PLAYING);
+    stream.pipeline.EraseFilters({stays});
+    AwaitLastReference(stays);
   }
 }
 
@@ -316,55 +320,84 @@ TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
   stream.pipeline.AddOutputs({converting.Element()});
   converting.AwaitFrames();
   EXPECT_EQ(stream.pipeline.GetOutputs().size(), 3U);
+  EXPECT_EQ(Ptr<GstElement>(gst_bin_get_by_name(&stream.OutputBin(), "output_tee"))->numsrcpads, 3);
   stream.watch.AwaitFrames();
   stream.watch.ExpectWhole(1);
 }
 
-TEST_F(Live, TheSizeChangesAlsoBehindAQueueOfTheInput) {
-  Stream stream;
-  stream.pipeline.SetInput(Parse("videotestsrc pattern=black ! capsfilter caps=video/x-raw,framerate=60/1 ! queue"));
-  stream.Play();
-  const auto size = [&] {
-    const Ptr<GstPad> pad(gst_element_get_static_pad(stream.watch.Element().Get(), "sink"));
-    const Ptr<GstCaps> caps(gst_pad_get_current_caps(pad.Get()));
-    return caps ? g_value_get_int(gst_structure_get_value(gst_caps_get_structure(caps.Get(), 0), "width")) : 0;
-  };
-  for (const int width : {32, 64, 48, 16}) {
-    const auto filter = Parse("capsfilter caps=video/x-raw,height=16,width=" + std::to_string(width));
-    Within(seconds(20), "a change", [&] {
-      stream.pipeline.AddFilters({filter});
-      stream.watch.AwaitFrames(100);
-      EXPECT_EQ(size(), width);
-      stream.pipeline.EraseFilters({filter});
-    });
-    stream.watch.AwaitFrames(100);
+// The stream takes another format for the new output, for which the filters are stopped and started.
+TEST_F(Live, AnOutputThatTheFiltersDoNotStartForIsRefused) {
+  for (int i = 0; i < 20; ++i) {
+    Stream stream(true);
+    const auto filter = faulty::Make("refusing");
+    faulty::Of(filter.Get()).once = true;
+    stream.pipeline.AddFilters({filter});
+    stream.Play();
+    faulty::Of(filter.Get()).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
+    const auto output = Parse("capsfilter caps=video/x-raw,format=RGB ! fakesink");
+    EXPECT_THROW(stream.pipeline.AddOutputs({output}), std::runtime_error);
+    AwaitLastReference(output);
+    EXPECT_EQ(Ptr<GstElement>(gst_bin_get_by_name(&stream.OutputBin(), "output_tee"))->numsrcpads, 1);
+    stream.watch.AwaitFrames(10);
+    stream.watch.ExpectWhole(1);
   }
-  EXPECT_EQ(stream.watch.Misplaced() + stream.watch.Eos(), 0U);
-  EXPECT_EQ(CountProbes(*GST_BIN(&stream.pipeline.Get())), 1) << "only the one of the watch";
 }
 
-// A flush takes away the EOS that drains the filters; here a filter does, and the flush comes after it.
-TEST_F(Live, AFlushingSeekEndsTheDrain) {
+TEST_F(Live, TheFormatChangesWithTheFilters) {
+  constexpr std::size_t kTimes = 20;
+  constexpr auto kSmall = "capsfilter caps=video/x-raw,width=32,height=16";
+  for (const auto& [end_of_input, description, given_up] : {
+           std::tuple("", "edgetv ! identity", 2 * kTimes),
+           std::tuple("", "videoflip ! identity", 2 * kTimes),
+           std::tuple("", kSmall, 2 * kTimes),
+           // What is in a queue of the input cannot be had in another size.
+           std::tuple(" ! queue", kSmall, 201 * 2 * kTimes),
+       }) {
+    Stream stream;
+    stream.pipeline.SetInput(
+        Parse(std::string("videotestsrc pattern=black ! capsfilter caps=video/x-raw,framerate=60/1") + end_of_input));
+    stream.Play();
+    const Ptr<GstPad> sink(gst_element_get_static_pad(stream.watch.Element().Get(), "sink"));
+    const Ptr<GstCaps> before(gst_pad_get_current_caps(sink.Get()));
+    const auto has_changed = [&] {
+      return gst_caps_is_equal(Ptr<GstCaps>(gst_pad_get_current_caps(sink.Get())).Get(), before.Get()) == FALSE;
+    };
+    for (std::size_t i = 0; i < kTimes; ++i) {
+      const auto filter = Parse(description);
+      Within(seconds(20), "a change", [&] { stream.pipeline.AddFilters({filter}); });
+      Await("another format", has_changed);
+      Within(seconds(20), "a change", [&] { stream.pipeline.EraseFilters({filter}); });
+      Await("the format of before", [&] { return !has_changed(); });
+    }
+    stream.watch.AwaitFrames();
+    stream.watch.ExpectWhole(given_up);
+    EXPECT_EQ(CountProbes(*GST_BIN(&stream.pipeline.Get())), 1) << "only the one of the watch";
+  }
+}
+
+// A flush takes away the EOS that drains the filters. Here a filter swallows it, and the flush comes after it.
+TEST_F(Live, AFilterChangeOutlastsAFlushingSeek) {
   Stream stream;
-  std::atomic<int> swallowed = 0;
-  const auto swallow = [](GstPad*, GstPadProbeInfo* info, gpointer count) {
+  std::atomic<bool> next = false;
+  const auto swallow = [](GstPad*, GstPadProbeInfo* info, gpointer swallows) {
     const bool is_eos = GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS;
-    *static_cast<std::atomic<int>*>(count) += is_eos ? 1 : 0;
-    return is_eos ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
+    const bool drop = is_eos && static_cast<std::atomic<bool>*>(swallows)->exchange(false);
+    return drop ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
   };
   const auto filter = Make("queue", "filter");
   gst_pad_add_probe(Ptr<GstPad>(gst_element_get_static_pad(filter.Get(), "sink")).Get(),
-                    GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, swallow, &swallowed, nullptr);
+                    GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, swallow, &next, nullptr);
   stream.pipeline.AddFilters({filter});
   stream.Play();
   for (int i = 1; i <= 10; ++i) {
+    next = true;
     auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({Make("identity")}); });
-    Await("the drain", [&] { return swallowed == i; });
+    Await("the drain", [&] { return !next; });
     Within(seconds(20), "a seek", [&] {
       gst_element_seek_simple(GST_ELEMENT(&stream.pipeline.Get()), GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, 0);
       change.get();
     });
-    EXPECT_EQ(stream.pipeline.GetFilters().size(), 1U + i);
+    EXPECT_EQ(stream.pipeline.GetFilters().size(), static_cast<std::size_t>(1 + i));
     stream.watch.AwaitFrames(10);
   }
   EXPECT_EQ(stream.watch.Eos(), 0U);
@@ -388,7 +421,11 @@ TEST(LiveLog, EverythingLoggedOverAChangingPipeline) {
   ASSERT_NE(std::freopen("/dev/null", "w", stderr), nullptr);
   mox::gstreamer::Session session;
   Stream stream(true);
-  stream.Play();
+  {
+    const mox::logging::Capture capture;
+    stream.Play();
+    EXPECT_THAT(capture.GetLines(), testing::Contains(testing::HasSubstr("GObject Type: GstFakeSink")));
+  }
   Within(seconds(100), "a change", [&] { ChangeFilters(stream.pipeline, {"queue", "videoflip"}, 20); });
   stream.pipeline.SetInput(MakeSource(true));
   stream.watch.AwaitFrames();

@@ -101,7 +101,8 @@ TEST(Property, TakesWhatKeepsTheValue) {
   ExpectError([&] { number = 4.1; }, "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not 4.1");
   ExpectError([&] { number = "4"; }, "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not \"4\"");
   ExpectError([&] { text = 4; }, "The 'gain' property takes a mox.property.String, not 4");
-  ExpectError([&] { static_cast<void>(int{number}); }, "The value 0.5 of the 'gain' property cannot be read as mox.property.Int32");
+  ExpectError([&] { static_cast<void>(int{number}); },
+              "The value 0.5 of the 'gain' property cannot be read as mox.property.Int32");
   const Property& property = text = "\xc3\xa9";
   EXPECT_STREQ(property, "\xc3\xa9");
 }

@@ -139,14 +139,16 @@ namespace {
 
 using Change = std::function<void(GstBin&, Filters)>;
 
-// Catches the EOS that follows the data out of the filter bin; events ahead of it pass. A flush, which takes the EOS
-// away together with what was to be drained, counts as well. Unlike a PadProbe it looks at every event, since a filter
-// may emit its own first, on the very thread that brings the EOS.
+// Catches the EOS that follows the data out of the filter bin; events ahead of it pass. A flush takes the EOS away,
+// together with what was to be drained. Unlike a PadProbe it looks at every event, since a filter may emit its own
+// first, on the very thread that brings the EOS.
 class Drain {
  public:
-  explicit Drain(GstPad& pad) : pad_(pad), caught_(std::make_shared<Caught>()) {
-    auto for_events = std::make_unique<std::shared_ptr<Caught>>(caught_);
-    auto for_flush = std::make_unique<std::shared_ptr<Caught>>(caught_);
+  enum class Outcome { kDrained, kFlushed };
+
+  explicit Drain(GstPad& pad) : pad_(pad), end_(std::make_shared<End>()) {
+    auto for_events = std::make_unique<std::shared_ptr<End>>(end_);
+    auto for_flush = std::make_unique<std::shared_ptr<End>>(end_);
     constexpr auto events =
         static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM);
     events_ = gst_pad_add_probe(&pad_, events, OnEvent, for_events.release(), Release);
@@ -160,52 +162,57 @@ class Drain {
     gst_pad_remove_probe(&pad_, events_);
   }
 
-  bool IsCaught() const { return caught_->flag; }
-  void Wait() { caught_->promise.get_future().wait(); }
+  bool HasEnded() const { return end_->told; }
+  Outcome Wait() { return end_->promise.get_future().get(); }
 
  private:
-  struct Caught {
-    std::atomic<bool> flag = false;
-    std::promise<void> promise;
+  struct End {
+    std::atomic<bool> told = false;
+    std::promise<Outcome> promise;
   };
 
-  static GstPadProbeReturn OnEvent(GstPad* pad, GstPadProbeInfo* info, gpointer data) noexcept {
+  static GstPadProbeReturn OnEvent(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data) noexcept {
     if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) != GST_EVENT_EOS) {
       return GST_PAD_PROBE_PASS;
     }
-    OnFlush(pad, info, data);
+    Tell(data, Outcome::kDrained);
     return GST_PAD_PROBE_DROP;
   }
 
   static GstPadProbeReturn OnFlush(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer data) noexcept {
-    auto& caught = **static_cast<std::shared_ptr<Caught>*>(data);
-    if (!caught.flag.exchange(true)) {
-      caught.promise.set_value();
-    }
+    Tell(data, Outcome::kFlushed);
     return GST_PAD_PROBE_OK;
   }
 
-  static void Release(gpointer data) noexcept { delete static_cast<std::shared_ptr<Caught>*>(data); }
+  static void Tell(gpointer data, Outcome outcome) {
+    auto& end = **static_cast<std::shared_ptr<End>*>(data);
+    if (!end.told.exchange(true)) {
+      end.promise.set_value(outcome);
+    }
+  }
+
+  static void Release(gpointer data) noexcept { delete static_cast<std::shared_ptr<End>*>(data); }
 
   GstPad& pad_;
-  std::shared_ptr<Caught> caught_;
+  std::shared_ptr<End> end_;
   gulong events_ = 0;
   gulong flush_ = 0;
 };
 
 // Sends an EOS through the filter bin and catches it behind the last of the data, which may be on a filter's own
-// thread.
-void DrainFilterBin(GstPad& sink, GstPad& source) {
+// thread; false if a flush has come between.
+bool DrainFilterBin(GstPad& upstream, GstPad& sink, GstPad& source) {
   // Without a segment no frame has come: there is none to drain, and some filters keep an EOS then.
   if (!Ptr<GstEvent>(gst_pad_get_sticky_event(&sink, GST_EVENT_SEGMENT, 0))) {
-    return;
+    return true;
   }
   Drain drain(source);
   const auto eos = check::event::MakeEos("Event Error: ");
   // A chain that refuses the EOS, being open or dead, has nothing left to drain and would keep us waiting for ever.
-  if (gst_pad_send_event(&sink, eos.Ref()) != FALSE || drain.IsCaught()) {
-    drain.Wait();
+  if (gst_pad_send_event(&sink, eos.Ref()) != FALSE || drain.HasEnded()) {
+    return drain.Wait() == Drain::Outcome::kDrained;
   }
+  return !GST_PAD_IS_FLUSHING(&upstream);
 }
 
 // Puts the chain back that was there before a change, whatever the failed change has left behind.
@@ -257,8 +264,8 @@ void ChangeDrained(GstBin& filterBin, const Change& change, const Filters& filte
   }
 }
 
-// Runs a change on the filter bin while data flows: hold, drain, change, release.
-void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
+// Holds, drains, changes and releases; false if nothing was done because a flush has come between.
+bool TryBlock(GstBin& filterBin, const Change& change, const Filters& filters) {
   const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
   const auto upstream = check::pad::GetPeer(*sink, kPadError);
   const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", kElementError);
@@ -267,6 +274,7 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
   // Who comes first settles whether the change is made. Shared, for a callback that is late may outlast this call.
   const auto decided = std::make_shared<std::atomic<bool>>(false);
   std::exception_ptr error;
+  bool done = true;
   // Runs on the streaming thread that holds the item. The change is made here rather than where the EOS is caught:
   // there the EOS is still on its way back through the pads, and a filter's own thread cannot stop itself.
   PadProbe probe(*upstream, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [&, decided](GstPad& pad, GstPadProbeInfo&) {
@@ -274,7 +282,10 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
       return GST_PAD_PROBE_OK;
     }
     try {
-      DrainFilterBin(*sink, *source);
+      done = DrainFilterBin(pad, *sink, *source);
+      if (!done) {
+        return GST_PAD_PROBE_OK;
+      }
       ChangeDrained(filterBin, change, filters, before);
     } catch (...) {
       error = std::current_exception();
@@ -297,15 +308,23 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
     gst_pad_send_event(&pad, gst_event_new_reconfigure());
     return GST_PAD_PROBE_OK;
   });
-  auto done = probe.GetFuture();
+  const auto called = probe.GetFuture();
   // The end of the stream may have passed before the probe was there, or an input may be missing; nothing would ever
   // reach it.
   if ((GST_PAD_IS_EOS(upstream.Get()) || !GST_PAD_IS_ACTIVE(upstream.Get())) && !decided->exchange(true)) {
     throw std::runtime_error("Cannot change the filters because the stream has ended");
   }
-  done.wait();
+  called.wait();
   if (error) {
     std::rethrow_exception(error);
+  }
+  return done;
+}
+
+// Runs a change on the filter bin while data flows. What a flush takes away is not held any more, and what comes after
+// it is held anew.
+void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
+  while (!TryBlock(filterBin, change, filters)) {
   }
 }
 

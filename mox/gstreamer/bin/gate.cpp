@@ -8,29 +8,39 @@
 namespace mox::gstreamer::bin {
 namespace {
 
-GstPadProbeReturn OnOutdated(GstPad* source, GstPadProbeInfo* info, gpointer /*data*/) noexcept {
+GstPadProbeReturn OnOutdated(GstPad* sink, GstPadProbeInfo* info, gpointer /*data*/) noexcept {
   const bool is_event = (info->type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) != 0;
   const GstEventType event = is_event ? GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) : GST_EVENT_UNKNOWN;
   if (is_event && event != GST_EVENT_CAPS && event != GST_EVENT_EOS) {
     return GST_PAD_PROBE_OK;
   }
-  const Ptr<GstPad> sink(gst_pad_get_peer(source));
-  // Also of a caps event that is just passing.
-  const Ptr<GstCaps> format(gst_pad_get_current_caps(source));
-  const bool is_outdated = event != GST_EVENT_EOS && sink && format && !Takes(*sink, *format);
-  return is_outdated ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_REMOVE;
+  const Ptr<GstPad> source(gst_pad_get_peer(sink));
+  // The sink has none of a caps event that was dropped.
+  const Ptr<GstCaps> format(source ? gst_pad_get_current_caps(source.Get()) : nullptr);
+  if (event != GST_EVENT_EOS && format && !Takes(*sink, *format)) {
+    return GST_PAD_PROBE_DROP;
+  }
+  const Ptr<GstCaps> known(gst_pad_get_current_caps(sink));
+  if (is_event || !format || known == format) {
+    return GST_PAD_PROBE_REMOVE;
+  }
+  // On its way the event takes this probe off.
+  gst_pad_send_event(sink, gst_event_new_caps(format.Get()));
+  return GST_PAD_PROBE_OK;
 }
 
-// Keeps frames that nothing behind takes any more from the element that they come through to the pad, which would end
-// the stream. There are some where a queue stands before it; the source itself follows the change of format.
+// Keeps frames that nothing behind takes any more from the element that leads to the pad, which they would have end the
+// stream. There are some where a queue stands before it; the source itself follows the change of format.
 void DropOutdated(GstPad& source) {
   const Ptr<GstPad> target(GST_IS_GHOST_PAD(&source) ? gst_ghost_pad_get_target(GST_GHOST_PAD(&source)) : nullptr);
   const Ptr<GstElement> element(target ? gst_pad_get_parent_element(target.Get()) : nullptr);
-  const Ptr<GstPad> sink(element ? gst_element_get_static_pad(element.Get(), "sink") : nullptr);
-  const Ptr<GstPad> upstream(sink ? gst_pad_get_peer(sink.Get()) : nullptr);
-  if (upstream) {
-    gst_pad_add_probe(upstream.Get(), GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, OnOutdated, nullptr, nullptr);
+  if (const Ptr<GstPad> sink(element ? gst_element_get_static_pad(element.Get(), "sink") : nullptr); sink) {
+    gst_pad_add_probe(sink.Get(), GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, OnOutdated, nullptr, nullptr);
   }
+}
+
+bool HasStart(GstPad& pad) {
+  return static_cast<bool>(Ptr<GstEvent>(gst_pad_get_sticky_event(&pad, GST_EVENT_STREAM_START, 0)));
 }
 
 GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*/) noexcept {
@@ -48,6 +58,10 @@ GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*
     case GST_EVENT_STREAM_START:
       return GST_PAD_PROBE_OK;
     case GST_EVENT_CAPS:
+      if (HasStart(*source) && !HasStart(*sink)) {
+        // It was held while the pad was sending its events one by one, and is now ahead of those to be sent again.
+        return GST_PAD_PROBE_DROP;
+      }
       gst_event_parse_caps(event, &format);
       if (Takes(*sink, *format)) {
         return GST_PAD_PROBE_OK;

@@ -257,30 +257,6 @@ void RemoveDummy(GstBin& outputBin, GstElement& tee) {
   check::bin::RemoveElement(outputBin, *dummy, kBinError);
 }
 
-void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, bool first) {
-  const auto queue = check::element::Make("queue", nullptr, kElementError);
-  LetAllocationOvertake(*queue);
-  // A pipeline that is still starting must find the branch either not yet there or running.
-  std::optional<StateLock> lock(*GST_ELEMENT(&outputBin));
-  Add(outputBin, element);
-  try {
-    Add(outputBin, queue);
-    {
-      const WithoutPreroll without_preroll(element);
-      Sync(*element);
-    }
-    Sync(*queue);
-    lock.reset();
-    check::element::LinkElement(*queue, *element, kElementError);
-    Join(tee, *queue, first);
-  } catch (...) {
-    lock.emplace(*GST_ELEMENT(&outputBin));
-    TakeOut(outputBin, *element);
-    TakeOut(outputBin, *queue);
-    throw;
-  }
-}
-
 // Starts a branch anew after its element refused to stop; false if it cannot run any more.
 bool Restart(const gstreamer::pipeline::Output& output) noexcept {
   try {
@@ -318,6 +294,34 @@ void Detach(GstBin& outputBin, GstElement& tee, const gstreamer::pipeline::Outpu
   muted.Release(tee, *output.queue);
   check::bin::RemoveElement(outputBin, *output.element, kBinError);
   check::bin::RemoveElement(outputBin, *output.queue, kBinError);
+}
+
+void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, bool first) {
+  const auto queue = check::element::Make("queue", nullptr, kElementError);
+  LetAllocationOvertake(*queue);
+  // A pipeline that is still starting must find the branch either not yet there or running.
+  std::optional<StateLock> lock(*GST_ELEMENT(&outputBin));
+  Add(outputBin, element);
+  try {
+    Add(outputBin, queue);
+    {
+      const WithoutPreroll without_preroll(element);
+      Sync(*element);
+    }
+    Sync(*queue);
+    lock.reset();
+    check::element::LinkElement(*queue, *element, kElementError);
+    Join(tee, *queue, first);
+  } catch (...) {
+    // What was linked before the filters refused to start again goes as any other branch.
+    if (gst_pad_is_linked(GetSink(*queue).Get()) != FALSE) {
+      Detach(outputBin, tee, {queue, element});
+    }
+    lock.emplace(*GST_ELEMENT(&outputBin));
+    TakeOut(outputBin, *element);
+    TakeOut(outputBin, *queue);
+    throw;
+  }
 }
 
 }  // namespace
