@@ -58,7 +58,7 @@ GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*
     case GST_EVENT_STREAM_START:
       return GST_PAD_PROBE_OK;
     case GST_EVENT_CAPS:
-      if (HasStart(*source) && !HasStart(*sink)) {
+      if (!HasStart(*sink) && HasStart(*source)) {
         // It was held while the pad was sending its events one by one, and is now ahead of those to be sent again.
         return GST_PAD_PROBE_DROP;
       }
