@@ -257,6 +257,14 @@ void ChangeDrained(GstBin& filterBin, const Change& change, const Filters& filte
   }
 }
 
+// Whether nothing will come to the pad any more: the end of the stream has passed, or an input is missing. Of a failure
+// an input with a queue of its own tells its source alone, and sends no EOS. What is just passing may be the last.
+bool HasEnded(GstPad& pad) {
+  PadProbe idle(pad, GST_PAD_PROBE_TYPE_IDLE, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+  idle.GetFuture().wait();
+  return GST_PAD_IS_EOS(&pad) || !GST_PAD_IS_ACTIVE(&pad) || gst_pad_get_last_flow_return(&pad) <= GST_FLOW_EOS;
+}
+
 // Runs a change on the filter bin while data flows: hold, drain, change, release.
 void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
   const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
@@ -298,10 +306,15 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
     return GST_PAD_PROBE_OK;
   });
   auto done = probe.GetFuture();
-  // The end of the stream may have passed before the probe was there, or an input may be missing; nothing would ever
-  // reach it.
-  if ((GST_PAD_IS_EOS(upstream.Get()) || !GST_PAD_IS_ACTIVE(upstream.Get())) && !decided->exchange(true)) {
-    throw std::runtime_error("Cannot change the filters because the stream has ended");
+  try {
+    if (HasEnded(*upstream)) {
+      throw std::runtime_error("Cannot change the filters because the stream has ended");
+    }
+  } catch (...) {
+    // A change that is being made already is seen through.
+    if (!decided->exchange(true)) {
+      throw;
+    }
   }
   done.wait();
   if (error) {
