@@ -1,4 +1,5 @@
 #include "mox/gstreamer/bus.h"
+#include "mox/gstreamer/pad_probe.h"
 #include "mox/gstreamer/plugin/path/resolve/from_library_name.h"
 #include "mox/logging/logger.h"
 #include "tests/allocations.h"
@@ -210,6 +211,35 @@ TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
   faulty::Of(told.Get()).flow = GST_FLOW_OK;
   EXPECT_EQ(stream.Graph(), "[closing]");
   stream.watch.AwaitFrames();
+}
+
+// An input with a queue of its own sends no EOS when a frame fails, here the one that passes while a change waits.
+TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
+  Stream stream;
+  stream.pipeline.SetInput(
+      Parse("videotestsrc pattern=black ! capsfilter caps=video/x-raw,width=16,height=16 ! queue"));
+  const auto filter = faulty::Make("filter");
+  stream.pipeline.AddFilters({filter});
+  stream.Play();
+  const Ptr<GstPad> held(gst_element_get_static_pad(GST_ELEMENT(&stream.FilterBin()), "sink"));
+  const Ptr<GstPad> upstream(gst_pad_get_peer(held.Get()));
+  const auto change = [&] { return ErrorOf([&] { stream.pipeline.AddFilters({Make("identity")}); }); };
+  std::future<std::string> waiting;
+  const mox::gstreamer::PadProbe passing(*held, GST_PAD_PROBE_TYPE_BUFFER, [&](GstPad&, GstPadProbeInfo&) {
+    waiting = std::async(std::launch::async, change);
+    Await("the change", [&] { return upstream->num_probes > 0; });
+    faulty::Of(filter.Get()).flow = GST_FLOW_ERROR;
+    return GST_PAD_PROBE_OK;
+  });
+  Await("a failure", [&] { return gst_pad_get_last_flow_return(upstream.Get()) == GST_FLOW_ERROR; });
+  Within(kBounded, "a change", [&] {
+    EXPECT_EQ(waiting.get(), "Cannot change the filters because the stream has ended");
+    EXPECT_EQ(change(), "Cannot change the filters because the stream has ended");
+  });
+  faulty::Of(filter.Get()).flow = GST_FLOW_OK;
+  stream.pipeline.SetInput(MakeSource());
+  stream.watch.AwaitFrames();
+  EXPECT_EQ(change(), "no error");
 }
 
 TEST_F(Faulty, ABusMayBeFloodedAndACallbackSlow) {

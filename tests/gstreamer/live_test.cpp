@@ -415,6 +415,33 @@ TEST_F(Live, OutputsThatAgreeWithEachOtherButNotWithTheFiltersAreRefused) {
   stream.watch.ExpectWhole();
 }
 
+// As some elements do, the overlays of text for example.
+TEST_F(Live, AFilterThatTakesAnyForNoFormatHasOutputs) {
+  Stream stream;
+  const auto filter = Make("identity");
+  const Ptr<GstPad> pad(gst_element_get_static_pad(filter.Get(), "src"));
+  static const GstPadQueryFunction own = GST_PAD_QUERYFUNC(pad.Get());
+  gst_pad_set_query_function(pad.Get(), [](GstPad* source, GstObject* parent, GstQuery* query) -> gboolean {
+    GstCaps* asked = nullptr;
+    if (GST_QUERY_TYPE(query) == GST_QUERY_CAPS) {
+      gst_query_parse_caps(query, &asked);
+    }
+    if (asked == nullptr || gst_caps_is_any(asked) == FALSE) {
+      return own(source, parent, query);
+    }
+    gst_query_set_caps_result(query, Ptr<GstCaps>(gst_caps_new_empty()).Get());
+    return TRUE;
+  });
+  stream.pipeline.AddFilters({filter});
+  const Watch beside(MakeSink());
+  stream.pipeline.AddOutputs({beside.Element()});
+  stream.Play();
+  beside.AwaitFrames();
+  stream.pipeline.EraseOutputs({beside.Element(), stream.watch.Element()});
+  stream.pipeline.AddOutputs({stream.watch.Element()});
+  stream.watch.AwaitFrames();
+}
+
 TEST(LiveLog, EverythingLoggedOverAChangingPipeline) {
   g_setenv("GST_DEBUG", "*:7", TRUE);
   g_setenv("MOX_LOG_LEVEL", "all", TRUE);

@@ -264,6 +264,14 @@ void ChangeDrained(GstBin& filterBin, const Change& change, const Filters& filte
   }
 }
 
+// Whether nothing will come to the pad any more: the end of the stream has passed, or an input is missing. Of a failure
+// an input with a queue of its own tells its source alone, and sends no EOS. What is just passing may be the last.
+bool HasEnded(GstPad& pad) {
+  PadProbe idle(pad, GST_PAD_PROBE_TYPE_IDLE, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+  idle.GetFuture().wait();
+  return GST_PAD_IS_EOS(&pad) || !GST_PAD_IS_ACTIVE(&pad) || gst_pad_get_last_flow_return(&pad) <= GST_FLOW_EOS;
+}
+
 // Holds, drains, changes and releases; false if nothing was done because a flush has come between.
 bool TryBlock(GstBin& filterBin, const Change& change, const Filters& filters) {
   const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
@@ -309,10 +317,15 @@ bool TryBlock(GstBin& filterBin, const Change& change, const Filters& filters) {
     return GST_PAD_PROBE_OK;
   });
   const auto called = probe.GetFuture();
-  // The end of the stream may have passed before the probe was there, or an input may be missing; nothing would ever
-  // reach it.
-  if ((GST_PAD_IS_EOS(upstream.Get()) || !GST_PAD_IS_ACTIVE(upstream.Get())) && !decided->exchange(true)) {
-    throw std::runtime_error("Cannot change the filters because the stream has ended");
+  try {
+    if (HasEnded(*upstream)) {
+      throw std::runtime_error("Cannot change the filters because the stream has ended");
+    }
+  } catch (...) {
+    // A change that is being made already is seen through.
+    if (!decided->exchange(true)) {
+      throw;
+    }
   }
   called.wait();
   if (error) {

@@ -67,7 +67,7 @@ MOX_EXPORT std::string GetGraph(GstBin& filterBin);
  * put back.
  *
  * @throws std::runtime_error "Cannot change the filters because the stream has ended" if the end of the stream has
- * passed already, so that nothing can reach the bin any more; nothing is changed
+ * passed already, or the stream has failed, so that nothing can reach the bin any more; nothing is changed
  */
 ///@{
 MOX_EXPORT void BlockAddFilters(GstBin& filterBin, std::vector<Ptr<GstElement>> filters);

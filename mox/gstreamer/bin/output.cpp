@@ -206,11 +206,11 @@ bool IsOfFilterBin(GstPad& pad) {
 }
 
 // Refuses a branch that shares no format with the input and the other branches. A tee would link it, and the stream
-// would end at the next frame.
+// would end at the next frame. The input is asked without a filter, for some elements take "any" for no format at all.
 void CheckFormats(GstElement& tee, GstElement& first, bool alone) {
   const auto sink = GetSink(tee);
-  const Ptr<GstCaps> others(alone ? gst_caps_new_any() : gst_pad_query_caps(sink.Get(), nullptr));
-  const Ptr<GstCaps> possible(gst_pad_peer_query_caps(sink.Get(), others.Get()));
+  const Ptr<GstCaps> sent(gst_pad_peer_query_caps(sink.Get(), nullptr));
+  const Ptr<GstCaps> possible(alone ? sent.Ref() : gst_pad_query_caps(sink.Get(), sent.Get()));
   if (!Takes(*GetSink(first), *possible)) {
     check::Fail(kElementError, "Failed to link element '", element::GetFullName(tee), "' with element '",
                 element::GetFullName(first), "'");
