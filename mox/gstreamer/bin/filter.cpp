@@ -144,8 +144,6 @@ using Change = std::function<void(GstBin&, Filters)>;
 // first, on the very thread that brings the EOS.
 class Drain {
  public:
-  enum class Outcome { kDrained, kFlushed };
-
   explicit Drain(GstPad& pad) : pad_(pad), end_(std::make_shared<End>()) {
     auto for_events = std::make_unique<std::shared_ptr<End>>(end_);
     auto for_flush = std::make_unique<std::shared_ptr<End>>(end_);
@@ -163,31 +161,32 @@ class Drain {
   }
 
   bool HasEnded() const { return end_->told; }
-  Outcome Wait() { return end_->promise.get_future().get(); }
+  // False where a flush came first.
+  bool Wait() { return end_->is_drained.get_future().get(); }
 
  private:
   struct End {
     std::atomic<bool> told = false;
-    std::promise<Outcome> promise;
+    std::promise<bool> is_drained;
   };
 
   static GstPadProbeReturn OnEvent(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data) noexcept {
     if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) != GST_EVENT_EOS) {
       return GST_PAD_PROBE_PASS;
     }
-    Tell(data, Outcome::kDrained);
+    Tell(data, true);
     return GST_PAD_PROBE_DROP;
   }
 
   static GstPadProbeReturn OnFlush(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer data) noexcept {
-    Tell(data, Outcome::kFlushed);
+    Tell(data, false);
     return GST_PAD_PROBE_OK;
   }
 
-  static void Tell(gpointer data, Outcome outcome) {
+  static void Tell(gpointer data, bool is_drained) {
     auto& end = **static_cast<std::shared_ptr<End>*>(data);
     if (!end.told.exchange(true)) {
-      end.promise.set_value(outcome);
+      end.is_drained.set_value(is_drained);
     }
   }
 
@@ -210,7 +209,7 @@ bool DrainFilterBin(GstPad& upstream, GstPad& sink, GstPad& source) {
   const auto eos = check::event::MakeEos("Event Error: ");
   // A chain that refuses the EOS, being open or dead, has nothing left to drain and would keep us waiting for ever.
   if (gst_pad_send_event(&sink, eos.Ref()) != FALSE || drain.HasEnded()) {
-    return drain.Wait() == Drain::Outcome::kDrained;
+    return drain.Wait();
   }
   return !GST_PAD_IS_FLUSHING(&upstream);
 }
