@@ -327,7 +327,7 @@ TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
 
 // The stream takes another format for the new output, for which the filters are stopped and started.
 TEST_F(Live, AnOutputThatTheFiltersDoNotStartForIsRefused) {
-  for (int i = 0; i < 20; ++i) {
+  for (int i = 0; i < 5; ++i) {
     Stream stream(true);
     const auto filter = faulty::Make("refusing");
     faulty::Of(filter.Get()).once = true;
