@@ -400,6 +400,24 @@ TEST_F(Live, AFilterChangeOutlastsAFlushingSeek) {
     EXPECT_EQ(stream.pipeline.GetFilters().size(), static_cast<std::size_t>(1 + i));
     stream.watch.AwaitFrames(10);
   }
+  // Changes and seeks as they happen to meet; GStreamer warns of events that come out of order.
+  std::atomic<int> warnings = 0;
+  const auto warn = [](const gchar*, GLogLevelFlags, const gchar*, gpointer count) {
+    ++*static_cast<std::atomic<int>*>(count);
+  };
+  const guint handler = g_log_set_handler("GStreamer", G_LOG_LEVEL_WARNING, warn, &warnings);
+  std::atomic<bool> stop = false;
+  auto seeks = std::async(std::launch::async, [&] {
+    while (!stop) {
+      gst_element_seek_simple(GST_ELEMENT(&stream.pipeline.Get()), GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, 0);
+    }
+  });
+  Within(seconds(60), "a change", [&] { ChangeFilters(stream.pipeline, {"identity", "queue"}, 200); });
+  stop = true;
+  Within(seconds(20), "a seek", [&] { seeks.get(); });
+  stream.watch.AwaitFrames(10);
+  g_log_remove_handler("GStreamer", handler);
+  EXPECT_EQ(warnings, 0);
   EXPECT_EQ(stream.watch.Eos(), 0U);
   stream.pipeline.SetEnable(false);
 }

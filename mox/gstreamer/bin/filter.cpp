@@ -308,6 +308,10 @@ bool TryBlock(GstBin& filterBin, const Change& change, const Filters& filters) {
         gst_pad_send_event(sink.Get(), gst_event_copy(start.Get()));
       }
     }
+    // A flush that met the stopped filters has not come through to the outputs, which its end would wait for.
+    if (GST_PAD_IS_FLUSHING(&pad)) {
+      gst_pad_send_event(sink.Get(), gst_event_new_flush_start());
+    }
     SpareAllocation(*source);
     // What was held has the format of the old chain. Where the new one does not take it, a held frame is given up and
     // the converter negotiates afresh.
