@@ -105,8 +105,10 @@ TEST(Session, BringsGstreamerUpAndDown) {
     gst_object_unref(feature);
   }
 
-  gst_debug_set_default_threshold(GST_LEVEL_INFO);  // with which GStreamer tells that it goes down
   const Capture logged;
+  gst_debug_set_default_threshold(GST_LEVEL_DEBUG);
+  GST_DEBUG("below the threshold of the logger");
+  gst_debug_set_default_threshold(GST_LEVEL_INFO);  // with which GStreamer tells that it goes down
   GST_WARNING("careful");
   EXPECT_THAT(logged.GetLines(), AllOf(SizeIs(3), Each(EndsWith(": careful")))) << "Each session logs";
   static bool down = false;

@@ -96,6 +96,8 @@ TEST(Property, TakesWhatKeepsTheValue) {
   EXPECT_TRUE(Takes<bool>(1) && Takes<int>(true) && !Takes<bool>(2) && !Takes<bool>(0.5));
   EXPECT_TRUE(Takes<int>(10, {0, 10}) && !Takes<int>(11, {0, 10}) && !Takes<int>(-1L, {0, 10}));
 
+  EXPECT_EQ(double{Make<int>(-3)}, -3.0);
+  EXPECT_EQ(int{Make<float>(4)}, 4);
   auto text = Make<std::string>("5");
   auto number = Make<float>(0.5F, {0, 4});
   ExpectError([&] { number = 4.1; }, "The 'gain' property takes a mox.property.Float from 0.0 to 4.0, not 4.1");

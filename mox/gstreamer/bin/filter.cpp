@@ -265,7 +265,7 @@ void ChangeDrained(GstBin& filterBin, const Change& change, const Filters& filte
 
 // Whether nothing will come to the pad any more: the end of the stream has passed, or an input is missing. Of a failure
 // an input with a queue of its own tells its source alone, and sends no EOS. What is just passing may be the last.
-bool HasEnded(GstPad& pad) {
+bool HasStreamEnded(GstPad& pad) {
   PadProbe idle(pad, GST_PAD_PROBE_TYPE_IDLE, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
   idle.GetFuture().wait();
   return GST_PAD_IS_EOS(&pad) || !GST_PAD_IS_ACTIVE(&pad) || gst_pad_get_last_flow_return(&pad) <= GST_FLOW_EOS;
@@ -321,7 +321,7 @@ bool TryBlock(GstBin& filterBin, const Change& change, const Filters& filters) {
   });
   const auto called = probe.GetFuture();
   try {
-    if (HasEnded(*upstream)) {
+    if (HasStreamEnded(*upstream)) {
       throw std::runtime_error("Cannot change the filters because the stream has ended");
     }
   } catch (...) {
