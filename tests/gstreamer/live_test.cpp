@@ -344,7 +344,7 @@ TEST_F(Live, AnOutputThatTheFiltersDoNotStartForIsRefused) {
 }
 
 TEST_F(Live, TheFormatChangesWithTheFilters) {
-  constexpr std::size_t kTimes = 20;
+  constexpr std::size_t kTimes = 60;
   constexpr auto kSmall = "capsfilter caps=video/x-raw,width=32,height=16";
   for (const auto& [end_of_input, description, given_up] : {
            std::tuple("", "edgetv ! identity", 2 * kTimes),
@@ -365,9 +365,11 @@ TEST_F(Live, TheFormatChangesWithTheFilters) {
     for (std::size_t i = 0; i < kTimes; ++i) {
       const auto filter = Parse(description);
       Within(seconds(20), "a change", [&] { stream.pipeline.AddFilters({filter}); });
-      Await("another format", has_changed);
+      // Most come before the source has followed the one of before.
+      const bool settles = i < kTimes / 6;
+      Await("another format", [&] { return !settles || has_changed(); });
       Within(seconds(20), "a change", [&] { stream.pipeline.EraseFilters({filter}); });
-      Await("the format of before", [&] { return !has_changed(); });
+      Await("the format of before", [&] { return !settles || !has_changed(); });
     }
     stream.watch.AwaitFrames();
     stream.watch.ExpectWhole(given_up);

@@ -5,37 +5,71 @@
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/pad_probe.h"
 
+#include <new>
+
 namespace mox::gstreamer::bin {
 namespace {
 
-GstPadProbeReturn OnOutdated(GstPad* sink, GstPadProbeInfo* info, gpointer /*data*/) noexcept {
+constexpr auto kTaken = "mox-taken";
+
+// The format of which the probe on a pad that feeds the converter knows that the chain takes it; null without a probe.
+Ptr<GstCaps>* FindTaken(GstPad& feed) {
+  return static_cast<Ptr<GstCaps>*>(g_object_get_data(G_OBJECT(&feed), kTaken));
+}
+
+GstPadProbeReturn OnFed(GstPad* feed, GstPadProbeInfo* info, gpointer data) noexcept {
   const bool is_event = (info->type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) != 0;
+  const bool is_query = (info->type & GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM) != 0;
   const GstEventType event = is_event ? GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) : GST_EVENT_UNKNOWN;
-  if (is_event && event != GST_EVENT_CAPS && event != GST_EVENT_EOS) {
+  const Ptr<GstPad> sink(gst_pad_get_peer(feed));
+  if (!sink || event == GST_EVENT_STREAM_START ||
+      (is_query && GST_QUERY_TYPE(GST_PAD_PROBE_INFO_QUERY(info)) != GST_QUERY_ALLOCATION)) {
     return GST_PAD_PROBE_OK;
   }
-  const Ptr<GstPad> source(gst_pad_get_peer(sink));
-  // The sink has none of a caps event that was dropped.
-  const Ptr<GstCaps> format(source ? gst_pad_get_current_caps(source.Get()) : nullptr);
-  if (event != GST_EVENT_EOS && format && !Takes(*sink, *format)) {
-    return GST_PAD_PROBE_DROP;
+  if (is_event && event != GST_EVENT_CAPS && event != GST_EVENT_EOS) {
+    // Nothing may come ahead of the caps.
+    return gst_pad_has_current_caps(sink.Get()) != FALSE ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
   }
-  const Ptr<GstCaps> known(gst_pad_get_current_caps(sink));
-  if (is_event || !format || known == format) {
+  const Ptr<GstCaps> format(gst_pad_get_current_caps(feed));
+  auto& taken = *static_cast<Ptr<GstCaps>*>(data);
+  if (event != GST_EVENT_EOS && format && format != taken) {
+    if (!Takes(*sink, *format)) {
+      return GST_PAD_PROBE_DROP;
+    }
+    taken = format;
+  }
+  // A source asks for an allocation once it has followed the change, so that all of the time before is through.
+  if (is_query || event == GST_EVENT_EOS) {
+    g_object_steal_data(G_OBJECT(feed), kTaken);
     return GST_PAD_PROBE_REMOVE;
   }
-  // On its way the event takes this probe off.
-  gst_pad_send_event(sink, gst_event_new_caps(format.Get()));
   return GST_PAD_PROBE_OK;
 }
 
-// Keeps frames that nothing behind takes any more from the element that leads to the pad, which they would have end the
-// stream. There are some where a queue stands before it; the source itself follows the change of format.
-void DropOutdated(GstPad& source) {
+// The pad that feeds the element which the source pad leads out of, if there is one.
+Ptr<GstPad> GetFeed(GstPad& source) {
   const Ptr<GstPad> target(GST_IS_GHOST_PAD(&source) ? gst_ghost_pad_get_target(GST_GHOST_PAD(&source)) : nullptr);
   const Ptr<GstElement> element(target ? gst_pad_get_parent_element(target.Get()) : nullptr);
-  if (const Ptr<GstPad> sink(element ? gst_element_get_static_pad(element.Get(), "sink") : nullptr); sink) {
-    gst_pad_add_probe(sink.Get(), GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, OnOutdated, nullptr, nullptr);
+  const Ptr<GstPad> sink(element ? gst_element_get_static_pad(element.Get(), "sink") : nullptr);
+  return Ptr<GstPad>(sink ? gst_pad_get_peer(sink.Get()) : nullptr);
+}
+
+// Keeps what nothing behind takes any more from the element that leads to the pad, which would end the stream. There is
+// some where a queue stands before it; the source itself follows the change of format. Sticky events that are dropped
+// are sent again by the pad, in order.
+void DropOutdated(GstPad& source) {
+  const auto feed = GetFeed(source);
+  if (!feed) {
+    return;
+  }
+  if (auto* const taken = FindTaken(*feed); taken != nullptr) {
+    *taken = {};
+  } else if (auto* const none = new (std::nothrow) Ptr<GstCaps>; none != nullptr) {
+    g_object_set_data(G_OBJECT(feed.Get()), kTaken, none);
+    constexpr auto data_or_query =
+        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM | GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM);
+    gst_pad_add_probe(feed.Get(), data_or_query, OnFed, none,
+                      [](gpointer data) { delete static_cast<Ptr<GstCaps>*>(data); });
   }
 }
 
@@ -50,7 +84,14 @@ GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*
   }
   const bool has_caps = gst_pad_has_current_caps(sink.Get()) != FALSE;
   if ((info->type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) == 0) {
-    return has_caps ? GST_PAD_PROBE_REMOVE : GST_PAD_PROBE_DROP;
+    if (!has_caps) {
+      return GST_PAD_PROBE_DROP;
+    }
+    const auto feed = GetFeed(*source);
+    if (auto* const taken = feed ? FindTaken(*feed) : nullptr; taken != nullptr) {
+      *taken = Ptr<GstCaps>(gst_pad_get_current_caps(feed.Get()));
+    }
+    return GST_PAD_PROBE_REMOVE;
   }
   GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
   GstCaps* format = nullptr;
@@ -63,11 +104,7 @@ GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*
         return GST_PAD_PROBE_DROP;
       }
       gst_event_parse_caps(event, &format);
-      if (Takes(*sink, *format)) {
-        return GST_PAD_PROBE_OK;
-      }
-      DropOutdated(*source);
-      return GST_PAD_PROBE_DROP;
+      return Takes(*sink, *format) ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
     case GST_EVENT_EOS:
       return GST_PAD_PROBE_REMOVE;
     default:
@@ -127,6 +164,7 @@ bool Takes(GstPad& sink, GstCaps& format) {
 }
 
 void AddGate(GstPad& source) {
+  DropOutdated(source);
   gst_pad_add_probe(&source, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, OnItem, nullptr, nullptr);
 }
 
