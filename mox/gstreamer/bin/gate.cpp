@@ -7,6 +7,8 @@
 
 #include <new>
 
+#include <gst/base/gstbasetransform.h>
+
 namespace mox::gstreamer::bin {
 namespace {
 
@@ -46,12 +48,12 @@ GstPadProbeReturn OnFed(GstPad* feed, GstPadProbeInfo* info, gpointer data) noex
   return GST_PAD_PROBE_OK;
 }
 
-// The pad that feeds the element which the source pad leads out of, if there is one.
+// The pad that feeds the converter which the source pad leads out of, if there is one; all of it is one thread's.
 Ptr<GstPad> GetFeed(GstPad& source) {
   const Ptr<GstPad> target(GST_IS_GHOST_PAD(&source) ? gst_ghost_pad_get_target(GST_GHOST_PAD(&source)) : nullptr);
   const Ptr<GstElement> element(target ? gst_pad_get_parent_element(target.Get()) : nullptr);
-  const Ptr<GstPad> sink(element ? gst_element_get_static_pad(element.Get(), "sink") : nullptr);
-  return Ptr<GstPad>(sink ? gst_pad_get_peer(sink.Get()) : nullptr);
+  return Ptr<GstPad>(GST_IS_BASE_TRANSFORM(element.Get()) ? gst_pad_get_peer(GST_BASE_TRANSFORM_SINK_PAD(element.Get()))
+                                                          : nullptr);
 }
 
 // Keeps what nothing behind takes any more from the element that leads to the pad, which would end the stream. There is
