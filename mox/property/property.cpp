@@ -34,6 +34,11 @@ T Property::Read() const {
   if (GetTypeHash() == own) {
     return static_cast<const Primitive<T>&>(*this).GetValue();
   }
+  return ReadAs<T>();
+}
+
+template <typename T>
+T Property::ReadAs() const {
   const Value value = Get();
   if (auto converted = Convert<T>(value)) {
     return *std::move(converted);

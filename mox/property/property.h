@@ -105,6 +105,9 @@ class MOX_EXPORT Property : public object::Object {
   // Instantiated in the library for the ten value types.
   template <typename T>
   T Read() const;
+  // By way of another type; apart, for it needs room on the stack that the usual way does not.
+  template <typename T>
+  T ReadAs() const;
 
   const std::string name_;
   const std::string nice_name_;
