@@ -46,6 +46,8 @@ class MOX_EXPORT Primitive final : public Property {
 
   /** The value. Of a text, a copy. */
   T GetValue() const;
+  /** Copies the value into what the caller has, which spares a text the memory. */
+  void CopyValue(T& value) const;
 
   /** For numbers: `minimum` and `maximum`. */
   const Limits<T>& GetLimits() const noexcept { return limits_; }

@@ -58,8 +58,14 @@ template float Property::Read() const;
 template double Property::Read() const;
 
 Property::operator const char*() const {
-  text_read = Read<std::string>();
-  return text_read.c_str();
+  constexpr auto own = HashTypeName(kTypeName<std::string>);
+  std::string& text = text_read;
+  if (GetTypeHash() == own) {
+    static_cast<const Primitive<std::string>&>(*this).CopyValue(text);
+  } else {
+    text = ReadAs<std::string>();
+  }
+  return text.c_str();
 }
 
 std::ostream& operator<<(std::ostream& stream, const Property& property) {
