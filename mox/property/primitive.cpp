@@ -53,12 +53,6 @@ T Primitive<T>::GetValue() const {
 }
 
 template <typename T>
-void Primitive<T>::CopyValue(T& value) const {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  value = value_;
-}
-
-template <typename T>
 void Primitive<T>::Set(const Value& value) {
   auto converted = Convert<T>(value);
   if (!converted || !IsWithin(*converted, limits_)) {

@@ -46,8 +46,6 @@ class MOX_EXPORT Primitive final : public Property {
 
   /** The value. Of a text, a copy. */
   T GetValue() const;
-  /** Copies the value into what the caller has, which spares a text the memory. */
-  void CopyValue(T& value) const;
 
   /** For numbers: `minimum` and `maximum`. */
   const Limits<T>& GetLimits() const noexcept { return limits_; }
@@ -58,6 +56,9 @@ class MOX_EXPORT Primitive final : public Property {
   void Write(std::ostream& stream) const override;
 
  private:
+  // Copies a text into memory that it has already.
+  friend class Property;
+
   mutable std::mutex mutex_;
   T value_;
   const Limits<T> limits_;

@@ -3,7 +3,9 @@
 #include "mox/property/convert.h"
 #include "mox/property/primitive.h"
 
+#include <mutex>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace mox::property {
@@ -61,7 +63,9 @@ Property::operator const char*() const {
   constexpr auto own = HashTypeName(kTypeName<std::string>);
   std::string& text = text_read;
   if (GetTypeHash() == own) {
-    static_cast<const Primitive<std::string>&>(*this).CopyValue(text);
+    const auto& primitive = static_cast<const Primitive<std::string>&>(*this);
+    const std::lock_guard<std::mutex> lock(primitive.mutex_);
+    text = primitive.value_;
   } else {
     text = ReadAs<std::string>();
   }

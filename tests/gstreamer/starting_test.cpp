@@ -1,7 +1,10 @@
+#include "mox/gstreamer/pad_probe.h"
 #include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
 #include <atomic>
+#include <future>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -12,6 +15,7 @@
 namespace {
 
 using namespace live;  // NOLINT(google-build-using-namespace)
+using mox::gstreamer::PadProbe;
 using std::chrono::seconds;
 
 using Starting = live::Test;
@@ -137,6 +141,30 @@ TEST_F(Starting, ChangesAreRefusedWithoutAnInput) {
     stream.pipeline.SetInput(MakeSource());
   });
   stream.watch.AwaitFrames();
+}
+
+TEST_F(Starting, AChangeOfSizeComesAheadOfAllThatWaitsInTheInput) {
+  Stream stream;
+  const auto input = Parse("videotestsrc ! capsfilter caps=video/x-raw,framerate=60/1 ! queue name=waiting");
+  const Ptr<GstElement> queue(gst_bin_get_by_name(GST_BIN(input.Get()), "waiting"));
+  const Ptr<GstPad> pad(gst_element_get_static_pad(queue.Get(), "src"));
+  stream.pipeline.SetInput(input);
+  std::optional<PadProbe> held(std::in_place, *pad, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
+                               [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+  stream.pipeline.SetEnable(true);
+  const Ptr<GstPad> filled(gst_element_get_static_pad(queue.Get(), "sink"));
+  Await("a size in the queue", [&] { return gst_pad_has_current_caps(filled.Get()) != FALSE; });
+  const Ptr<GstElement> input_bin(gst_bin_get_by_name(GST_BIN(&stream.pipeline.Get()), "input_bin"));
+  const Ptr<GstPad> entrance(gst_element_get_static_pad(input_bin.Get(), "src"));
+  Within(seconds(20), "a change", [&] {
+    auto change = std::async(std::launch::async, [&] {
+      stream.pipeline.AddFilters({Parse("capsfilter caps=video/x-raw,width=32,height=16")});
+    });
+    Await("the change", [&] { return gst_pad_is_blocked(entrance.Get()) != FALSE; });
+    held.reset();
+    change.get();
+  });
+  stream.watch.AwaitFrames(10);
 }
 
 // As some do that put several streams together.
