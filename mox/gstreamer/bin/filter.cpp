@@ -161,32 +161,31 @@ class Drain {
   }
 
   bool HasEnded() const { return end_->told; }
-  // False where a flush came first.
-  bool Wait() { return end_->is_drained.get_future().get(); }
+  void Wait() { end_->is_drained.get_future().wait(); }
 
  private:
   struct End {
     std::atomic<bool> told = false;
-    std::promise<bool> is_drained;
+    std::promise<void> is_drained;
   };
 
   static GstPadProbeReturn OnEvent(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data) noexcept {
     if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) != GST_EVENT_EOS) {
       return GST_PAD_PROBE_PASS;
     }
-    Tell(data, true);
+    Tell(data);
     return GST_PAD_PROBE_DROP;
   }
 
   static GstPadProbeReturn OnFlush(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer data) noexcept {
-    Tell(data, false);
+    Tell(data);
     return GST_PAD_PROBE_OK;
   }
 
-  static void Tell(gpointer data, bool is_drained) {
+  static void Tell(gpointer data) {
     auto& end = **static_cast<std::shared_ptr<End>*>(data);
     if (!end.told.exchange(true)) {
-      end.is_drained.set_value(is_drained);
+      end.is_drained.set_value();
     }
   }
 
@@ -199,19 +198,19 @@ class Drain {
 };
 
 // Sends an EOS through the filter bin and catches it behind the last of the data, which may be on a filter's own
-// thread; false if a flush has come between.
-bool DrainFilterBin(GstPad& upstream, GstPad& sink, GstPad& source) {
+// thread.
+void DrainFilterBin(GstPad& sink, GstPad& source) {
   // Without a segment no frame has come: there is none to drain, and some filters keep an EOS then.
   if (!Ptr<GstEvent>(gst_pad_get_sticky_event(&sink, GST_EVENT_SEGMENT, 0))) {
-    return true;
+    return;
   }
   Drain drain(source);
   const auto eos = check::event::MakeEos("Event Error: ");
-  // A chain that refuses the EOS, being open or dead, has nothing left to drain and would keep us waiting for ever.
+  // A chain that refuses the EOS, being open, dead or flushing, has nothing left to drain and would keep us waiting for
+  // ever.
   if (gst_pad_send_event(&sink, eos.Ref()) != FALSE || drain.HasEnded()) {
-    return drain.Wait();
+    drain.Wait();
   }
-  return !GST_PAD_IS_FLUSHING(&upstream);
 }
 
 // Puts the chain back that was there before a change, whatever the failed change has left behind.
@@ -271,8 +270,8 @@ bool HasStreamEnded(GstPad& pad) {
   return GST_PAD_IS_EOS(&pad) || !GST_PAD_IS_ACTIVE(&pad) || gst_pad_get_last_flow_return(&pad) <= GST_FLOW_EOS;
 }
 
-// Holds, drains, changes and releases; false if nothing was done because a flush has come between.
-bool TryBlock(GstBin& filterBin, const Change& change, const Filters& filters) {
+// Runs a change on the filter bin while data flows: holds, drains, changes and releases.
+void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
   const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
   const auto upstream = check::pad::GetPeer(*sink, kPadError);
   const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", kElementError);
@@ -281,7 +280,6 @@ bool TryBlock(GstBin& filterBin, const Change& change, const Filters& filters) {
   // Who comes first settles whether the change is made. Shared, for a callback that is late may outlast this call.
   const auto decided = std::make_shared<std::atomic<bool>>(false);
   std::exception_ptr error;
-  bool done = true;
   // Runs on the streaming thread that holds the item. The change is made here rather than where the EOS is caught:
   // there the EOS is still on its way back through the pads, and a filter's own thread cannot stop itself.
   PadProbe probe(*upstream, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [&, decided](GstPad& pad, GstPadProbeInfo&) {
@@ -289,10 +287,7 @@ bool TryBlock(GstBin& filterBin, const Change& change, const Filters& filters) {
       return GST_PAD_PROBE_OK;
     }
     try {
-      done = DrainFilterBin(pad, *sink, *source);
-      if (!done) {
-        return GST_PAD_PROBE_OK;
-      }
+      DrainFilterBin(*sink, *source);
       ChangeDrained(filterBin, change, filters, before);
     } catch (...) {
       error = std::current_exception();
@@ -333,14 +328,6 @@ bool TryBlock(GstBin& filterBin, const Change& change, const Filters& filters) {
   called.wait();
   if (error) {
     std::rethrow_exception(error);
-  }
-  return done;
-}
-
-// Runs a change on the filter bin while data flows. What a flush takes away is not held any more, and what comes after
-// it is held anew.
-void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
-  while (!TryBlock(filterBin, change, filters)) {
   }
 }
 
