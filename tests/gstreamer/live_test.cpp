@@ -373,7 +373,7 @@ TEST_F(Live, TheFormatChangesWithTheFilters) {
     }
     stream.watch.AwaitFrames();
     stream.watch.ExpectWhole(given_up);
-    EXPECT_EQ(CountProbes(*GST_BIN(&stream.pipeline.Get())), 1) << "only the one of the watch";
+    Await("only the probe of the watch", [&] { return CountProbes(*GST_BIN(&stream.pipeline.Get())) == 1; });
   }
 }
 

@@ -5,50 +5,77 @@
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/pad_probe.h"
 
-#include <new>
-
 #include <gst/base/gstbasetransform.h>
 
 namespace mox::gstreamer::bin {
 namespace {
 
+// On a pad that feeds the converter: its probe, while there is one, and the format that is known to be taken.
+constexpr auto kProbe = "mox-outdated";
 constexpr auto kTaken = "mox-taken";
 
-// The format of which the probe on a pad that feeds the converter knows that the chain takes it; null without a probe.
-Ptr<GstCaps>* FindTaken(GstPad& feed) {
-  return static_cast<Ptr<GstCaps>*>(g_object_get_data(G_OBJECT(&feed), kTaken));
+gulong TakeProbe(GstPad& feed) {
+  return GPOINTER_TO_SIZE(g_object_steal_data(G_OBJECT(&feed), kProbe));
 }
 
-GstPadProbeReturn OnFed(GstPad* feed, GstPadProbeInfo* info, gpointer data) noexcept {
-  const bool is_event = (info->type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) != 0;
-  const bool is_query = (info->type & GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM) != 0;
-  const GstEventType event = is_event ? GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) : GST_EVENT_UNKNOWN;
+void SetTaken(GstPad& feed, const Ptr<GstCaps>& format) {
+  const auto unref = [](gpointer caps) { gst_caps_unref(static_cast<GstCaps*>(caps)); };
+  g_object_set_data_full(G_OBJECT(&feed), kTaken, format.Ref(), unref);
+}
+
+bool IsTaken(GstPad& feed, GstPad& sink) {
+  const Ptr<GstCaps> format(gst_pad_get_current_caps(&feed));
+  // Another thread may be setting it, where the input switches between several.
+  const auto ref = [](gpointer caps, gpointer) -> gpointer {
+    return caps != nullptr ? gst_caps_ref(static_cast<GstCaps*>(caps)) : nullptr;
+  };
+  const Ptr<GstCaps> taken(static_cast<GstCaps*>(g_object_dup_data(G_OBJECT(&feed), kTaken, ref, nullptr)));
+  if (!format || format == taken) {
+    return true;
+  }
+  if (!Takes(sink, *format)) {
+    return false;
+  }
+  SetTaken(feed, format);
+  return true;
+}
+
+GstPadProbeReturn LeaveFeed(GstPad& feed) {
+  SetTaken(feed, {});
+  // The next change may be taking it off at the same time.
+  return TakeProbe(feed) != 0 ? GST_PAD_PROBE_REMOVE : GST_PAD_PROBE_OK;
+}
+
+GstPadProbeReturn OnFed(GstPad* feed, GstPadProbeInfo* info, gpointer /*data*/) noexcept {
   const Ptr<GstPad> sink(gst_pad_get_peer(feed));
-  if (!sink || event == GST_EVENT_STREAM_START ||
-      (is_query && GST_QUERY_TYPE(GST_PAD_PROBE_INFO_QUERY(info)) != GST_QUERY_ALLOCATION)) {
+  if (!sink) {
     return GST_PAD_PROBE_OK;
   }
-  if (is_event && event != GST_EVENT_CAPS && event != GST_EVENT_EOS) {
-    // Nothing may come ahead of the caps.
-    return gst_pad_has_current_caps(sink.Get()) != FALSE ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
-  }
-  const Ptr<GstCaps> format(gst_pad_get_current_caps(feed));
-  auto& taken = *static_cast<Ptr<GstCaps>*>(data);
-  if (event != GST_EVENT_EOS && format && format != taken) {
-    if (!Takes(*sink, *format)) {
-      return GST_PAD_PROBE_DROP;
+  if ((info->type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) != 0) {
+    switch (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info))) {
+      case GST_EVENT_STREAM_START:
+        return GST_PAD_PROBE_OK;
+      case GST_EVENT_CAPS:
+        break;
+      case GST_EVENT_EOS:
+        return LeaveFeed(*feed);
+      default:
+        // Nothing may come ahead of the caps.
+        return gst_pad_has_current_caps(sink.Get()) != FALSE ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
     }
-    taken = format;
+  }
+  const bool is_query = (info->type & GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM) != 0;
+  if (is_query && GST_QUERY_TYPE(GST_PAD_PROBE_INFO_QUERY(info)) != GST_QUERY_ALLOCATION) {
+    return GST_PAD_PROBE_OK;
+  }
+  if (!IsTaken(*feed, *sink)) {
+    return GST_PAD_PROBE_DROP;
   }
   // A source asks for an allocation once it has followed the change, so that all of the time before is through.
-  if (is_query || event == GST_EVENT_EOS) {
-    g_object_steal_data(G_OBJECT(feed), kTaken);
-    return GST_PAD_PROBE_REMOVE;
-  }
-  return GST_PAD_PROBE_OK;
+  return is_query ? LeaveFeed(*feed) : GST_PAD_PROBE_OK;
 }
 
-// The pad that feeds the converter which the source pad leads out of, if there is one; all of it is one thread's.
+// The pad that feeds the converter which the source pad leads out of, if there is one.
 Ptr<GstPad> GetFeed(GstPad& source) {
   const Ptr<GstPad> target(GST_IS_GHOST_PAD(&source) ? gst_ghost_pad_get_target(GST_GHOST_PAD(&source)) : nullptr);
   const Ptr<GstElement> element(target ? gst_pad_get_parent_element(target.Get()) : nullptr);
@@ -56,23 +83,19 @@ Ptr<GstPad> GetFeed(GstPad& source) {
                                                           : nullptr);
 }
 
-// Keeps what nothing behind takes any more from the element that leads to the pad, which would end the stream. There is
-// some where a queue stands before it; the source itself follows the change of format. Sticky events that are dropped
-// are sent again by the pad, in order.
-void DropOutdated(GstPad& source) {
-  const auto feed = GetFeed(source);
-  if (!feed) {
-    return;
+// Keeps what nothing behind takes any more from the converter that leads to the pad, which would end the stream. There
+// is some where a queue stands before it; the source itself follows the change of format. Sticky events that are
+// dropped are sent again by the pad, in order.
+void WatchFeed(GstPad& feed) {
+  if (const gulong earlier = TakeProbe(feed); earlier != 0) {
+    gst_pad_remove_probe(&feed, earlier);
   }
-  if (auto* const taken = FindTaken(*feed); taken != nullptr) {
-    *taken = {};
-  } else if (auto* const none = new (std::nothrow) Ptr<GstCaps>; none != nullptr) {
-    g_object_set_data(G_OBJECT(feed.Get()), kTaken, none);
-    constexpr auto data_or_query =
-        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM | GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM);
-    gst_pad_add_probe(feed.Get(), data_or_query, OnFed, none,
-                      [](gpointer data) { delete static_cast<Ptr<GstCaps>*>(data); });
-  }
+  // What was taken before the change may not be any more.
+  SetTaken(feed, {});
+  constexpr auto data_or_query =
+      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM | GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM);
+  const gulong probe = gst_pad_add_probe(&feed, data_or_query, OnFed, nullptr, nullptr);
+  g_object_set_data(G_OBJECT(&feed), kProbe, GSIZE_TO_POINTER(probe));
 }
 
 bool HasStart(GstPad& pad) {
@@ -89,9 +112,8 @@ GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*
     if (!has_caps) {
       return GST_PAD_PROBE_DROP;
     }
-    const auto feed = GetFeed(*source);
-    if (auto* const taken = feed ? FindTaken(*feed) : nullptr; taken != nullptr) {
-      *taken = Ptr<GstCaps>(gst_pad_get_current_caps(feed.Get()));
+    if (const auto feed = GetFeed(*source); feed) {
+      SetTaken(*feed, Ptr<GstCaps>(gst_pad_get_current_caps(feed.Get())));
     }
     return GST_PAD_PROBE_REMOVE;
   }
@@ -166,7 +188,9 @@ bool Takes(GstPad& sink, GstCaps& format) {
 }
 
 void AddGate(GstPad& source) {
-  DropOutdated(source);
+  if (const auto feed = GetFeed(source); feed) {
+    WatchFeed(*feed);
+  }
   gst_pad_add_probe(&source, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, OnItem, nullptr, nullptr);
 }
 

@@ -16,9 +16,9 @@ bool Takes(GstPad& sink, GstCaps& format);
  * frames may still have a format of the time before. The gate opens for good with the first frame in a format that is
  * taken, and leaves nothing behind. Sticky events that it drops are sent again by the pad, in order.
  *
- * The same is kept from the converter itself, which cannot change the size of a frame, until its source asks for an
- * allocation: that it does once it has followed the change. A source that never asks, as one fed by hand, is looked at
- * from then on.
+ * The same is kept from the converter itself, which cannot change the size of a frame, until what feeds it asks for an
+ * allocation: a source does once it has followed the change. One that never asks, as one fed by hand, is looked at from
+ * then on.
  */
 void AddGate(GstPad& source);
 
