@@ -100,7 +100,7 @@ class FaultsTest : public testing::TestWithParam<Fault> {
   /** An element told of the fault, in a bin made of a description. */
   Ptr<GstElement> MakeFaulty(const char* description) {
     auto bin = Parse(description);
-    told = Ptr<GstElement>(gst_bin_get_by_name(GST_BIN(bin.Get()), "told"));
+    told = Find(*GST_BIN(bin.Get()), "told");
     GetParam().tell(faulty::Of(told.Get()));
     return bin;
   }
@@ -187,7 +187,7 @@ TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
   const auto input = Parse(kFaultyInput);
   stream.pipeline.SetInput(input);
   stream.Play();
-  const Ptr<GstElement> told(gst_bin_get_by_name(GST_BIN(input.Get()), "told"));
+  const auto told = Find(*GST_BIN(input.Get()), "told");
   faulty::Of(told.Get()).flow = Faults::kDrops;
   Await("a dropped frame", [&] { return faulty::Of(told.Get()).dropped > 0; });
   auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({Make("identity", "late")}); });
@@ -221,7 +221,7 @@ TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
   const auto filter = faulty::Make("filter");
   stream.pipeline.AddFilters({filter});
   stream.Play();
-  const Ptr<GstPad> held(gst_element_get_static_pad(GST_ELEMENT(&stream.FilterBin()), "sink"));
+  const auto held = PadOf(*GST_ELEMENT(&stream.FilterBin()), "sink");
   const Ptr<GstPad> upstream(gst_pad_get_peer(held.Get()));
   const auto change = [&] { return ErrorOf([&] { stream.pipeline.AddFilters({Make("identity")}); }); };
   std::future<std::string> waiting;
