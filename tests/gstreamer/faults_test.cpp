@@ -29,6 +29,7 @@ using faulty::Faults;
 using std::chrono::seconds;
 
 constexpr auto kBounded = seconds(10);
+constexpr auto kEnded = "Cannot change the filters because the stream has ended";
 
 /** What comes of a faulty element in a playing pipeline. */
 enum Outcome {
@@ -139,7 +140,7 @@ TEST_P(FaultsTest, AsFilter) {
     stream->watch.ExpectWhole();
     EXPECT_EQ(stream->Graph(), outcome == kCannotStop ? "[" + std::string(GST_OBJECT_NAME(filter.Get())) + "]" : "[]");
   } else if (outcome == kEnds) {
-    EXPECT_EQ(ErrorOf(take), "Cannot change the filters because the stream has ended");
+    EXPECT_EQ(ErrorOf(take), kEnded);
   }
   Within(kBounded, "stopping", [&] { pipeline.SetEnable(false); });
   pipeline.EraseFilters(pipeline.GetFilters());
@@ -233,8 +234,8 @@ TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
   });
   Await("a failure", [&] { return gst_pad_get_last_flow_return(upstream.Get()) == GST_FLOW_ERROR; });
   Within(kBounded, "a change", [&] {
-    EXPECT_EQ(waiting.get(), "Cannot change the filters because the stream has ended");
-    EXPECT_EQ(change(), "Cannot change the filters because the stream has ended");
+    EXPECT_EQ(waiting.get(), kEnded);
+    EXPECT_EQ(change(), kEnded);
   });
   faulty::Of(filter.Get()).flow = GST_FLOW_OK;
   stream.pipeline.SetInput(MakeSource());
