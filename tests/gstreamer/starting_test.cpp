@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <stdexcept>
-#include <string>
 
 #include <gst/base/gstbasesink.h>
 #include <gst/gst.h>
