@@ -89,7 +89,7 @@ class Random {
     auto input = Counted(live::Parse(
         std::string("videotestsrc pattern=black is-live=") + (paced ? "true" : "false") +
         " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1,format=" + From(kFormats) + From(kEnds)));
-    if (const Ptr<GstElement> talker(gst_bin_get_by_name(GST_BIN(input.Get()), "talker")); talker) {
+    if (const auto talker = live::Find(*GST_BIN(input.Get()), "talker"); talker) {
       g_signal_connect(talker.Get(), "handoff", G_CALLBACK(Talk), nullptr);
     }
     return input;
@@ -459,7 +459,7 @@ void Walk(const Options& options, Figures& figures) {
     return gst_element_get_state(GST_ELEMENT(&whole), nullptr, nullptr, 0) != GST_STATE_CHANGE_ASYNC;
   });
   leaving.AwaitFrames(10);
-  const Ptr<GstElement> tee(gst_bin_get_by_name(&whole, "output_tee"));
+  const auto tee = live::Find(whole, "output_tee");
   if (!pipeline.GetFilters().empty() || !pipeline.GetOutputs().empty() || !pipeline.GetEnable() ||
       tee->numsrcpads != 1) {
     ground.Unexpected("what is left is not an empty playing pipeline");
