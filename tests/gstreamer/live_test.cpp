@@ -4,7 +4,6 @@
 #include "tests/gstreamer/faulty.h"
 
 #include <atomic>
-#include <exception>
 #include <future>
 #include <stdexcept>
 #include <string>
@@ -65,43 +64,20 @@ TEST_F(Live, EventsAheadOfTheDrainPass) {
   }
 }
 
-TEST_F(Live, FailedChangesLeaveTheStreamFlowing) {
+TEST_F(Live, WhatIsListedBeforeAMissingFilterIsGone) {
   Stream stream;
   const auto kept = Make("queue", "kept");
   const auto gone = Make("identity", "gone");
-  const auto audio = Make("audioconvert", "audio");
-  const auto wide = Parse("capsfilter caps=video/x-raw,width=32", "wide");
-  const auto refusing = faulty::Make("refusing");
-  faulty::Of(refusing.Get()).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
-  auto& pipeline = stream.pipeline;
-  pipeline.AddFilters({kept, gone});
+  const auto other = Make("identity");
+  stream.pipeline.AddFilters({kept, gone});
   stream.Play();
-  const std::string missing = "Cannot remove a filter that has not been added to the filters list";
-  const std::string unlinked =
-      "Element Error: Failed to link element 'sink_filter [sink_filter]' with element 'kept [kept]'";
-  const std::pair<Elements, std::string> additions[] = {
-      {{kept}, "Bin Error: Failed to add element 'kept [kept]' to bin 'filter_bin [filter_bin]'"},
-      {{gone, audio}, unlinked},
-      {{gone, wide}, unlinked},
-      {{gone, refusing},
-       "Element Error: Failed to sync the state of the element 'filter_bin [filter_bin]' with its parent"},
-      {{gone, {}}, "Cannot add a filter that is null"},
-  };
-  Within(seconds(60), "a failing change", [&] {
-    EXPECT_EQ(ErrorOf([&] { pipeline.EraseFilters({audio}); }), missing);
-    EXPECT_EQ(stream.Graph(), "[kept -> gone]");
-    EXPECT_EQ(ErrorOf([&] { pipeline.EraseFilters({gone, audio}); }), missing);
-    for (int i = 0; i < 5; ++i) {
-      for (const auto& [filters, text] : additions) {
-        EXPECT_EQ(ErrorOf<std::exception>([&, &added = filters] { pipeline.AddFilters(added); }), text);
-        EXPECT_EQ(stream.Graph(), "[kept]") << "what was listed before the missing one is gone";
-      }
-    }
-  });
-  EXPECT_EQ(stream.FilterBin().numchildren, 3);
+  for (const auto& [filters, left] : {std::pair(Elements{other}, "[kept -> gone]"), {{gone, other}, "[kept]"}}) {
+    EXPECT_EQ(ErrorOf([&, &erased = filters] { stream.pipeline.EraseFilters(erased); }),
+              "Cannot remove a filter that has not been added to the filters list");
+    EXPECT_EQ(stream.Graph(), left);
+  }
   stream.watch.AwaitFrames(100);
   stream.watch.ExpectWhole();
-  EXPECT_EQ(CountProbes(*GST_BIN(&pipeline.Get())), 1) << "only the one of the watch";
 }
 
 TEST_F(Live, AfterTheEndOrAFailedStartANewInputPlays) {
