@@ -424,12 +424,8 @@ void Walk(const Options& options, Figures& figures) {
   Ground ground(options, figures);
   auto& pipeline = ground.pipeline;
   GstBin& whole = *GST_BIN(&pipeline.Get());
-  const auto watch = [](GstBin& bin, const Watch::Judge& judge) {
-    return Watch(Ptr<GstElement>(GST_ELEMENT(gst_object_ref(&bin))), judge);
-  };
-  const Watch entering = watch(mox::gstreamer::bin::pipeline::GetFilterBin(whole),
-                               [&](auto... frames) { return ground.ledger.Enter(frames...); });
-  const Watch leaving = watch(mox::gstreamer::bin::pipeline::GetOutputBin(whole), ground.Arrive());
+  const Watch entering(live::Find(whole, "filter_bin"), [&](auto... frames) { return ground.ledger.Enter(frames...); });
+  const Watch leaving(live::Find(whole, "output_bin"), ground.Arrive());
   ground.leaving = &leaving;
   pipeline.SetInput(Random(options.seed, -1).MakeInput(options.live != 0));
   pipeline.SetEnable(true);

@@ -222,7 +222,7 @@ TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
   const auto filter = faulty::Make("filter");
   stream.pipeline.AddFilters({filter});
   stream.Play();
-  const auto held = PadOf(*GST_ELEMENT(&stream.FilterBin()), "sink");
+  const auto held = PadOf(*stream.Find("filter_bin"), "sink");
   const Ptr<GstPad> upstream(gst_pad_get_peer(held.Get()));
   const auto change = [&] { return ErrorOf([&] { stream.pipeline.AddFilters({Make("identity")}); }); };
   std::future<std::string> waiting;

@@ -2,7 +2,6 @@
 #define TESTS_GSTREAMER_LIVE_H
 
 #include "mox/gstreamer/bin/filter.h"
-#include "mox/gstreamer/bin/pipeline.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/pipeline.h"
@@ -203,9 +202,8 @@ struct Stream {
     watch.AwaitFrames();
   }
 
-  GstBin& FilterBin() { return mox::gstreamer::bin::pipeline::GetFilterBin(*GST_BIN(&pipeline.Get())); }
-  GstBin& OutputBin() { return mox::gstreamer::bin::pipeline::GetOutputBin(*GST_BIN(&pipeline.Get())); }
-  std::string Graph() { return mox::gstreamer::bin::filter::GetGraph(FilterBin()); }
+  Ptr<GstElement> Find(const char* name) { return live::Find(*GST_BIN(&pipeline.Get()), name); }
+  std::string Graph() { return mox::gstreamer::bin::filter::GetGraph(*GST_BIN(Find("filter_bin").Get())); }
 
   Watch watch{MakeSink("watched")};
   Pipeline pipeline{1, "stream"};

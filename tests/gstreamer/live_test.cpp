@@ -49,7 +49,7 @@ TEST_F(Live, EventsAheadOfTheDrainPass) {
       }
       return GST_PAD_PROBE_OK;
     });
-    AddProbe(*PadOf(*GST_ELEMENT(&stream.FilterBin()), "src"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+    AddProbe(*PadOf(*stream.Find("filter_bin"), "src"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
              [&](GstPad&, GstPadProbeInfo& info) {
                heard += EventType(info) == GST_EVENT_TAG ? 1 : 0;
                return GST_PAD_PROBE_OK;
@@ -88,7 +88,7 @@ TEST_F(Live, AfterTheEndOrAFailedStartANewInputPlays) {
   EXPECT_THROW(stream.pipeline.SetEnable(true), std::runtime_error);
   stream.pipeline.SetInput(Parse("videotestsrc num-buffers=5 ! identity"));
   EXPECT_EQ(stream.pipeline.GetState(), Pipeline::State::Stopped);
-  EXPECT_LE(GST_STATE(&stream.OutputBin()), GST_STATE_READY);
+  EXPECT_LE(GST_STATE(stream.Find("output_bin").Get()), GST_STATE_READY);
   Within(seconds(20), "a start", [&] { stream.pipeline.SetEnable(true); });
   Await("the end of the stream", [&] { return stream.watch.Eos() == 1; });
   EXPECT_EQ(stream.watch.Frames(), 5U);
@@ -157,14 +157,13 @@ TEST_F(Live, ThousandOutputsComeAndGoInTheMiddleOfEvents) {
     std::atomic<int> untold = 0;
     Stream stream;
     // Ahead of each frame goes an event with its number.
-    AddProbe(*PadOf(*GST_ELEMENT(&stream.OutputBin()), "sink"), GST_PAD_PROBE_TYPE_BUFFER,
-             [](GstPad& pad, GstPadProbeInfo& info) {
-               GstEvent* const event = gst_event_new_tag(gst_tag_list_new_empty());
-               gst_event_set_seqnum(event,
-                                    static_cast<guint32>(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info)) + 1));
-               gst_pad_send_event(&pad, event);
-               return GST_PAD_PROBE_OK;
-             });
+    AddProbe(
+        *PadOf(*stream.Find("output_bin"), "sink"), GST_PAD_PROBE_TYPE_BUFFER, [](GstPad& pad, GstPadProbeInfo& info) {
+          GstEvent* const event = gst_event_new_tag(gst_tag_list_new_empty());
+          gst_event_set_seqnum(event, static_cast<guint32>(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info)) + 1));
+          gst_pad_send_event(&pad, event);
+          return GST_PAD_PROBE_OK;
+        });
     const auto check = [&](GstPad& pad, GstPadProbeInfo& info) {
       const Ptr<GstEvent> event(gst_pad_get_sticky_event(&pad, GST_EVENT_TAG, 0));
       const guint64 number = GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info));
@@ -194,7 +193,7 @@ TEST_F(Live, ThousandOutputsComeAndGoInTheMiddleOfEvents) {
     stream.watch.AwaitFrames();
     EXPECT_EQ(untold, 0);
     EXPECT_EQ(stream.watch.Misplaced() + stream.watch.Eos() + (beside ? stream.watch.Lost() : 0), 0U);
-    EXPECT_EQ(Find(stream.OutputBin(), "output_tee")->numsrcpads, 1);
+    EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 1);
   }
 }
 
@@ -202,7 +201,7 @@ TEST_F(Live, ExchangesOfTheInputNeverEndTheStream) {
   for (const bool with_output : {true, false}) {
     const int exchanges = with_output ? 100 : 1000;
     Stream stream;
-    const Watch leaving(Ptr<GstElement>(GST_ELEMENT(gst_object_ref(&stream.OutputBin()))));
+    const Watch leaving(stream.Find("output_bin"));
     if (!with_output) {
       stream.pipeline.EraseOutputs({stream.watch.Element()});
     }
@@ -237,7 +236,7 @@ TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
   stream.pipeline.AddOutputs({converting.Element()});
   converting.AwaitFrames();
   EXPECT_EQ(stream.pipeline.GetOutputs().size(), 3U);
-  EXPECT_EQ(Find(stream.OutputBin(), "output_tee")->numsrcpads, 3);
+  EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 3);
   stream.watch.AwaitFrames();
   stream.watch.ExpectWhole(1);
 }
@@ -254,7 +253,7 @@ TEST_F(Live, AnOutputThatTheFiltersDoNotStartForIsRefused) {
     const auto output = Parse("capsfilter caps=video/x-raw,format=RGB ! fakesink");
     EXPECT_THROW(stream.pipeline.AddOutputs({output}), std::runtime_error);
     AwaitLastReference(output);
-    EXPECT_EQ(Find(stream.OutputBin(), "output_tee")->numsrcpads, 1);
+    EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 1);
     stream.watch.AwaitFrames(10);
     stream.watch.ExpectWhole(1);
   }
