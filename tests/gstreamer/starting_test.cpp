@@ -70,18 +70,6 @@ TEST_F(Starting, ErrorsDoNotKeepTheOthersFromPlaying) {
   }
 }
 
-TEST_F(Starting, InputsExchangedAtOncePlay) {
-  Stream stream;
-  for (int i = 0; i < 30; ++i) {
-    stream.pipeline.SetEnable(false);
-    stream.pipeline.SetInput(MakeSource(true));
-    stream.pipeline.SetEnable(true);
-    stream.pipeline.SetInput(MakeSource());
-    stream.pipeline.SetInput(MakeSource(true));
-    stream.watch.AwaitFrames();
-  }
-}
-
 TEST_F(Starting, TheTimeStartsAnewWithEveryInput) {
   Stream stream(true);
   stream.Play();
