@@ -126,50 +126,44 @@ TEST_F(Live, ChangesDoNotWaitForTheQueueOfASlowOutput) {
 }
 
 // An event must neither pass by a tee pad that comes in the middle of it nor fail at one that goes.
-TEST_F(Live, ThousandOutputsComeAndGoInTheMiddleOfEvents) {
-  for (const bool beside : {true, false}) {
-    std::atomic<int> arrived = 0;
-    std::atomic<int> untold = 0;
-    Stream stream;
-    // Ahead of each frame goes an event with its number.
-    AddProbe(
-        *PadOf(*stream.Find("output_bin"), "sink"), GST_PAD_PROBE_TYPE_BUFFER, [](GstPad& pad, GstPadProbeInfo& info) {
-          GstEvent* const event = gst_event_new_tag(gst_tag_list_new_empty());
-          gst_event_set_seqnum(event, static_cast<guint32>(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info)) + 1));
-          gst_pad_send_event(&pad, event);
-          return GST_PAD_PROBE_OK;
-        });
-    const auto check = [&](GstPad& pad, GstPadProbeInfo& info) {
-      const Ptr<GstEvent> event(gst_pad_get_sticky_event(&pad, GST_EVENT_TAG, 0));
-      const guint64 number = GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info));
-      untold += event && gst_event_get_seqnum(event.Get()) == number + 1 ? 0 : 1;
-      ++arrived;
-      return GST_PAD_PROBE_OK;
-    };
-    stream.Play();
-    if (!beside) {
-      stream.pipeline.EraseOutputs({stream.watch.Element()});
-    }
-    Within(seconds(120), "a change", [&] {
-      for (int i = 0; i < 1000; ++i) {
-        const auto output = MakeSink();
-        AddProbe(*PadOf(*output, "sink"), GST_PAD_PROBE_TYPE_BUFFER, check);
-        const int before = arrived;
-        stream.pipeline.AddOutputs({output});
-        while (i % 2 == 0 && arrived == before) {
-          std::this_thread::yield();
-        }
-        stream.pipeline.EraseOutputs({output});
+TEST_F(Live, ThousandsOfOutputsComeAndGoInTheMiddleOfEvents) {
+  std::atomic<int> arrived = 0;
+  std::atomic<int> untold = 0;
+  Stream stream;
+  // Ahead of each frame goes an event with its number.
+  AddProbe(*PadOf(*stream.Find("output_bin"), "sink"), GST_PAD_PROBE_TYPE_BUFFER,
+           [](GstPad& pad, GstPadProbeInfo& info) {
+             GstEvent* const event = gst_event_new_tag(gst_tag_list_new_empty());
+             gst_event_set_seqnum(event, static_cast<guint32>(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info)) + 1));
+             gst_pad_send_event(&pad, event);
+             return GST_PAD_PROBE_OK;
+           });
+  const auto check = [&](GstPad& pad, GstPadProbeInfo& info) {
+    const Ptr<GstEvent> event(gst_pad_get_sticky_event(&pad, GST_EVENT_TAG, 0));
+    const guint64 number = GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info));
+    untold += event && gst_event_get_seqnum(event.Get()) == number + 1 ? 0 : 1;
+    ++arrived;
+    return GST_PAD_PROBE_OK;
+  };
+  stream.Play();
+  stream.pipeline.EraseOutputs({stream.watch.Element()});
+  Within(seconds(240), "a change", [&] {
+    for (int i = 0; i < 3000; ++i) {
+      const auto output = MakeSink();
+      AddProbe(*PadOf(*output, "sink"), GST_PAD_PROBE_TYPE_BUFFER, check);
+      const int before = arrived;
+      stream.pipeline.AddOutputs({output});
+      while (i % 2 == 0 && arrived == before) {
+        std::this_thread::yield();
       }
-    });
-    if (!beside) {
-      stream.pipeline.AddOutputs({stream.watch.Element()});
+      stream.pipeline.EraseOutputs({output});
     }
-    stream.watch.AwaitFrames();
-    EXPECT_EQ(untold, 0);
-    EXPECT_EQ(stream.watch.Misplaced() + stream.watch.Eos() + (beside ? stream.watch.Lost() : 0), 0U);
-    EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 1);
-  }
+  });
+  stream.pipeline.AddOutputs({stream.watch.Element()});
+  stream.watch.AwaitFrames();
+  EXPECT_EQ(untold, 0);
+  EXPECT_EQ(stream.watch.Misplaced() + stream.watch.Eos(), 0U);
+  EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 1);
 }
 
 TEST_F(Live, ExchangesOfTheInputNeverEndTheStream) {
