@@ -31,7 +31,7 @@ TEST_F(Starting, ChangesWhileAnOutputStillNeedsFrames) {
     if (exchanged) {
       Await("frames", [&] { return arrived > 40; });
       arrived = 0;
-      stream.pipeline.SetInput(Parse(kInput));
+      stream.pipeline.SetInput(Parse("videotestsrc ! identity sleep-time=10000"));
     }
     Await("the first frame", [&] { return arrived > 0; });
     Within(seconds(20), "a change", [&] {
