@@ -89,7 +89,7 @@ class Random {
     auto input = Counted(live::Parse(
         std::string("videotestsrc pattern=black is-live=") + (paced ? "true" : "false") +
         " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1,format=" + From(kFormats) + From(kEnds)));
-    if (const Ptr<GstElement> talker(gst_bin_get_by_name(GST_BIN(input.Get()), "talker")); talker) {
+    if (const auto talker = live::Find(*GST_BIN(input.Get()), "talker"); talker) {
       g_signal_connect(talker.Get(), "handoff", G_CALLBACK(Talk), nullptr);
     }
     return input;
@@ -424,12 +424,8 @@ void Walk(const Options& options, Figures& figures) {
   Ground ground(options, figures);
   auto& pipeline = ground.pipeline;
   GstBin& whole = *GST_BIN(&pipeline.Get());
-  const auto watch = [](GstBin& bin, const Watch::Judge& judge) {
-    return Watch(Ptr<GstElement>(GST_ELEMENT(gst_object_ref(&bin))), judge);
-  };
-  const Watch entering = watch(mox::gstreamer::bin::pipeline::GetFilterBin(whole),
-                               [&](auto... frames) { return ground.ledger.Enter(frames...); });
-  const Watch leaving = watch(mox::gstreamer::bin::pipeline::GetOutputBin(whole), ground.Arrive());
+  const Watch entering(live::Find(whole, "filter_bin"), [&](auto... frames) { return ground.ledger.Enter(frames...); });
+  const Watch leaving(live::Find(whole, "output_bin"), ground.Arrive());
   ground.leaving = &leaving;
   pipeline.SetInput(Random(options.seed, -1).MakeInput(options.live != 0));
   pipeline.SetEnable(true);
@@ -459,7 +455,7 @@ void Walk(const Options& options, Figures& figures) {
     return gst_element_get_state(GST_ELEMENT(&whole), nullptr, nullptr, 0) != GST_STATE_CHANGE_ASYNC;
   });
   leaving.AwaitFrames(10);
-  const Ptr<GstElement> tee(gst_bin_get_by_name(&whole, "output_tee"));
+  const auto tee = live::Find(whole, "output_tee");
   if (!pipeline.GetFilters().empty() || !pipeline.GetOutputs().empty() || !pipeline.GetEnable() ||
       tee->numsrcpads != 1) {
     ground.Unexpected("what is left is not an empty playing pipeline");

@@ -6,7 +6,6 @@
 #include <memory>
 #include <numeric>
 #include <set>
-#include <string>
 #include <thread>
 #include <vector>
 

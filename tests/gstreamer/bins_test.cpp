@@ -33,6 +33,7 @@ namespace {
 using elements::ErrorOf;
 using elements::References;
 using live::Elements;
+using live::Find;
 using live::Make;
 using Texts = std::set<std::string>;
 
@@ -53,8 +54,7 @@ Texts ChildrenOf(GstBin& bin) {
 
 // What a static pad is linked to, as "element.pad", or "nothing".
 std::string PeerOf(GstElement& element, const char* name) {
-  const Ptr<GstPad> pad(gst_element_get_static_pad(&element, name));
-  const Ptr<GstPad> peer(gst_pad_get_peer(pad.Get()));
+  const Ptr<GstPad> peer(gst_pad_get_peer(live::PadOf(element, name).Get()));
   return peer ? GST_OBJECT_NAME(GST_OBJECT_PARENT(peer.Get())) + std::string(".") + GST_OBJECT_NAME(peer.Get())
               : "nothing";
 }
@@ -205,10 +205,6 @@ TEST_F(CheckTest, States) {
 namespace bin {
 namespace {
 
-Ptr<GstElement> Get(GstBin& bin, const char* name) {
-  return check::bin::GetElement(bin, name, "");
-}
-
 class BinTest : public live::Test {
  protected:
   Ptr<GstElement> owner_ = check::bin::Make("bin", "");
@@ -230,7 +226,7 @@ class FilterTest : public BinTest {
   // What `GetGraph` tells, after checking that the chain is so.
   std::string Graph() {
     const Elements filters = filter::GetFilters(bin_);
-    auto current = Get(bin_, "sink_filter");
+    auto current = Find(bin_, "sink_filter");
     for (const auto& filter : filters) {
       EXPECT_EQ(PeerOf(*current, "src"), gstreamer::element::GetName(*filter) + ".sink");
       current = filter;
@@ -285,7 +281,7 @@ TEST_F(FilterTest, FailedAddsLeaveTheChainOpen) {
     EXPECT_EQ(ErrorOf([&, &added = filters] { filter::AddFilters(bin, added); }), text);
     EXPECT_EQ(References(first), references + (GST_OBJECT_PARENT(first.Get()) != nullptr ? 1 : 0));
     EXPECT_EQ(References(b_), 2);
-    EXPECT_EQ(PeerOf(*Get(bin, "sink_filter"), "src"), "nothing");
+    EXPECT_EQ(PeerOf(*Find(bin, "sink_filter"), "src"), "nothing");
     EXPECT_EQ(PeerOf(*a_, "src"), "b.sink");
     EXPECT_EQ(filter::GetGraph(bin), "[]");
   }
@@ -325,7 +321,7 @@ class OutputTest : public BinTest {
     }
     EXPECT_EQ(ChildrenOf(bin_).count("dummy_output (GstFakeSink)"), outputs.empty() ? 1U : 0U);
     EXPECT_EQ(ChildrenOf(bin_).size(), outputs.empty() ? 2 : 1 + 2 * outputs.size());
-    EXPECT_EQ(Get(bin_, "output_tee")->numsrcpads, outputs.empty() ? 1 : outputs.size());
+    EXPECT_EQ(Find(bin_, "output_tee")->numsrcpads, outputs.empty() ? 1 : outputs.size());
     return names;
   }
 
@@ -363,9 +359,9 @@ TEST_F(OutputTest, Branches) {
     EXPECT_EQ(GST_STATE(a_.Get()), GST_STATE_NULL);
   }
   output::AddOutputs(bin_, {a_});
-  const Ptr<GstPad> free(gst_element_request_pad_simple(Get(bin_, "output_tee").Get(), "src_%u"));
+  const Ptr<GstPad> free(gst_element_request_pad_simple(Find(bin_, "output_tee").Get(), "src_%u"));
   const auto queue = output::GetOutputs(bin_).at(0).queue;
-  gst_element_release_request_pad(Get(bin_, "output_tee").Get(), free.Get());
+  gst_element_release_request_pad(Find(bin_, "output_tee").Get(), free.Get());
   output::EraseOutputs(bin_, {a_});
   EXPECT_EQ(References(queue), 1);
   const auto add_null = [&] { output::AddOutputs(bin_, Elements{a_, {}}); };
@@ -465,7 +461,7 @@ TEST_F(BinTest, PipelineIsBuiltOnceAndOwnsItsBins) {
   for (gpointer part : {&input, &filter, &output}) {
     EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(part), 1);
   }
-  const auto converter = Get(whole, "color_converter");
+  const auto converter = Find(whole, "color_converter");
   EXPECT_EQ(References(converter), 2);
   owner = {};
   EXPECT_EQ(References(converter), 1);
@@ -477,7 +473,7 @@ TEST_F(BinTest, WhatIsMissingIsTold) {
     const auto owner = check::pipeline::Make("p", "");
     GstBin& whole = *GST_BIN(owner.Get());
     pipeline::Initialize(whole);
-    const auto missing = Get(whole, name);
+    const auto missing = Find(whole, name);
     gst_bin_remove(GST_BIN(GST_OBJECT_PARENT(missing.Get())), missing.Get());
     gst_bin_add(&whole, Make("identity", GST_IS_BIN(missing.Get()) ? name : nullptr).Ref());
     EXPECT_FALSE(pipeline::IsInitialized(whole)) << name;

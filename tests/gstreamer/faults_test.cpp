@@ -29,6 +29,7 @@ using faulty::Faults;
 using std::chrono::seconds;
 
 constexpr auto kBounded = seconds(10);
+constexpr auto kEnded = "Cannot change the filters because the stream has ended";
 
 /** What comes of a faulty element in a playing pipeline. */
 enum Outcome {
@@ -100,7 +101,7 @@ class FaultsTest : public testing::TestWithParam<Fault> {
   /** An element told of the fault, in a bin made of a description. */
   Ptr<GstElement> MakeFaulty(const char* description) {
     auto bin = Parse(description);
-    told = Ptr<GstElement>(gst_bin_get_by_name(GST_BIN(bin.Get()), "told"));
+    told = Find(*GST_BIN(bin.Get()), "told");
     GetParam().tell(faulty::Of(told.Get()));
     return bin;
   }
@@ -139,7 +140,7 @@ TEST_P(FaultsTest, AsFilter) {
     stream->watch.ExpectWhole();
     EXPECT_EQ(stream->Graph(), outcome == kCannotStop ? "[" + std::string(GST_OBJECT_NAME(filter.Get())) + "]" : "[]");
   } else if (outcome == kEnds) {
-    EXPECT_EQ(ErrorOf(take), "Cannot change the filters because the stream has ended");
+    EXPECT_EQ(ErrorOf(take), kEnded);
   }
   Within(kBounded, "stopping", [&] { pipeline.SetEnable(false); });
   pipeline.EraseFilters(pipeline.GetFilters());
@@ -187,7 +188,7 @@ TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
   const auto input = Parse(kFaultyInput);
   stream.pipeline.SetInput(input);
   stream.Play();
-  const Ptr<GstElement> told(gst_bin_get_by_name(GST_BIN(input.Get()), "told"));
+  const auto told = Find(*GST_BIN(input.Get()), "told");
   faulty::Of(told.Get()).flow = Faults::kDrops;
   Await("a dropped frame", [&] { return faulty::Of(told.Get()).dropped > 0; });
   auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({Make("identity", "late")}); });
@@ -221,7 +222,7 @@ TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
   const auto filter = faulty::Make("filter");
   stream.pipeline.AddFilters({filter});
   stream.Play();
-  const Ptr<GstPad> held(gst_element_get_static_pad(GST_ELEMENT(&stream.FilterBin()), "sink"));
+  const auto held = PadOf(*stream.Find("filter_bin"), "sink");
   const Ptr<GstPad> upstream(gst_pad_get_peer(held.Get()));
   const auto change = [&] { return ErrorOf([&] { stream.pipeline.AddFilters({Make("identity")}); }); };
   std::future<std::string> waiting;
@@ -233,8 +234,8 @@ TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
   });
   Await("a failure", [&] { return gst_pad_get_last_flow_return(upstream.Get()) == GST_FLOW_ERROR; });
   Within(kBounded, "a change", [&] {
-    EXPECT_EQ(waiting.get(), "Cannot change the filters because the stream has ended");
-    EXPECT_EQ(change(), "Cannot change the filters because the stream has ended");
+    EXPECT_EQ(waiting.get(), kEnded);
+    EXPECT_EQ(change(), kEnded);
   });
   faulty::Of(filter.Get()).flow = GST_FLOW_OK;
   stream.pipeline.SetInput(MakeSource());

@@ -2,7 +2,6 @@
 #define TESTS_GSTREAMER_LIVE_H
 
 #include "mox/gstreamer/bin/filter.h"
-#include "mox/gstreamer/bin/pipeline.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/pipeline.h"
@@ -43,6 +42,28 @@ inline Ptr<GstElement> Parse(const std::string& description, const char* name = 
     gst_object_set_name(GST_OBJECT(bin.Get()), name);
   }
   return bin;
+}
+
+inline Ptr<GstElement> Find(GstBin& bin, const char* name) {
+  return Ptr<GstElement>(gst_bin_get_by_name(&bin, name));
+}
+
+inline Ptr<GstPad> PadOf(GstElement& element, const char* name) {
+  return Ptr<GstPad>(gst_element_get_static_pad(&element, name));
+}
+
+/** Has the function decide on what comes to the pad. */
+inline gulong AddProbe(GstPad& pad, int types, std::function<GstPadProbeReturn(GstPad&, GstPadProbeInfo&)> function) {
+  using Function = decltype(function);
+  return gst_pad_add_probe(
+      &pad, static_cast<GstPadProbeType>(types),
+      [](GstPad* at, GstPadProbeInfo* info, gpointer data) { return (*static_cast<Function*>(data))(*at, *info); },
+      new Function(std::move(function)), [](gpointer data) { delete static_cast<Function*>(data); });
+}
+
+/** What kind of event a probe for events has met. */
+inline GstEventType EventType(GstPadProbeInfo& info) {
+  return GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(&info));
 }
 
 /** Small numbered frames (GST_BUFFER_OFFSET): as fast as they go, or 60 a second. */
@@ -97,10 +118,9 @@ class Watch {
       Ptr<GstElement> element, Judge judge = [](guint, guint64 from, guint64 to) { return to - from; })
       : element_(std::move(element)),
         judge_(std::move(judge)),
-        pad_(gst_element_get_static_pad(element_.Get(), "sink")) {
-    constexpr auto kItems = GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM;
-    probe_ = gst_pad_add_probe(pad_.Get(), static_cast<GstPadProbeType>(kItems), OnItem, this, nullptr);
-  }
+        pad_(PadOf(*element_, "sink")),
+        probe_(AddProbe(*pad_, GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+                        [this](GstPad&, GstPadProbeInfo& info) { return OnItem(info); })) {}
   Watch(const Watch&) = delete;
   Watch& operator=(const Watch&) = delete;
   ~Watch() { gst_pad_remove_probe(pad_.Get(), probe_); }
@@ -123,16 +143,15 @@ class Watch {
   }
 
  private:
-  static GstPadProbeReturn OnItem(GstPad*, GstPadProbeInfo* info, gpointer data) {
-    auto& watch = *static_cast<Watch*>(data);
-    GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
-    guint stream = watch.stream_;
-    if ((info->type & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
-      watch.OnFrame(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(info)));
+  GstPadProbeReturn OnItem(GstPadProbeInfo& info) {
+    GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(&info);
+    guint stream = stream_;
+    if ((info.type & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
+      OnFrame(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info)));
     } else if (GST_EVENT_TYPE(event) == GST_EVENT_EOS) {
-      ++watch.eos_;
+      ++eos_;
     } else if (GST_EVENT_TYPE(event) == GST_EVENT_STREAM_START && gst_event_parse_group_id(event, &stream) != FALSE) {
-      watch.OnStream(stream);
+      OnStream(stream);
     }
     return GST_PAD_PROBE_OK;
   }
@@ -155,14 +174,14 @@ class Watch {
 
   Ptr<GstElement> element_;
   Judge judge_;
-  Ptr<GstPad> pad_;
-  gulong probe_ = 0;
   std::atomic<guint> stream_ = 0;
   std::atomic<guint64> next_ = GST_BUFFER_OFFSET_NONE;
   std::atomic<std::size_t> frames_ = 0;
   std::atomic<std::size_t> lost_ = 0;
   std::atomic<std::size_t> misplaced_ = 0;
   std::atomic<std::size_t> eos_ = 0;
+  Ptr<GstPad> pad_;
+  gulong probe_;
 };
 
 inline Ptr<GstElement> MakeSink(const char* name = nullptr) {
@@ -183,9 +202,8 @@ struct Stream {
     watch.AwaitFrames();
   }
 
-  GstBin& FilterBin() { return mox::gstreamer::bin::pipeline::GetFilterBin(*GST_BIN(&pipeline.Get())); }
-  GstBin& OutputBin() { return mox::gstreamer::bin::pipeline::GetOutputBin(*GST_BIN(&pipeline.Get())); }
-  std::string Graph() { return mox::gstreamer::bin::filter::GetGraph(FilterBin()); }
+  Ptr<GstElement> Find(const char* name) { return live::Find(*GST_BIN(&pipeline.Get()), name); }
+  std::string Graph() { return mox::gstreamer::bin::filter::GetGraph(*GST_BIN(Find("filter_bin").Get())); }
 
   Watch watch{MakeSink("watched")};
   Pipeline pipeline{1, "stream"};

@@ -69,44 +69,33 @@ TEST_F(Live, ThousandFilterChangesBackToBackLoseNothing) {
   }
 }
 
-// A filter that lets tags out ahead of every EOS: on the thread that brings the EOS, or on one of its own.
+// A filter that lets tags out ahead of the EOS: on the thread that brings the EOS, or on one of its own.
 TEST_F(Live, EventsAheadOfTheDrainPass) {
   for (const char* factory : {"identity", "queue"}) {
+    std::vector<guint32> heard;
     Stream stream;
-    const auto talker = Make(factory, "talker");
-    const auto probe = [](GstElement& element, const char* pad, GstPadProbeCallback call, gpointer data) {
-      gst_pad_add_probe(Ptr<GstPad>(gst_element_get_static_pad(&element, pad)).Get(),
-                        GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, call, data, nullptr);
-    };
-    const auto talk = [](GstPad* pad, GstPadProbeInfo* info, gpointer) {
-      for (guint i = 1; i <= 3 && GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS; ++i) {
-        gst_pad_send_event(pad, gst_event_new_tag(gst_tag_list_new(GST_TAG_TRACK_NUMBER, i, nullptr)));
+    const auto talker = Make(factory);
+    AddProbe(*PadOf(*talker, "sink"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [](GstPad& pad, GstPadProbeInfo& info) {
+      for (guint32 i = 1; i <= 3 && EventType(info) == GST_EVENT_EOS; ++i) {
+        GstEvent* const event = gst_event_new_tag(gst_tag_list_new_empty());
+        gst_event_set_seqnum(event, i);
+        gst_pad_send_event(&pad, event);
       }
       return GST_PAD_PROBE_OK;
-    };
-    const auto hear = [](GstPad*, GstPadProbeInfo* info, gpointer heard) {
-      GstTagList* tags = nullptr;
-      guint number = 0;
-      if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_TAG) {
-        gst_event_parse_tag(GST_PAD_PROBE_INFO_EVENT(info), &tags);
-        gst_tag_list_get_uint(tags, GST_TAG_TRACK_NUMBER, &number);
-        static_cast<std::vector<guint>*>(heard)->push_back(number);
-      }
-      return GST_PAD_PROBE_OK;
-    };
-    std::vector<guint> heard;
-    probe(*talker, "sink", talk, nullptr);
-    probe(*GST_ELEMENT(&stream.FilterBin()), "src", hear, &heard);
+    });
+    AddProbe(*PadOf(*stream.Find("filter_bin"), "src"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+             [&](GstPad&, GstPadProbeInfo& info) {
+               if (EventType(info) == GST_EVENT_TAG) {
+                 heard.push_back(gst_event_get_seqnum(GST_PAD_PROBE_INFO_EVENT(&info)));
+               }
+               return GST_PAD_PROBE_OK;
+             });
     stream.pipeline.AddFilters({talker});
     stream.Play();
-    Within(seconds(20), "a filter change", [&] { stream.pipeline.AddFilters({Make("identity", "added")}); });
+    Within(seconds(20), "a filter change", [&] { stream.pipeline.AddFilters({Make("identity")}); });
     stream.watch.AwaitFrames(10);
-    EXPECT_EQ(heard, (std::vector<guint>{1, 2, 3}));
-    Within(seconds(20), "a filter change", [&] { ChangeFilters(stream.pipeline, {"identity"}, 50); });
-    EXPECT_EQ(stream.Graph(), "[talker -> added]");
-    stream.watch.AwaitFrames(10);
+    EXPECT_THAT(heard, testing::ElementsAre(1, 2, 3));
     stream.watch.ExpectWhole();
-    stream.pipeline.SetEnable(false);
   }
 }
 
@@ -143,34 +132,10 @@ TEST_F(Live, FailedChangesLeaveTheStreamFlowing) {
       }
     }
   });
-  EXPECT_EQ(stream.FilterBin().numchildren, 3);
+  EXPECT_EQ(GST_BIN(stream.Find("filter_bin").Get())->numchildren, 3);
   stream.watch.AwaitFrames(100);
   stream.watch.ExpectWhole();
   EXPECT_EQ(CountProbes(*GST_BIN(&pipeline.Get())), 1) << "only the one of the watch";
-}
-
-TEST_F(Live, AfterTheEndOrAFailedStartANewInputPlays) {
-  Stream stream;
-  const auto missing = Make("filesrc");
-  g_object_set(missing.Get(), "location", "/nowhere/at/all", nullptr);
-  stream.pipeline.SetInput(missing);
-  EXPECT_THROW(stream.pipeline.SetEnable(true), std::runtime_error);
-  stream.pipeline.SetInput(Parse("videotestsrc num-buffers=5 ! identity"));
-  EXPECT_EQ(stream.pipeline.GetState(), Pipeline::State::Stopped);
-  EXPECT_LE(GST_STATE(&stream.OutputBin()), GST_STATE_READY);
-  Within(seconds(20), "a start", [&] { stream.pipeline.SetEnable(true); });
-  Await("the end of the stream", [&] { return stream.watch.Eos() == 1; });
-  EXPECT_EQ(stream.watch.Frames(), 5U);
-  Within(seconds(20), "a refused change", [&] {
-    EXPECT_EQ(ErrorOf([&] { stream.pipeline.AddFilters({Make("identity")}); }),
-              "Cannot change the filters because the stream has ended");
-  });
-  EXPECT_EQ(stream.Graph(), "[]");
-  stream.pipeline.SetInput(MakeSource());
-  stream.watch.AwaitFrames();
-  Within(seconds(20), "a change", [&] { stream.pipeline.AddFilters({Make("identity", "next")}); });
-  EXPECT_EQ(stream.Graph(), "[next]");
-  EXPECT_EQ(stream.watch.Lost() + stream.watch.Misplaced(), 0U);
 }
 
 // Waits until a frame waits for its turn in the queue of an output.
@@ -219,52 +184,38 @@ TEST_F(Live, ChangesDoNotWaitForTheQueueOfASlowOutput) {
   stream.watch.ExpectWhole();
 }
 
-// Sends the number of each frame ahead of it, by an event.
-GstPadProbeReturn TellNumber(GstPad* pad, GstPadProbeInfo* info, gpointer /*data*/) {
-  const auto number = static_cast<guint>(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(info)));
-  gst_pad_send_event(pad, gst_event_new_tag(gst_tag_list_new(GST_TAG_TRACK_NUMBER, number + 1, nullptr)));
-  return GST_PAD_PROBE_OK;
-}
-
-// What came to the pad of an output: how many frames, and how many without their event.
-struct Arrived {
-  std::atomic<int> frames = 0;
-  std::atomic<int> untold = 0;
-};
-
-GstPadProbeReturn CheckNumber(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
-  auto& arrived = *static_cast<Arrived*>(data);
-  const Ptr<GstEvent> event(gst_pad_get_sticky_event(pad, GST_EVENT_TAG, 0));
-  GstTagList* tags = nullptr;
-  guint number = 0;
-  if (event) {
-    gst_event_parse_tag(event.Get(), &tags);
-    gst_tag_list_get_uint(tags, GST_TAG_TRACK_NUMBER, &number);
-  }
-  arrived.untold += number != GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(info)) + 1 ? 1 : 0;
-  ++arrived.frames;
-  return GST_PAD_PROBE_OK;
-}
-
 // An event must neither pass by a tee pad that comes in the middle of it nor fail at one that goes.
 TEST_F(Live, ThousandOutputsComeAndGoInTheMiddleOfEvents) {
   for (const bool beside : {true, false}) {
+    std::atomic<int> arrived = 0;
+    std::atomic<int> untold = 0;
     Stream stream;
-    const Ptr<GstPad> sink(gst_element_get_static_pad(GST_ELEMENT(&stream.OutputBin()), "sink"));
-    const gulong telling = gst_pad_add_probe(sink.Get(), GST_PAD_PROBE_TYPE_BUFFER, TellNumber, nullptr, nullptr);
+    // Ahead of each frame goes an event with its number.
+    AddProbe(
+        *PadOf(*stream.Find("output_bin"), "sink"), GST_PAD_PROBE_TYPE_BUFFER, [](GstPad& pad, GstPadProbeInfo& info) {
+          GstEvent* const event = gst_event_new_tag(gst_tag_list_new_empty());
+          gst_event_set_seqnum(event, static_cast<guint32>(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info)) + 1));
+          gst_pad_send_event(&pad, event);
+          return GST_PAD_PROBE_OK;
+        });
+    const auto check = [&](GstPad& pad, GstPadProbeInfo& info) {
+      const Ptr<GstEvent> event(gst_pad_get_sticky_event(&pad, GST_EVENT_TAG, 0));
+      const guint64 number = GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info));
+      untold += event && gst_event_get_seqnum(event.Get()) == number + 1 ? 0 : 1;
+      ++arrived;
+      return GST_PAD_PROBE_OK;
+    };
     stream.Play();
     if (!beside) {
       stream.pipeline.EraseOutputs({stream.watch.Element()});
     }
-    Arrived arrived;
-    Within(seconds(120), "a change", [&] {
-      for (int i = 0; i < 1000; ++i) {
+    Within(seconds(240), "a change", [&] {
+      for (int i = 0; i < (beside ? 1000 : 3000); ++i) {
         const auto output = MakeSink();
-        const Ptr<GstPad> pad(gst_element_get_static_pad(output.Get(), "sink"));
-        gst_pad_add_probe(pad.Get(), GST_PAD_PROBE_TYPE_BUFFER, CheckNumber, &arrived, nullptr);
-        const int before = arrived.frames;
+        AddProbe(*PadOf(*output, "sink"), GST_PAD_PROBE_TYPE_BUFFER, check);
+        const int before = arrived;
         stream.pipeline.AddOutputs({output});
-        while (i % 2 == 0 && arrived.frames == before) {
+        while (i % 2 == 0 && arrived == before) {
           std::this_thread::yield();
         }
         stream.pipeline.EraseOutputs({output});
@@ -274,10 +225,9 @@ TEST_F(Live, ThousandOutputsComeAndGoInTheMiddleOfEvents) {
       stream.pipeline.AddOutputs({stream.watch.Element()});
     }
     stream.watch.AwaitFrames();
-    EXPECT_EQ(arrived.untold, 0);
+    EXPECT_EQ(untold, 0);
     EXPECT_EQ(stream.watch.Misplaced() + stream.watch.Eos() + (beside ? stream.watch.Lost() : 0), 0U);
-    EXPECT_EQ(Ptr<GstElement>(gst_bin_get_by_name(&stream.OutputBin(), "output_tee"))->numsrcpads, 1);
-    gst_pad_remove_probe(sink.Get(), telling);
+    EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 1);
   }
 }
 
@@ -285,7 +235,7 @@ TEST_F(Live, ExchangesOfTheInputNeverEndTheStream) {
   for (const bool with_output : {true, false}) {
     const int exchanges = with_output ? 100 : 1000;
     Stream stream;
-    const Watch leaving(Ptr<GstElement>(GST_ELEMENT(gst_object_ref(&stream.OutputBin()))));
+    const Watch leaving(stream.Find("output_bin"));
     if (!with_output) {
       stream.pipeline.EraseOutputs({stream.watch.Element()});
     }
@@ -320,7 +270,7 @@ TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
   stream.pipeline.AddOutputs({converting.Element()});
   converting.AwaitFrames();
   EXPECT_EQ(stream.pipeline.GetOutputs().size(), 3U);
-  EXPECT_EQ(Ptr<GstElement>(gst_bin_get_by_name(&stream.OutputBin(), "output_tee"))->numsrcpads, 3);
+  EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 3);
   stream.watch.AwaitFrames();
   stream.watch.ExpectWhole(1);
 }
@@ -337,7 +287,7 @@ TEST_F(Live, AnOutputThatTheFiltersDoNotStartForIsRefused) {
     const auto output = Parse("capsfilter caps=video/x-raw,format=RGB ! fakesink");
     EXPECT_THROW(stream.pipeline.AddOutputs({output}), std::runtime_error);
     AwaitLastReference(output);
-    EXPECT_EQ(Ptr<GstElement>(gst_bin_get_by_name(&stream.OutputBin(), "output_tee"))->numsrcpads, 1);
+    EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 1);
     stream.watch.AwaitFrames(10);
     stream.watch.ExpectWhole(1);
   }
@@ -357,7 +307,7 @@ TEST_F(Live, TheFormatChangesWithTheFilters) {
     stream.pipeline.SetInput(
         Parse(std::string("videotestsrc pattern=black ! capsfilter caps=video/x-raw,framerate=60/1") + end_of_input));
     stream.Play();
-    const Ptr<GstPad> sink(gst_element_get_static_pad(stream.watch.Element().Get(), "sink"));
+    const auto sink = PadOf(*stream.watch.Element(), "sink");
     const Ptr<GstCaps> before(gst_pad_get_current_caps(sink.Get()));
     const auto has_changed = [&] {
       return gst_caps_is_equal(Ptr<GstCaps>(gst_pad_get_current_caps(sink.Get())).Get(), before.Get()) == FALSE;
@@ -379,16 +329,12 @@ TEST_F(Live, TheFormatChangesWithTheFilters) {
 
 // A flush takes away the EOS that drains the filters. Here a filter swallows it, and the flush comes after it.
 TEST_F(Live, AFilterChangeOutlastsAFlushingSeek) {
-  Stream stream;
   std::atomic<bool> next = false;
-  const auto swallow = [](GstPad*, GstPadProbeInfo* info, gpointer swallows) {
-    const bool is_eos = GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS;
-    const bool drop = is_eos && static_cast<std::atomic<bool>*>(swallows)->exchange(false);
-    return drop ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
-  };
+  Stream stream;
   const auto filter = Make("queue", "filter");
-  gst_pad_add_probe(Ptr<GstPad>(gst_element_get_static_pad(filter.Get(), "sink")).Get(),
-                    GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, swallow, &next, nullptr);
+  AddProbe(*PadOf(*filter, "sink"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [&](GstPad&, GstPadProbeInfo& info) {
+    return EventType(info) == GST_EVENT_EOS && next.exchange(false) ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
+  });
   stream.pipeline.AddFilters({filter});
   stream.Play();
   for (int i = 1; i <= 10; ++i) {
@@ -432,7 +378,7 @@ TEST_F(Live, OutputsThatAgreeWithEachOtherButNotWithTheFiltersAreRefused) {
 TEST_F(Live, AFilterThatTakesAnyForNoFormatHasOutputs) {
   Stream stream;
   const auto filter = Make("identity");
-  const Ptr<GstPad> pad(gst_element_get_static_pad(filter.Get(), "src"));
+  const auto pad = PadOf(*filter, "src");
   static const GstPadQueryFunction own = GST_PAD_QUERYFUNC(pad.Get());
   gst_pad_set_query_function(pad.Get(), [](GstPad* source, GstObject* parent, GstQuery* query) -> gboolean {
     GstCaps* asked = nullptr;

@@ -84,8 +84,7 @@ TEST_F(PipelineTest, AStreamThatStartsMakesItPlayUnlessStoppedSince) {
   pipeline.AddOutputs({Make("fakesink")});
   pipeline.SetEnable(true);
   ExpectState(pipeline, State::Starting, true);
-  const Ptr<GstPad> pad(gst_element_get_static_pad(source.Get(), "src"));
-  gst_pad_push_event(pad.Get(), gst_event_new_stream_start("stream"));
+  gst_pad_push_event(live::PadOf(*source, "src").Get(), gst_event_new_stream_start("stream"));
   Await("the stream", [&] { return pipeline.GetState() == State::Playing; });
   GstMessage* const late = gst_message_new_stream_start(nullptr);
   pipeline.SetEnable(false);
