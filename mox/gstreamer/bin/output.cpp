@@ -207,10 +207,10 @@ bool IsOfFilterBin(GstPad& pad) {
 
 // Refuses a branch that shares no format with the input and the other branches. A tee would link it, and the stream
 // would end at the next frame. The input is asked without a filter, for some elements take "any" for no format at all.
-void CheckFormats(GstElement& tee, GstElement& first, bool alone) {
+void CheckFormats(GstElement& tee, GstElement& first) {
   const auto sink = GetSink(tee);
   const Ptr<GstCaps> sent(gst_pad_peer_query_caps(sink.Get(), nullptr));
-  const Ptr<GstCaps> possible(alone ? sent.Ref() : gst_pad_query_caps(sink.Get(), sent.Get()));
+  const Ptr<GstCaps> possible(gst_pad_query_caps(sink.Get(), sent.Get()));
   if (!Takes(*GetSink(first), *possible)) {
     check::Fail(kElementError, "Failed to link element '", element::GetFullName(tee), "' with element '",
                 element::GetFullName(first), "'");
@@ -218,7 +218,7 @@ void CheckFormats(GstElement& tee, GstElement& first, bool alone) {
 }
 
 // Links a running branch to the tee, through which data may be flowing.
-void Join(GstElement& tee, GstElement& first, bool alone) {
+void Join(GstElement& tee, GstElement& first) {
   const auto upstream = GetUpstream(tee);
   {
     const BetweenItems between(tee);
@@ -226,7 +226,7 @@ void Join(GstElement& tee, GstElement& first, bool alone) {
     const Ptr<GstCaps> format(gst_pad_get_current_caps(check::pad::GetPeer(*GetSink(tee), kPadError).Get()));
     const bool goes_on = format && Takes(*GetSink(first), *format);
     if (!goes_on) {
-      CheckFormats(tee, first, alone);
+      CheckFormats(tee, first);
     }
     const bool behind_filters = upstream && IsOfFilterBin(*upstream) && !GST_PAD_IS_EOS(upstream.Get());
     if (goes_on || !format || !behind_filters) {
@@ -296,7 +296,7 @@ void Detach(GstBin& outputBin, GstElement& tee, const gstreamer::pipeline::Outpu
   check::bin::RemoveElement(outputBin, *output.queue, kBinError);
 }
 
-void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, bool first) {
+void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element) {
   const auto queue = check::element::Make("queue", nullptr, kElementError);
   LetAllocationOvertake(*queue);
   // A pipeline that is still starting must find the branch either not yet there or running.
@@ -311,7 +311,7 @@ void Attach(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element, 
     Sync(*queue);
     lock.reset();
     check::element::LinkElement(*queue, *element, kElementError);
-    Join(tee, *queue, first);
+    Join(tee, *queue);
   } catch (...) {
     // What was linked before the filters refused to start again goes as any other branch.
     if (gst_pad_is_linked(GetSink(*queue).Get()) != FALSE) {
@@ -370,11 +370,10 @@ void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
     throw std::invalid_argument("Cannot add an output that is null");
   }
   for (const auto& element : outputs) {
-    const bool first = GetOutputs(outputBin).empty();
-    if (first) {
+    if (GetOutputs(outputBin).empty()) {
       RemoveDummy(outputBin, *tee);
     }
-    Attach(outputBin, *tee, element, first);
+    Attach(outputBin, *tee, element);
   }
 }
 
@@ -397,7 +396,7 @@ void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
         const WithoutPreroll without_preroll(dummy);
         Sync(*dummy);
       }
-      Join(*tee, *dummy, true);
+      Join(*tee, *dummy);
     }
   }
 }
