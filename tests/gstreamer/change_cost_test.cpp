@@ -68,7 +68,7 @@ call_stubs:
 std::atomic<std::uint64_t> calls;
 std::array<void*, kMostFunctions> called_functions;
 
-/** Has the calls counted that a loaded library makes to GStreamer. */
+/** Has the calls counted that a loaded library makes to GStreamer, to functions whose address it does not take. */
 void CountCalls(const char* library) {
   auto* const map = static_cast<link_map*>(dlopen(library, RTLD_LAZY | RTLD_NOLOAD));
   ASSERT_NE(map, nullptr) << dlerror();
@@ -158,7 +158,7 @@ using ChangeCost = live::Test;
 TEST_F(ChangeCost, DoesNotGrow) {
   CountCalls("libmox_integration_gstreamer.so.1");
   for (const auto& [chain, to_add, to_erase] :
-       {std::tuple(1, Cost{4288, 161}, Cost{4326, 173}), std::tuple(8, Cost{6295, 322}, Cost{6277, 334})}) {
+       {std::tuple(1, Cost{4288, 192}, Cost{4326, 204}), std::tuple(8, Cost{6295, 353}, Cost{6277, 365})}) {
     Fed fed(chain);
     Cost add{};
     Cost erase{};

@@ -327,6 +327,36 @@ TEST_F(Live, TheFormatChangesWithTheFilters) {
   }
 }
 
+// What asks for an allocation first is not the source, but an element behind the queue.
+TEST_F(Live, WhatIsFarBackInAQueueOfTheInputIsGivenUp) {
+  Stream stream;
+  stream.pipeline.SetInput(Parse(
+      "videotestsrc ! capsfilter caps=video/x-raw,framerate=60/1 ! queue name=far ! videoflip video-direction=vert"));
+  stream.pipeline.AddFilters({Parse("identity sleep-time=2000")});
+  stream.Play();
+  const auto queue = stream.Find("far");
+  const auto filled_with = [&](int width) {
+    const Ptr<GstCaps> caps(gst_pad_get_current_caps(PadOf(*queue, "sink").Get()));
+    int sent = 0;
+    gst_structure_get_int(gst_caps_get_structure(caps.Get(), 0), "width", &sent);
+    return sent == width;
+  };
+  const auto small = Parse("capsfilter caps=video/x-raw,width=32,height=16");
+  Within(seconds(20), "a change", [&] {
+    stream.pipeline.AddFilters({small});
+    Await("small frames in the queue", [&] {
+      guint frames = 0;
+      g_object_get(queue.Get(), "current-level-buffers", &frames, nullptr);
+      return filled_with(32) && frames > 50;
+    });
+    stream.pipeline.EraseFilters({small});
+    Await("the other size", [&] { return filled_with(320); });
+    stream.pipeline.AddFilters({small});
+  });
+  stream.watch.AwaitFrames(200);
+  EXPECT_EQ(stream.watch.Eos(), 0U);
+}
+
 // A flush takes away the EOS that drains the filters. Here a filter swallows it, and the flush comes after it.
 TEST_F(Live, AFilterChangeOutlastsAFlushingSeek) {
   std::atomic<bool> next = false;

@@ -56,8 +56,7 @@ MOX_EXPORT std::string GetGraph(GstBin& filterBin);
  * They may be called from any thread but a streaming thread of the pipeline, and wait without a limit: first for the
  * next item to reach the bin, then until what is inside it has left. With a source that produces nothing they wait
  * until it does. A filter must let an EOS through, which is what shows that the bin is drained: one that does not
- * keeps them waiting for ever. A flush meanwhile, as of a flushing seek, takes away what is inside: they then wait for
- * what comes after it.
+ * keeps them waiting for ever. A flush meanwhile, as of a flushing seek, takes away what is inside and what was held.
  *
  * The filters' new neighbours negotiate their buffers anew: the stream goes on as soon as every output is through with
  * the frame that it is busy with.

@@ -5,10 +5,44 @@
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/pad_probe.h"
 
-#include <gst/base/gstbasetransform.h>
+#include <utility>
 
 namespace mox::gstreamer::bin {
 namespace {
+
+// The pad of an element that stands behind what the bins have put around it.
+Ptr<GstPad> Unwrap(Ptr<GstPad> pad) {
+  while (GST_IS_PROXY_PAD(pad.Get())) {
+    if (GST_IS_GHOST_PAD(pad.Get())) {
+      pad = Ptr<GstPad>(gst_ghost_pad_get_target(GST_GHOST_PAD(pad.Get())));
+    } else {
+      const Ptr<GstProxyPad> outer(gst_proxy_pad_get_internal(GST_PROXY_PAD(pad.Get())));
+      pad = Ptr<GstPad>(gst_pad_get_peer(GST_PAD_CAST(outer.Get())));
+    }
+  }
+  return pad;
+}
+
+// What the one linked sink pad of the pad's element is fed from; empty where there is none, or more.
+Ptr<GstPad> GetUpstream(GstPad& pad) {
+  struct Peers {
+    Ptr<GstPad> last;
+    int count = 0;
+  } peers;
+  const auto collect = [](GstElement* /*element*/, GstPad* sink, gpointer data) noexcept -> gboolean {
+    auto& [last, count] = *static_cast<Peers*>(data);
+    // A sink pad with a task pulls: its element is the one that pushes.
+    if (Ptr<GstPad> peer(gst_pad_get_peer(sink)); peer && GST_PAD_TASK(sink) == nullptr) {
+      last = std::move(peer);
+      ++count;
+    }
+    return TRUE;
+  };
+  if (const Ptr<GstElement> element(gst_pad_get_parent_element(&pad)); element) {
+    gst_element_foreach_sink_pad(element.Get(), collect, &peers);
+  }
+  return Unwrap(peers.count == 1 ? std::move(peers.last) : Ptr<GstPad>());
+}
 
 // On a pad that feeds the converter: its probe, while there is one, and the format that is known to be taken.
 constexpr auto kProbe = "mox-outdated";
@@ -75,17 +109,8 @@ GstPadProbeReturn OnFed(GstPad* feed, GstPadProbeInfo* info, gpointer /*data*/) 
   return is_query ? LeaveFeed(*feed) : GST_PAD_PROBE_OK;
 }
 
-// The pad that feeds the converter which the source pad leads out of, if there is one.
-Ptr<GstPad> GetFeed(GstPad& source) {
-  const Ptr<GstPad> target(GST_IS_GHOST_PAD(&source) ? gst_ghost_pad_get_target(GST_GHOST_PAD(&source)) : nullptr);
-  const Ptr<GstElement> element(target ? gst_pad_get_parent_element(target.Get()) : nullptr);
-  return Ptr<GstPad>(GST_IS_BASE_TRANSFORM(element.Get()) ? gst_pad_get_peer(GST_BASE_TRANSFORM_SINK_PAD(element.Get()))
-                                                          : nullptr);
-}
-
-// Keeps what nothing behind takes any more from the converter that leads to the pad, which would end the stream. There
-// is some where a queue stands before it; the source itself follows the change of format. Sticky events that are
-// dropped are sent again by the pad, in order.
+// Drops what nothing behind takes any more, which would end the stream. There is some where a queue feeds it; the
+// source itself follows the change of format. Sticky events that are dropped are sent again by the pad, in order.
 void WatchFeed(GstPad& feed) {
   if (const gulong earlier = TakeProbe(feed); earlier != 0) {
     gst_pad_remove_probe(&feed, earlier);
@@ -102,7 +127,7 @@ bool HasStart(GstPad& pad) {
   return static_cast<bool>(Ptr<GstEvent>(gst_pad_get_sticky_event(&pad, GST_EVENT_STREAM_START, 0)));
 }
 
-GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*/) noexcept {
+GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer feed) noexcept {
   const Ptr<GstPad> sink(gst_pad_get_peer(source));
   if (!sink) {
     return GST_PAD_PROBE_DROP;
@@ -112,9 +137,7 @@ GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer /*data*
     if (!has_caps) {
       return GST_PAD_PROBE_DROP;
     }
-    if (const auto feed = GetFeed(*source); feed) {
-      SetTaken(*feed, Ptr<GstCaps>(gst_pad_get_current_caps(feed.Get())));
-    }
+    SetTaken(*GST_PAD(feed), Ptr<GstCaps>(gst_pad_get_current_caps(GST_PAD(feed))));
     return GST_PAD_PROBE_REMOVE;
   }
   GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
@@ -182,16 +205,26 @@ gboolean OnQueueQuery(GstPad* sink, GstObject* queue, GstQuery* query) noexcept 
 
 }  // namespace
 
+Ptr<GstPad> GetFeed(GstPad& source) {
+  Ptr<GstPad> feed(GST_PAD(gst_object_ref(&source)));
+  auto upstream = Unwrap(feed);
+  while (upstream) {
+    feed = std::move(upstream);
+    upstream = GST_PAD_TASK(feed.Get()) == nullptr ? GetUpstream(*feed) : Ptr<GstPad>();
+  }
+  return feed;
+}
+
 bool Takes(GstPad& sink, GstCaps& format) {
   const Ptr<GstCaps> taken(gst_pad_query_caps(&sink, &format));
   return gst_caps_is_empty(taken.Get()) == FALSE;
 }
 
 void AddGate(GstPad& source) {
-  if (const auto feed = GetFeed(source); feed) {
-    WatchFeed(*feed);
-  }
-  gst_pad_add_probe(&source, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, OnItem, nullptr, nullptr);
+  const auto feed = GetFeed(source);
+  WatchFeed(*feed);
+  gst_pad_add_probe(&source, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, OnItem, feed.Ref(),
+                    [](gpointer owned) { gst_object_unref(owned); });
 }
 
 void SpareAllocation(GstPad& source) {

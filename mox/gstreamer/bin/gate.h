@@ -1,6 +1,8 @@
 #ifndef MOX_GSTREAMER_BIN_GATE_H
 #define MOX_GSTREAMER_BIN_GATE_H
 
+#include "mox/gstreamer/check/ptr.h"
+
 #include <functional>
 
 #include <gst/gst.h>
@@ -12,13 +14,19 @@ namespace mox::gstreamer::bin {
 bool Takes(GstPad& sink, GstCaps& format);
 
 /**
+ * The pad that pushes what comes to the source pad, with a thread of its own: that of a queue, or of the input's
+ * source.
+ */
+Ptr<GstPad> GetFeed(GstPad& source);
+
+/**
  * Keeps a source pad from pushing what its peer does not take yet: until the converter upstream has negotiated afresh,
  * frames may still have a format of the time before. The gate opens for good with the first frame in a format that is
  * taken, and leaves nothing behind. Sticky events that it drops are sent again by the pad, in order.
  *
- * The same is kept from the converter itself, which cannot change the size of a frame, until what feeds it asks for an
- * allocation: a source does once it has followed the change. One that never asks, as one fed by hand, is looked at from
- * then on.
+ * The pad's feed is kept from pushing frames of a size that the chain does not take, which the converter cannot change,
+ * until an allocation is asked for there: a source does once it has followed the change. One that never asks, as one
+ * fed by hand, is looked at from then on.
  */
 void AddGate(GstPad& source);
 
