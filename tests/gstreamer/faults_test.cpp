@@ -241,6 +241,12 @@ TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
   stream.pipeline.SetInput(MakeSource());
   stream.watch.AwaitFrames();
   EXPECT_EQ(change(), "no error");
+
+  // Of a failure between its queue and the end of the input that queue alone knows.
+  stream.pipeline.SetInput(Parse("videotestsrc ! queue name=last ! identity error-after=20"));
+  const auto last = PadOf(*stream.Find("last"), "src");
+  Await("a failure", [&] { return gst_pad_get_last_flow_return(last.Get()) == GST_FLOW_ERROR; });
+  Within(kBounded, "a change", [&] { EXPECT_EQ(change(), kEnded); });
 }
 
 TEST_F(Faulty, ABusMayBeFloodedAndACallbackSlow) {
