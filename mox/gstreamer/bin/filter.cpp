@@ -263,7 +263,8 @@ void ChangeDrained(GstBin& filterBin, const Change& change, const Filters& filte
 }
 
 // Whether nothing will come to the pad any more: the end of the stream has passed, or an input is missing. Of a failure
-// an input with a queue of its own tells its source alone, and sends no EOS. What is just passing may be the last.
+// an input with a queue of its own tells its source alone, and sends no EOS; one inside the input only its queue knows.
+// What is just passing may be the last.
 bool HasStreamEnded(GstPad& pad) {
   PadProbe idle(pad, GST_PAD_PROBE_TYPE_IDLE, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
   idle.GetFuture().wait();
