@@ -268,8 +268,9 @@ void ChangeDrained(GstBin& filterBin, const Change& change, const Filters& filte
 bool HasStreamEnded(GstPad& pad) {
   PadProbe idle(pad, GST_PAD_PROBE_TYPE_IDLE, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
   idle.GetFuture().wait();
+  const auto feed = GetFeed(pad);
   return GST_PAD_IS_EOS(&pad) || !GST_PAD_IS_ACTIVE(&pad) || gst_pad_get_last_flow_return(&pad) <= GST_FLOW_EOS ||
-         gst_pad_get_last_flow_return(GetFeed(pad).Get()) <= GST_FLOW_EOS;
+         (feed && gst_pad_get_last_flow_return(feed.Get()) <= GST_FLOW_EOS);
 }
 
 // Runs a change on the filter bin while data flows: holds, drains, changes and releases.

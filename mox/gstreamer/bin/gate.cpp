@@ -23,7 +23,8 @@ Ptr<GstPad> Unwrap(Ptr<GstPad> pad) {
   return pad;
 }
 
-// What the one linked sink pad of the pad's element is fed from; empty where there is none, or more.
+// What the one linked sink pad of the pad's element is fed from; empty where there is none, or more, or where the pad
+// pushes with a thread of its own.
 Ptr<GstPad> GetUpstream(GstPad& pad) {
   struct Peers {
     Ptr<GstPad> last;
@@ -31,17 +32,26 @@ Ptr<GstPad> GetUpstream(GstPad& pad) {
   } peers;
   const auto collect = [](GstElement* /*element*/, GstPad* sink, gpointer data) noexcept -> gboolean {
     auto& [last, count] = *static_cast<Peers*>(data);
-    // A sink pad with a task pulls: its element is the one that pushes.
+    // One with a task pulls, and its thread is the one that pushes.
     if (Ptr<GstPad> peer(gst_pad_get_peer(sink)); peer && GST_PAD_TASK(sink) == nullptr) {
       last = std::move(peer);
       ++count;
     }
     return TRUE;
   };
-  if (const Ptr<GstElement> element(gst_pad_get_parent_element(&pad)); element) {
+  const auto inner = Unwrap(Ptr<GstPad>(GST_PAD(gst_object_ref(&pad))));
+  const bool pushes = inner && GST_PAD_TASK(inner.Get()) != nullptr;
+  const Ptr<GstElement> element(inner && !pushes ? gst_pad_get_parent_element(inner.Get()) : nullptr);
+  if (element) {
     gst_element_foreach_sink_pad(element.Get(), collect, &peers);
   }
   return Unwrap(peers.count == 1 ? std::move(peers.last) : Ptr<GstPad>());
+}
+
+// Whether frames pass the pad, rather than what they are decoded from: the size of that is the decoder's affair.
+bool IsRaw(GstPad& pad) {
+  const Ptr<GstCaps> format(gst_pad_get_current_caps(&pad));
+  return !format || gst_structure_has_name(gst_caps_get_structure(format.Get(), 0), "video/x-raw") != FALSE;
 }
 
 // On a pad that feeds the converter: its probe, while there is one, and the format that is known to be taken.
@@ -137,7 +147,9 @@ GstPadProbeReturn OnItem(GstPad* source, GstPadProbeInfo* info, gpointer feed) n
     if (!has_caps) {
       return GST_PAD_PROBE_DROP;
     }
-    SetTaken(*GST_PAD(feed), Ptr<GstCaps>(gst_pad_get_current_caps(GST_PAD(feed))));
+    if (feed != nullptr) {
+      SetTaken(*GST_PAD(feed), Ptr<GstCaps>(gst_pad_get_current_caps(GST_PAD(feed))));
+    }
     return GST_PAD_PROBE_REMOVE;
   }
   GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
@@ -206,11 +218,11 @@ gboolean OnQueueQuery(GstPad* sink, GstObject* queue, GstQuery* query) noexcept 
 }  // namespace
 
 Ptr<GstPad> GetFeed(GstPad& source) {
-  Ptr<GstPad> feed(GST_PAD(gst_object_ref(&source)));
-  auto upstream = Unwrap(feed);
-  while (upstream) {
+  Ptr<GstPad> feed;
+  auto upstream = GetUpstream(source);
+  while (upstream && IsRaw(*upstream)) {
     feed = std::move(upstream);
-    upstream = GST_PAD_TASK(feed.Get()) == nullptr ? GetUpstream(*feed) : Ptr<GstPad>();
+    upstream = GetUpstream(*feed);
   }
   return feed;
 }
@@ -222,9 +234,15 @@ bool Takes(GstPad& sink, GstCaps& format) {
 
 void AddGate(GstPad& source) {
   const auto feed = GetFeed(source);
-  WatchFeed(*feed);
-  gst_pad_add_probe(&source, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, OnItem, feed.Ref(),
-                    [](gpointer owned) { gst_object_unref(owned); });
+  if (feed) {
+    WatchFeed(*feed);
+  }
+  const auto unref = [](gpointer owned) {
+    if (owned != nullptr) {
+      gst_object_unref(owned);
+    }
+  };
+  gst_pad_add_probe(&source, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, OnItem, feed.Ref(), unref);
 }
 
 void SpareAllocation(GstPad& source) {

@@ -14,8 +14,8 @@ namespace mox::gstreamer::bin {
 bool Takes(GstPad& sink, GstCaps& format);
 
 /**
- * The pad that pushes what comes to the source pad, with a thread of its own: that of a queue, or of the input's
- * source.
+ * The pad that pushes the frames that come to the source pad, with a thread of its own: that of a queue, or of the
+ * input's source; or the one of a decoder, whatever thread that has. Empty if nothing feeds the pad's element.
  */
 Ptr<GstPad> GetFeed(GstPad& source);
 
