@@ -330,8 +330,9 @@ TEST_F(Live, TheFormatChangesWithTheFilters) {
 // What asks for an allocation first is not the source, but an element behind the queue.
 TEST_F(Live, WhatIsFarBackInAQueueOfTheInputIsGivenUp) {
   Stream stream;
-  stream.pipeline.SetInput(Parse(
-      "videotestsrc ! capsfilter caps=video/x-raw,framerate=60/1 ! queue name=far ! videoflip video-direction=vert"));
+  stream.pipeline.SetInput(
+      Parse("videotestsrc ! capsfilter caps=video/x-raw,framerate=60/1 ! queue name=far ! ( videoflip "
+            "video-direction=vert )"));
   stream.pipeline.AddFilters({Parse("identity sleep-time=2000")});
   stream.Play();
   const auto queue = stream.Find("far");

@@ -160,7 +160,6 @@ class Drain {
     gst_pad_remove_probe(&pad_, events_);
   }
 
-  bool HasEnded() const { return end_->told; }
   void Wait() { end_->is_drained.get_future().wait(); }
 
  private:
@@ -208,7 +207,7 @@ void DrainFilterBin(GstPad& sink, GstPad& source) {
   const auto eos = check::event::MakeEos("Event Error: ");
   // A chain that refuses the EOS, being open, dead or flushing, has nothing left to drain and would keep us waiting for
   // ever.
-  if (gst_pad_send_event(&sink, eos.Ref()) != FALSE || drain.HasEnded()) {
+  if (gst_pad_send_event(&sink, eos.Ref()) != FALSE) {
     drain.Wait();
   }
 }
