@@ -189,11 +189,18 @@ struct Ground {
     ++figures.unexpected;
   }
 
-  void Add(const Watch& watch, bool drained_through = false) {
+  void Add(const Watch& watch) {
     const std::lock_guard<std::mutex> lock(mutex);
     figures.lost += watch.Lost();
     figures.misplaced += watch.Misplaced();
-    figures.eos += drained_through ? 0 : watch.Eos();
+  }
+
+  void AddEos(const std::string& where, std::size_t count = 1) {
+    if (count > 0) {
+      std::cerr << "\nEOS at " << where << ", change " << changes << std::endl;
+      const std::lock_guard<std::mutex> lock(mutex);
+      figures.eos += count;
+    }
   }
 
   const Options options;
@@ -206,8 +213,17 @@ struct Ground {
   Figures& figures;
   std::map<const void*, Guarded> guarded;
   std::atomic<std::size_t> changes = 0;
+  std::atomic<int> ends = 0;  ///< How many calls are under way that end the stream.
   std::atomic<bool> stop = false;
 };
+
+// What fails as it is told to may tell of it.
+void OnError(GstBus* /*bus*/, GstMessage* message, Ground* ground) {
+  const std::string source = GST_MESSAGE_SRC_NAME(message);
+  if (source.find("faulty") == std::string::npos && ground->ends == 0) {
+    ground->Unexpected("an ERROR message of " + source + ", change " + std::to_string(ground->changes));
+  }
+}
 
 // One thread, with the filters and outputs that it has put in.
 class Walker {
@@ -266,6 +282,16 @@ class Walker {
     ground_.figures.latencies[kind].push_back(took.count());
   }
 
+  // The stream ends by GStreamer's own doing. An element whose source pad has stopped, but not its sink pad yet,
+  // answers an event with a failure; the source then posts an ERROR and sends an EOS, which no output gets, being
+  // stopped first.
+  template <typename Call>
+  void TimeEnd(const std::string& kind, const Call& call) {
+    ++ground_.ends;
+    Time(kind, call);
+    --ground_.ends;
+  }
+
   void ChangeFilters(const std::string& when = "") {
     filters_.size() <= random_.Below(4) ? AddFilter(when) : EraseFilter(when);
   }
@@ -319,6 +345,7 @@ class Walker {
     const bool last = pipeline_.GetOutputs().size() == 1;
     Time(last ? "erase the last output" : "erase output", [&] { pipeline_.EraseOutputs({watch->Element()}); });
     ground_.Add(*watch);
+    ground_.AddEos(GST_OBJECT_NAME(watch->Element().Get()), watch->Eos());
   }
 
   void ExchangeInput(bool playing) {
@@ -327,7 +354,7 @@ class Walker {
     if (playing) {
       lock.lock();
     }
-    Time("exchange input", [&] { pipeline_.SetInput(random_.MakeInput(ground_.options.live != 0)); });
+    TimeEnd("exchange input", [&] { pipeline_.SetInput(random_.MakeInput(ground_.options.live != 0)); });
     if (playing) {
       lock.unlock();
       LetRun();
@@ -337,7 +364,7 @@ class Walker {
   // While the pipeline is stopped a few changes are made, by others maybe as well, and a start may fail.
   void StopAndStart() {
     std::unique_lock<std::shared_mutex> lock(ground_.stopping);
-    Time("stop", [&] { pipeline_.SetEnable(false); });
+    TimeEnd("stop", [&] { pipeline_.SetEnable(false); });
     for (std::size_t i = random_.Below(3); i > 0; --i) {
       Step(false);
     }
@@ -425,8 +452,19 @@ void Walk(const Options& options, Figures& figures) {
   auto& pipeline = ground.pipeline;
   GstBin& whole = *GST_BIN(&pipeline.Get());
   const Watch entering(live::Find(whole, "filter_bin"), [&](auto... frames) { return ground.ledger.Enter(frames...); });
-  const Watch leaving(live::Find(whole, "output_bin"), ground.Arrive());
+  const auto outputs = live::Find(whole, "output_bin");
+  const Watch leaving(outputs, ground.Arrive());
   ground.leaving = &leaving;
+  live::AddProbe(*live::PadOf(*outputs, "sink"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+                 [&](GstPad&, GstPadProbeInfo& info) {
+                   if (live::EventType(info) == GST_EVENT_EOS && ground.ends == 0) {
+                     ground.AddEos("the end of the filters");
+                   }
+                   return GST_PAD_PROBE_OK;
+                 });
+  const Ptr<GstBus> bus(gst_element_get_bus(GST_ELEMENT(&whole)));
+  gst_bus_enable_sync_message_emission(bus.Get());
+  g_signal_connect(bus.Get(), "sync-message::error", G_CALLBACK(OnError), &ground);
   pipeline.SetInput(Random(options.seed, -1).MakeInput(options.live != 0));
   pipeline.SetEnable(true);
   ground.Guard(&leaving, "frames out of the filters", [&] { return leaving.Frames(); });
@@ -460,12 +498,12 @@ void Walk(const Options& options, Figures& figures) {
       tee->numsrcpads != 1) {
     ground.Unexpected("what is left is not an empty playing pipeline");
   }
-  if (live::CountProbes(whole) != 2) {
-    ground.Unexpected("probes are left besides those of the two watches");
+  if (live::CountProbes(whole) != 3) {
+    ground.Unexpected("probes are left besides those of the walk");
   }
   pipeline.SetEnable(false);
   ground.Add(leaving);
-  ground.Add(entering, true);
+  ground.Add(entering);
   figures.given_up += ground.ledger.GivenUp();
 }
 
