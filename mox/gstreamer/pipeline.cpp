@@ -258,8 +258,11 @@ class Pipeline::Impl {
     }
     if (enable_) {
       for (GstBin* const bin : {&OutputBin(), &FilterBin(), &InputBin()}) {
-        if (HasFailed(*GST_ELEMENT(bin))) {
-          gst_element_set_state(GST_ELEMENT(bin), GST_STATE_TARGET(bin));
+        if (HasFailed(*GST_ELEMENT(bin)) &&
+            gst_element_set_state(GST_ELEMENT(bin), GST_STATE_TARGET(bin)) == GST_STATE_CHANGE_SUCCESS) {
+          // What it waited for came while it took no notice; it tells the pipeline, which waits for it, only of what
+          // comes from here on.
+          gst_element_post_message(GST_ELEMENT(bin), gst_message_new_async_done(GST_OBJECT(bin), GST_CLOCK_TIME_NONE));
         }
       }
       gst_element_set_state(&element, GST_STATE_PLAYING);

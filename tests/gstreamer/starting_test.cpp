@@ -46,11 +46,18 @@ TEST_F(Starting, ChangesWhileAnOutputStillNeedsFrames) {
   }
 }
 
+// From an ERROR on a bin takes no notice of what becomes of what is in it, as here of the first frame of the other
+// output.
 TEST_F(Starting, ErrorsDoNotKeepTheOthersFromPlaying) {
   const auto refused = Make("filesink", "refused");
   g_object_set(refused.Get(), "location", "/nowhere/at/all", nullptr);
   for (const bool posted : {false, true}) {
+    struct Meeting {
+      GstBaseSink& sink;
+      std::atomic<bool> told = false;
+    };
     Stream stream;
+    Meeting meeting{*GST_BASE_SINK(stream.watch.Element().Get())};
     const auto input = Parse("videotestsrc ! identity");
     if (posted) {
       AddProbe(*PadOf(*input, "src"), GST_PAD_PROBE_TYPE_BUFFER, [&](auto&...) {
@@ -58,6 +65,18 @@ TEST_F(Starting, ErrorsDoNotKeepTheOthersFromPlaying) {
         return GST_PAD_PROBE_REMOVE;
       });
       stream.pipeline.EraseOutputs({stream.watch.Element()});
+    } else {
+      AddProbe(*PadOf(*stream.watch.Element(), "sink"), GST_PAD_PROBE_TYPE_BUFFER, [&](auto&...) {
+        Await("an error", [&] { return meeting.told.load(); });
+        return GST_PAD_PROBE_REMOVE;
+      });
+      const auto on_error = [](GstBus*, GstMessage*, Meeting* with) {
+        with->told = true;
+        Await("a preroll", [&] { return with->sink.have_preroll != FALSE; });
+      };
+      const Ptr<GstBus> bus(gst_element_get_bus(GST_ELEMENT(&stream.pipeline.Get())));
+      gst_bus_enable_sync_message_emission(bus.Get());
+      g_signal_connect(bus.Get(), "sync-message::error", G_CALLBACK(+on_error), &meeting);
     }
     stream.pipeline.SetInput(input);
     stream.pipeline.SetEnable(true);
