@@ -48,11 +48,6 @@ Ptr<GstPipeline> Make(unsigned id, const std::string& name) {
   return element;
 }
 
-// Holds what comes to the pad for as long as the probe is there.
-PadProbe Hold(GstPad& pad) {
-  return {pad, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; }};
-}
-
 }  // namespace
 
 class Pipeline::Impl {
@@ -109,20 +104,17 @@ class Pipeline::Impl {
     GstElement& input_bin = *GST_ELEMENT(&InputBin());
     GstElement& filter_bin = *GST_ELEMENT(&FilterBin());
     GstElement& output_bin = *GST_ELEMENT(&OutputBin());
-    // A pipeline that is still starting must not start the bins half-way through.
-    const bin::StateLock state_lock(*GST_ELEMENT(pipeline_.Get()));
-    const auto source = check::element::GetPad(input_bin, "src", bin::kElementError);
+    // The time starts anew, too: late by all that the old input has played, sinks would drop what the new one brings.
+    TakeDown({&output_bin, &filter_bin, &input_bin});
     {
       // The old input would take the answer of outputs that have stopped for the end of the stream, and tell them.
-      const auto held = Hold(*source);
+      const auto source = check::element::GetPad(input_bin, "src", bin::kElementError);
+      const PadProbe held(*source, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
+                          [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
       check::element::SetNullState(output_bin, bin::kElementError);
       check::element::SetNullState(filter_bin, bin::kElementError);
     }
     check::element::SetNullState(input_bin, bin::kElementError);
-    // The time starts anew, too: late by all that the old input has played, sinks would drop what the new one brings.
-    TakeDown({&output_bin, &filter_bin, &input_bin});
-    // A source that meets bins still stopped pauses for good.
-    const auto held = Hold(*source);
     try {
       bin::input::SetInput(InputBin(), input);
     } catch (...) {
@@ -238,7 +230,7 @@ class Pipeline::Impl {
     return failed;
   }
 
-  // Takes the pipeline down around its bins, which are down already and would else be taken up first.
+  // Takes the pipeline down around its bins. From here on it leaves them alone, also where it was still starting them.
   void TakeDown(std::initializer_list<GstElement*> bins) {
     for (GstElement* const bin : bins) {
       gst_element_set_locked_state(bin, TRUE);
