@@ -22,13 +22,10 @@ void Add(GstBin& bin, const Ptr<GstElement>& element) {
 void Sync(GstElement& element) {
   check::element::SyncWithParent(element, kElementError);
   const Ptr<GstObject> parent(gst_object_get_parent(GST_OBJECT_CAST(&element)));
-  // A parent whose change failed has a target still, but is not on its way to it.
   GST_OBJECT_LOCK(parent.Get());
-  const bool failed = GST_STATE_RETURN(parent.Get()) == GST_STATE_CHANGE_FAILURE;
   const GstState target = GST_STATE_TARGET(parent.Get());
   GST_OBJECT_UNLOCK(parent.Get());
-  if (!failed && GST_STATE_TARGET(&element) != target &&
-      gst_element_set_state(&element, target) == GST_STATE_CHANGE_FAILURE) {
+  if (GST_STATE_TARGET(&element) != target && gst_element_set_state(&element, target) == GST_STATE_CHANGE_FAILURE) {
     check::Fail(kElementError, "Failed to sync the state of the element '", element::GetFullName(element),
                 "' with its parent");
   }
