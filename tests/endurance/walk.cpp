@@ -354,7 +354,7 @@ class Walker {
     if (playing) {
       lock.lock();
     }
-    TimeEnd("exchange input", [&] { pipeline_.SetInput(random_.MakeInput(ground_.options.live != 0)); });
+    Time("exchange input", [&] { pipeline_.SetInput(random_.MakeInput(ground_.options.live != 0)); });
     if (playing) {
       lock.unlock();
       LetRun();

@@ -93,6 +93,34 @@ TEST_F(Starting, ErrorsDoNotKeepTheOthersFromPlaying) {
   }
 }
 
+// GStreamer stops the pads of an element one after the other, and what passes it meanwhile may fail.
+TEST_F(Starting, WhatFailsAsAnExchangeStopsItIsNoFailure) {
+  std::atomic<int> errors = 0;
+  std::atomic<bool> met = false;
+  Stream stream;
+  const Watch leaving(stream.Find("output_bin"));
+  const Ptr<GstBus> bus(gst_element_get_bus(GST_ELEMENT(&stream.pipeline.Get())));
+  gst_bus_enable_sync_message_emission(bus.Get());
+  const auto on_error = [](GstBus*, GstMessage*, std::atomic<int>* count) { ++*count; };
+  g_signal_connect(bus.Get(), "sync-message::error", G_CALLBACK(+on_error), &errors);
+  const auto tee = stream.Find("output_tee");
+  AddProbe(*PadOf(*stream.Find("source_filter"), "src"), GST_PAD_PROBE_TYPE_BUFFER, [&](auto&, auto& info) {
+    if (met.exchange(true)) {
+      return GST_PAD_PROBE_OK;
+    }
+    Await("a stop", [&] { return GST_STATE(tee.Get()) == GST_STATE_NULL; });
+    gst_buffer_unref(GST_PAD_PROBE_INFO_BUFFER(&info));
+    GST_PAD_PROBE_INFO_FLOW_RETURN(&info) = GST_FLOW_ERROR;
+    return GST_PAD_PROBE_HANDLED;
+  });
+  stream.pipeline.SetEnable(true);
+  Await("a frame", [&] { return met.load(); });
+  stream.pipeline.SetInput(MakeSource());
+  leaving.AwaitFrames();
+  leaving.ExpectWhole();
+  EXPECT_EQ(errors, 0);
+}
+
 TEST_F(Starting, TheTimeStartsAnewWithEveryInput) {
   Stream stream(true);
   stream.Play();
