@@ -123,7 +123,7 @@ std::string Log(int level, const void* object) {
   gst_debug_remove_log_function(bridge);
   gst_debug_add_log_function(forward, &about, nullptr);
   const Capture capture;
-  gst_debug_log(GST_CAT_DEFAULT, GST_LEVEL_ERROR, "file.c", "function", 7, nullptr, "%s", "text");
+  gst_debug_log(GST_CAT_DEFAULT, GST_LEVEL_ERROR, "file.c", "function", 7, nullptr, "%d%%", 5);
   gst_debug_remove_log_function(forward);
   const auto lines = capture.GetLines();
   return lines.size() == 1 ? lines[0] : "not one line";
@@ -135,30 +135,24 @@ TEST(LogBridge, NamesTheLevelAndTheTypeOfAnyObject) {
   const Ptr<GstElement> element(gst_element_factory_make("fakesink", nullptr));
   {
     const Capture capture;
-    gst_debug_log(GST_CAT_DEFAULT, GST_LEVEL_ERROR, "file.c", "function", -7, G_OBJECT(element.Get()), "%d%%", 5);
     const std::string invalid = "%d%";
-    gst_debug_log(GST_CAT_DEFAULT, GST_LEVEL_WARNING, "file.c", "function", 7, nullptr, invalid.c_str(), 5);
-    EXPECT_THAT(capture.GetLines(),
-                ElementsAre("error mox.gstreamer.session: [file.c:-7 (function)] GObject Type: GstFakeSink: 5%",
-                            "warning mox.gstreamer.session: [file.c:7 (function)] GObject Type: Unknown: "
-                            "gst_debug_message_get returned NULL"));
+    GObject* const object = G_OBJECT(element.Get());
+    gst_debug_log(GST_CAT_DEFAULT, GST_LEVEL_WARNING, "file.c", "function", -7, object, invalid.c_str(), 5);
+    EXPECT_THAT(capture.GetLines(), ElementsAre("warning mox.gstreamer.session: [file.c:-7 (function)] GObject Type: "
+                                                "GstFakeSink: gst_debug_message_get returned NULL"));
   }
   const std::string text = " mox.gstreamer.session: [file.c:7 (function)] GObject Type: ";
   const std::array<const char*, 11> levels{"none", "error", "warning", "none", "info", "debug",
                                            "none", "trace", "none",    "none", "none"};
   for (std::size_t level = 0; level < levels.size(); ++level) {
-    EXPECT_EQ(Log(static_cast<int>(level), nullptr), levels[level] + text + "Unknown: text");
+    EXPECT_EQ(Log(static_cast<int>(level), nullptr), levels[level] + text + "Unknown: 5%");
   }
 
   GObject* const object = G_OBJECT(g_object_new(G_TYPE_OBJECT, nullptr));
   GParamSpec* const param_spec = g_param_spec_int("name", "nick", "blurb", 0, 1, 0, G_PARAM_READABLE);
   const Ptr<GstCaps> caps(gst_caps_from_string("video/x-raw"));
-  const Ptr<GstEvent> event(gst_event_new_eos());
-  const Ptr<GstBuffer> buffer(gst_buffer_new());
   const GType boxed = g_boxed_type_register_static(
       "MoxTestBoxed", [](gpointer) -> gpointer { return nullptr; }, [](gpointer) {});
-  GstSegment segment;
-  gst_segment_init(&segment, GST_FORMAT_TIME);
   const GList list{element.Get(), nullptr, nullptr};
   alignas(void*) const std::array<char, 32> characters{"no object at all, but a text"};
   const std::array<std::uintptr_t, 4> zeros{};
@@ -171,16 +165,14 @@ TEST(LogBridge, NamesTheLevelAndTheTypeOfAnyObject) {
       {"GstFakeSink", {element.Get()}},
       {"GParamInt", {param_spec}},
       {"GstCaps", {caps.Get()}},
-      {"GstEvent", {event.Get()}},
-      {"GstBuffer", {buffer.Get()}},
       {"GstStructure", {gst_caps_get_structure(caps.Get(), 0)}},
       {"MoxTestBoxed", {&boxed}},
       {"Unknown",
-       {&segment, &list, characters.data(), characters.data() + 1, zeros.data(), &loop, &fundamental, &indirect[0],
-        &indirect[1], &indirect[2], &indirect[3], reinterpret_cast<const void*>(16)}}};
+       {&list, characters.data(), characters.data() + 1, zeros.data(), &loop, &fundamental, &indirect[0], &indirect[1],
+        &indirect[2], &indirect[3], reinterpret_cast<const void*>(16)}}};
   for (const auto& [type, pointers] : objects) {
     for (const void* const pointer : pointers) {
-      EXPECT_EQ(Log(GST_LEVEL_ERROR, pointer), "error" + text + type + ": text") << pointer;
+      EXPECT_EQ(Log(GST_LEVEL_ERROR, pointer), "error" + text + type + ": 5%") << pointer;
     }
   }
   g_param_spec_unref(param_spec);
