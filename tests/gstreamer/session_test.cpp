@@ -25,12 +25,9 @@ static GstLogFunction bridge = nullptr;
 
 /** Stands before GStreamer's function of this name and keeps what the session hands to it, so that the bridge can be
  *  called with what this build of GStreamer refuses to pass on. */
-extern "C" __attribute__((visibility("default"))) void gst_debug_add_log_function(GstLogFunction function,
-                                                                                  gpointer data,
-                                                                                  GDestroyNotify notify) {
-  if (bridge == nullptr) {
-    bridge = function;
-  }
+extern "C" [[gnu::visibility("default")]] void gst_debug_add_log_function(GstLogFunction function, gpointer data,
+                                                                          GDestroyNotify notify) {
+  bridge = bridge != nullptr ? bridge : function;
   void* const next = dlsym(RTLD_NEXT, "gst_debug_add_log_function");
   reinterpret_cast<decltype(&gst_debug_add_log_function)>(next)(function, data, notify);
 }
