@@ -59,10 +59,8 @@ TEST(PluginPath, LiesBesideTheFileThatALinkLeadsTo) {
   copy_file(MOX_TEST_PLUGIN, file);
   ASSERT_NE(dlopen("./libmox_link.so.so.3.1", RTLD_NOW), nullptr) << dlerror();
   EXPECT_EQ(system::GetLibraryPath("mox_link.so"), "./libmox_link.so.so.3.1");
-  EXPECT_EQ(system::GetLibraryPath("mox_system").filename(), "libmox_system.so.1");
   ASSERT_NE(dlopen(MOX_TEST_PLUGIN, RTLD_NOW), nullptr) << dlerror();
   EXPECT_EQ(system::GetLibraryPath("gstcoreelements"), MOX_TEST_PLUGIN);
-  EXPECT_EQ(FromLibraryName("mox_link.so"), expected);
   EXPECT_EQ(ByNameInC("mox_link.so"), expected);
   remove(file);
   const auto no_library = ErrorOf<filesystem_error>([] { FromLibraryName("mox_link.so"); });
