@@ -152,7 +152,6 @@ TEST(LogBridge, NamesTheLevelAndTheTypeOfAnyObject) {
       "MoxTestBoxed", [](gpointer) -> gpointer { return nullptr; }, [](gpointer) {});
   const GList list{element.Get(), nullptr, nullptr};
   alignas(void*) const std::array<char, 32> characters{"no object at all, but a text"};
-  const std::array<std::uintptr_t, 4> zeros{};
   const std::vector<std::uintptr_t> ones(20, 1);  // where the number of a name would be, there is one
   const void* const loop = &loop;
   const std::uintptr_t fundamental = G_TYPE_OBJECT;
@@ -165,8 +164,8 @@ TEST(LogBridge, NamesTheLevelAndTheTypeOfAnyObject) {
       {"GstStructure", {gst_caps_get_structure(caps.Get(), 0)}},
       {"MoxTestBoxed", {&boxed}},
       {"Unknown",
-       {&list, characters.data(), characters.data() + 1, zeros.data(), &loop, &fundamental, &indirect[0], &indirect[1],
-        &indirect[2], &indirect[3], reinterpret_cast<const void*>(16)}}};
+       {&list, characters.data(), characters.data() + 1, &loop, &fundamental, &indirect[0], &indirect[1], &indirect[2],
+        &indirect[3], reinterpret_cast<const void*>(16)}}};
   for (const auto& [type, pointers] : objects) {
     for (const void* const pointer : pointers) {
       EXPECT_EQ(Log(GST_LEVEL_ERROR, pointer), "error" + text + type + ": 5%") << pointer;
