@@ -2,7 +2,6 @@
 
 #include "mox/property/primitive.h"
 
-#include <cstdint>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -48,25 +47,10 @@ void ExpectError(const Function& function, const char* text) {
 static_assert(hash::MurmurThree32("", 1).Get() == 0x514e28b7U);
 static_assert(hash::MurmurThree32("abcd", 1).Get() == 0x9bf54592U);
 static_assert(hash::MurmurThree32({"\xff\x80\xfe\0\x81\xc3\xa9", 7}, 0x0AEF6901).Get() == 0x32cde153U);
-
-template <typename T>
-void ExpectType(const char* name, std::uint32_t hash) {
-  EXPECT_EQ(Make<T>(T()).GetTypeHash().Get(), hash) << name;
-  EXPECT_STREQ(object::Object::TypeName(Make<T>(T()).GetTypeHash()), name);
-}
+static_assert(object::Object::HashTypeName("mox.property.Bool").Get() == 0x65ba4d35U);
+static_assert(object::Object::HashTypeName("mox.property.UInt8").Get() == 0xce56d2e2U);
 
 TEST(Property, IsOfANamedType) {
-  ExpectType<std::string>("mox.property.String", 0x0ca3dcc0);
-  ExpectType<bool>("mox.property.Bool", 0x65ba4d35);
-  ExpectType<signed char>("mox.property.Int8", 0xbd407532);
-  ExpectType<unsigned char>("mox.property.UInt8", 0xce56d2e2);
-  ExpectType<float>("mox.property.Float", 0x60b38723);
-  ExpectType<double>("mox.property.Double", 0x9a5fa09f);
-  ExpectType<int>("mox.property.Int32", 0x0b8ed075);
-  ExpectType<unsigned int>("mox.property.UInt32", 0xeea873fe);
-  ExpectType<long>("mox.property.Int64", 0xf4acd43d);
-  ExpectType<unsigned long>("mox.property.UInt64", 0x77e5d8b5);
-
   // Two names with one hash.
   const auto hash = object::Object::HashTypeName("mox.test.119793");
   EXPECT_EQ(object::Object::TypeName(hash), nullptr);
@@ -109,19 +93,23 @@ TEST(Property, TakesWhatKeepsTheValue) {
   EXPECT_STREQ(property, "\xc3\xa9");
 }
 
-template <typename T>
-void ExpectJson(const Primitive<T>& property, const std::string& rest) {
-  const std::string names = R"("name":"gain","nice_name":"\"Gain\"","description":"1\n2")";
-  EXPECT_EQ(PrintToString(property), "{" + names + R"(,"type":"mox.property.)" + rest);
+void ExpectJson(const Property& property, const std::string& type, const std::string& rest) {
+  const std::string names = R"({"name":"gain","nice_name":"\"Gain\"","description":"1\n2","type":")";
+  EXPECT_EQ(PrintToString(property), names + type + R"(","value":)" + rest + "}");
+  EXPECT_STREQ(object::Object::TypeName(property.GetTypeHash()), type.c_str());
 }
 
 TEST(Property, DescribesItselfInJson) {
-  ExpectJson(Make(true), R"(Bool","value":true})");
-  ExpectJson(Make(0.1F, {-kFloatInfinity, 4}), R"(Float","value":0.1,"minimum":"-Infinity","maximum":4.0})");
-  ExpectJson(Make(kNan, {-0.0, kInfinity}), R"(Double","value":"NaN","minimum":-0.0,"maximum":"Infinity"})");
-  ExpectJson(Make<signed char>(-7), R"(Int8","value":-7,"minimum":-128,"maximum":127})");
-  ExpectJson(Make(~0UL), R"(UInt64","value":18446744073709551615,"minimum":0,"maximum":18446744073709551615})");
-  ExpectJson(Make<std::string>("\xff\\\xc3\xa9"), "String\",\"value\":\"\xef\xbf\xbd\\\\\xc3\xa9\"}");
+  ExpectJson(Make(true), "mox.property.Bool", "true");
+  ExpectJson(Make(0.1F, {-kFloatInfinity, 4}), "mox.property.Float", R"(0.1,"minimum":"-Infinity","maximum":4.0)");
+  ExpectJson(Make(kNan, {-0.0, kInfinity}), "mox.property.Double", R"("NaN","minimum":-0.0,"maximum":"Infinity")");
+  ExpectJson(Make<signed char>(-7), "mox.property.Int8", R"(-7,"minimum":-128,"maximum":127)");
+  ExpectJson(Make<unsigned char>(7), "mox.property.UInt8", R"(7,"minimum":0,"maximum":255)");
+  ExpectJson(Make(-7, {-8, 9}), "mox.property.Int32", R"(-7,"minimum":-8,"maximum":9)");
+  ExpectJson(Make(7U, {0, 9}), "mox.property.UInt32", R"(7,"minimum":0,"maximum":9)");
+  ExpectJson(Make(-7L, {-8, 9}), "mox.property.Int64", R"(-7,"minimum":-8,"maximum":9)");
+  ExpectJson(Make(~0UL), "mox.property.UInt64", R"(18446744073709551615,"minimum":0,"maximum":18446744073709551615)");
+  ExpectJson(Make<std::string>("\xff\\\xc3\xa9"), "mox.property.String", "\"\xef\xbf\xbd\\\\\xc3\xa9\"");
 }
 
 TEST(Property, IsUsedByThreadsAtOnce) {
@@ -135,10 +123,9 @@ TEST(Property, IsUsedByThreadsAtOnce) {
       PrintToString(text);
     }
   };
-  std::thread first(use, 'x');
-  std::thread second(use, 'y');
-  first.join();
-  second.join();
+  std::thread other(use, 'x');
+  std::thread(use, 'y').join();
+  other.join();
   EXPECT_STREQ(mine, "mine") << "Until this thread reads again";
 }
 

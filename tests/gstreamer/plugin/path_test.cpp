@@ -53,16 +53,14 @@ TEST(PluginPath, LiesBesideTheFileThatALinkLeadsTo) {
 
   copy_file(MOX_TEST_PROGRAM, file);
   EXPECT_EQ(OutputOf("./libmox_link.so.so.3.1"), expected);
-  EXPECT_EQ(OutputOf("./libmox_link.so.so.3.1 real/file"), "none") << "The program removes itself first";
+  EXPECT_EQ(OutputOf("exec 3<real/file; rm real/file; exec /proc/self/fd/3"), "none") << "There is no file any more";
   const auto no_program = ErrorOf([&] { canonical(file.string() + " (deleted)"); });
 
   copy_file(MOX_TEST_PLUGIN, file);
   ASSERT_NE(dlopen("./libmox_link.so.so.3.1", RTLD_NOW), nullptr) << dlerror();
   EXPECT_EQ(system::GetLibraryPath("mox_link.so"), "./libmox_link.so.so.3.1");
-  EXPECT_EQ(system::GetLibraryPath("mox_system").filename(), "libmox_system.so.1");
   ASSERT_NE(dlopen(MOX_TEST_PLUGIN, RTLD_NOW), nullptr) << dlerror();
   EXPECT_EQ(system::GetLibraryPath("gstcoreelements"), MOX_TEST_PLUGIN);
-  EXPECT_EQ(FromLibraryName("mox_link.so"), expected);
   EXPECT_EQ(ByNameInC("mox_link.so"), expected);
   remove(file);
   const auto no_library = ErrorOf<filesystem_error>([] { FromLibraryName("mox_link.so"); });

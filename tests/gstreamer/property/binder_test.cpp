@@ -54,7 +54,6 @@ struct Object {
   }
 
   gpointer Get() const { return object.get(); }
-
   GParamSpec* Find(const char* name) const { return g_object_class_find_property(G_OBJECT_GET_CLASS(Get()), name); }
 
   /** The param spec of the property, having checked what all kinds have. */
@@ -105,23 +104,19 @@ TEST(PropertyBinder, PassesNumbersBothWays) {
 }
 
 TEST(PropertyBinder, PassesTextAndBooleansBothWays) {
-  auto count = Make<int>("count", 5);
   auto text = Make<std::string>("text", "before");
   auto flag = Make<bool>("flag", true);
-  Object object(count, text, flag);
-  object.Expect("count", G_TYPE_PARAM_INT, 1);
-  EXPECT_STREQ(object.Expect<GParamSpecString>("text", G_TYPE_PARAM_STRING, 2)->default_value, "before");
-  EXPECT_TRUE(object.Expect<GParamSpecBoolean>("flag", G_TYPE_PARAM_BOOLEAN, 3)->default_value);
-  for (const std::string& value : {std::string("d\xc3\xbcnn \"x\"\n"), std::string(100000, 'x'), std::string()}) {
+  Object object(text, flag);
+  EXPECT_STREQ(object.Expect<GParamSpecString>("text", G_TYPE_PARAM_STRING, 1)->default_value, "before");
+  EXPECT_TRUE(object.Expect<GParamSpecBoolean>("flag", G_TYPE_PARAM_BOOLEAN, 2)->default_value);
+  for (const char* const value : {"d\xc3\xbcnn \"x\"\n", static_cast<const char*>(nullptr)}) {
+    const std::string expected = value != nullptr ? value : "";
     char* read = nullptr;
-    g_object_set(object.Get(), "text", value.c_str(), nullptr);
+    g_object_set(object.Get(), "text", value, nullptr);
     g_object_get(object.Get(), "text", &read, nullptr);
-    EXPECT_EQ(std::tuple(text.GetValue(), read), std::tuple(value, value));
+    EXPECT_EQ(std::tuple(text.GetValue(), read), std::tuple(expected, expected));
     g_free(read);
   }
-  text = "not empty";
-  g_object_set(object.Get(), "text", nullptr, nullptr);
-  EXPECT_EQ(text.GetValue(), "");
 
   const GType type = g_type_register_static_simple(G_TYPE_PARAM_BOOLEAN, "MoxTestParam", sizeof(GParamSpecClass),
                                                    nullptr, sizeof(GParamSpecBoolean), nullptr, GTypeFlags());
@@ -134,9 +129,9 @@ TEST(PropertyBinder, PassesTextAndBooleansBothWays) {
     for (const int given : {2, 0}) {
       flag = given == 0;
       value.data[0].v_int = given;
-      object.binder.SetProperty(3, &value, pspec);
+      object.binder.SetProperty(2, &value, pspec);
       EXPECT_EQ(flag.GetValue(), passes == (given != 0));
-      object.binder.GetProperty(3, &value, pspec);
+      object.binder.GetProperty(2, &value, pspec);
       EXPECT_EQ(value.data[0].v_int, passes ? given / 2 : given);
     }
   }
@@ -144,9 +139,9 @@ TEST(PropertyBinder, PassesTextAndBooleansBothWays) {
   g_param_spec_unref(derived);
 
   EXPECT_THROW(object.binder.SetProperty(0, &value, nullptr), std::logic_error);
-  EXPECT_EQ(ErrorOf<std::logic_error>([&] { object.binder.SetProperty(4, &value, nullptr); }),
-            "The identification number (4) of the GStreamer property to set was larger than the number stored in the "
-            "binder (3)");
+  EXPECT_EQ(ErrorOf<std::logic_error>([&] { object.binder.SetProperty(3, &value, nullptr); }),
+            "The identification number (3) of the GStreamer property to set was larger than the number stored in the "
+            "binder (2)");
   EXPECT_EQ(ErrorOf<std::logic_error>([&] { Binder().GetProperty(1, &value, nullptr); }),
             "The identification number (1) of the GStreamer property to get was larger than the number stored in the "
             "binder (0)");
