@@ -89,18 +89,6 @@ std::vector<Held> Measure() {
           {"resident memory, KiB", pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024, 16384}};
 }
 
-// The times of the changes; returns whether there were any.
-bool PrintChanges(endurance::Figures& figures) {
-  std::printf("\n%-36s %8s %10s %10s %10s\n", "change", "count", "median ms", "99 % ms", "worst ms");
-  for (auto& [kind, times] : figures.latencies) {
-    std::sort(times.begin(), times.end());
-    std::printf("%-36s %8zu %10.2f %10.2f %10.2f\n", kind.c_str(), times.size(), times[times.size() / 2],
-                times[times.size() * 99 / 100], times.back());
-  }
-  std::printf("\n%-36s %8zu\n", "frames given up, as allowed", figures.given_up);
-  return !figures.latencies.empty();
-}
-
 bool MustBeZero(const char* what, std::size_t figure) {
   std::printf("%-36s %8zu%s\n", what, figure, figure == 0 ? "" : "   NOT 0");
   return figure == 0;
@@ -123,12 +111,19 @@ int main(int argc, char** argv) {
   endurance::Walk(options, figures);
   const auto after = Measure();
 
-  bool good = PrintChanges(figures);
+  std::printf("\n%-36s %8s %10s %10s %10s\n", "change", "count", "median ms", "99 % ms", "worst ms");
+  for (auto& [kind, times] : figures.latencies) {
+    std::sort(times.begin(), times.end());
+    std::printf("%-36s %8zu %10.2f %10.2f %10.2f\n", kind.c_str(), times.size(), times[times.size() / 2],
+                times[times.size() * 99 / 100], times.back());
+  }
+  std::printf("\n%-36s %8zu\n", "frames given up, as allowed", figures.given_up);
+  bool good = !figures.latencies.empty();
   good &= MustBeZero("frames lost", figures.lost);
   good &= MustBeZero("frames repeated or out of order", figures.misplaced);
   good &= MustBeZero("EOS leaked", figures.eos);
   good &= MustBeZero("unexpected", figures.unexpected);
-  good &= MustBeZero("elements not finalised", endurance::CountAlive());
+  good &= MustBeZero("elements not finalised", figures.alive);
   for (std::size_t i = 0; i < before.size(); ++i) {
     const bool level = after[i].count <= before[i].count + before[i].tolerance;
     std::printf("%-36s %8zu -> %zu%s\n", before[i].what, before[i].count, after[i].count, level ? "" : "   GROWN");
