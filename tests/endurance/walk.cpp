@@ -5,6 +5,7 @@
 #include "tests/gstreamer/live.h"
 
 #include <chrono>
+#include <deque>
 #include <exception>
 #include <functional>
 #include <future>
@@ -111,7 +112,7 @@ struct Ground {
       }
       if (Clock::now() - each.moved > live::kDeadline) {
         std::cerr << "\nSTALL of " << each.what << " at " << each.last << std::endl;
-        std::cerr << gst_debug_bin_to_dot_data(GST_BIN(&pipeline.Get()), GST_DEBUG_GRAPH_SHOW_STATES) << std::endl;
+        std::cerr << gst_debug_bin_to_dot_data(&whole, GST_DEBUG_GRAPH_SHOW_STATES) << std::endl;
         live::Hang();
       }
     }
@@ -130,9 +131,11 @@ struct Ground {
   const Options options;
   Figures& figures;
   Pipeline pipeline{1, "walk"};
+  GstBin& whole = *GST_BIN(&pipeline.Get());
   Ledger ledger;
   const Watch::Judge arrive = [this](auto... frames) { return ledger.Arrive(frames...); };
-  const Watch* leaving = nullptr;  ///< Behind the filters.
+  const Watch entering{live::Find(whole, "filter_bin"), [this](auto... frames) { return ledger.Enter(frames...); }};
+  const Watch leaving{live::Find(whole, "output_bin"), arrive};
   // Some wrong requests break a stopped pipeline, whose filters are not put back: they keep it from being stopped.
   std::shared_mutex stopping;
   std::mutex mutex;  ///< Of the guarded and the latencies.
@@ -164,7 +167,7 @@ class Walker {
         EraseFilter("");
       }
       while (!outputs_.empty()) {
-        EraseOutput(0);
+        EraseOutput(outputs_.front());
       }
     } catch (const std::exception& error) {
       ground_.Unexpected(name_ + ": " + error.what());
@@ -192,14 +195,14 @@ class Walker {
     if (drawn < 45) {
       ChangeFilters("");
     } else if (drawn < 80) {
-      outputs_.size() <= Below(4) ? AddOutput() : EraseOutput(Below(outputs_.size()));
+      outputs_.size() <= Below(4) ? AddOutput() : EraseOutput(From(outputs_));
     } else if (!playing) {
       pipeline_.SetInput(MakeInput());
     } else if (drawn < 90) {
       drawn < 87 ? ExchangeInput() : StopAndStart();
       // Many threads on a busy machine would else start it over and over before a first frame is through the filters.
       if (Below(4) > 0) {
-        ground_.leaving->AwaitFrames(1);
+        ground_.leaving.AwaitFrames(1);
       }
     } else {
       RequestWrongly();
@@ -253,12 +256,13 @@ class Walker {
     const auto& element = MakeOutput(stuck);
     Time(first ? "add the first output" : "add output", [&] { pipeline_.AddOutputs({element}); });
     if (stuck) {
-      EraseOutput(outputs_.size() - 1);
+      EraseOutput(outputs_.back());
     }
   }
 
-  void EraseOutput(std::size_t index) {
-    const Watch& watch = *outputs_[index];
+  void EraseOutput(std::unique_ptr<Watch>& output) {
+    std::swap(output, outputs_.back());
+    const Watch& watch = *outputs_.back();
     ground_.Release(&watch);
     const bool last = pipeline_.GetOutputs().size() == 1;
     Time(last ? "erase the last output" : "erase output", [&] { pipeline_.EraseOutputs({watch.Element()}); });
@@ -267,7 +271,7 @@ class Walker {
       ground_.figures.eos += watch.Eos();
       ground_.Unexpected(std::string("EOS at ") + GST_OBJECT_NAME(watch.Element().Get()));
     }
-    outputs_.erase(outputs_.begin() + static_cast<std::ptrdiff_t>(index));
+    outputs_.pop_back();
   }
 
   Ptr<GstElement> Make(const std::string& description) {
@@ -281,15 +285,14 @@ class Walker {
     auto input =
         Make(std::string("videotestsrc pattern=black is-live=") + (ground_.options.live != 0 ? "true" : "false") +
              " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1,format=" + From(kFormats) + From(kEnds));
+    // An event ahead of each frame, so that changes meet some on their way.
+    const auto talk = [](GstElement* talker, GstBuffer* /*frame*/, gpointer /*data*/) {
+      gst_pad_push_event(GST_PAD(talker->srcpads->data), gst_event_new_tag(gst_tag_list_new_empty()));
+    };
     if (const auto talker = live::Find(*GST_BIN(input.Get()), "talker"); talker) {
-      g_signal_connect(talker.Get(), "handoff", G_CALLBACK(Talk), nullptr);
+      g_signal_connect(talker.Get(), "handoff", G_CALLBACK(+talk), nullptr);
     }
     return input;
-  }
-
-  // An event ahead of each frame, so that changes meet some on their way.
-  static void Talk(GstElement* talker, GstBuffer* /*frame*/, gpointer /*data*/) {
-    gst_pad_push_event(GST_PAD(talker->srcpads->data), gst_event_new_tag(gst_tag_list_new_empty()));
   }
 
   void ExchangeInput() {
@@ -323,30 +326,19 @@ class Walker {
     const auto one = Make("identity");
     const auto audio = Make("audioconvert");
     const auto unlinked = "Element Error: Failed to link element '";
+    const auto add = [&](const live::Elements& filters) { return [=] { pipeline_.AddFilters(filters); }; };
     const std::pair<const char*, std::function<void()>> requests[] = {
-        {"Cannot add a filter that is null",
-         [&] {
-           pipeline_.AddFilters({one, {}});
-         }},
+        {"Cannot add a filter that is null", add({one, {}})},
+        {"Bin Error: Failed to add element '", add({one, one})},
+        {unlinked, add({one, audio})},
+        {"Element Error: Failed to sync the state of the element 'filter_bin", add({one, MakeRefusing()})},
         {"Cannot remove a filter that has not been added to the filters list", [&] { pipeline_.EraseFilters({one}); }},
-        {"Bin Error: Failed to add element '",
-         [&] {
-           pipeline_.AddFilters({one, one});
-         }},
-        {unlinked,
-         [&] {
-           pipeline_.AddFilters({one, audio});
-         }},
-        {"Element Error: Failed to sync the state of the element 'filter_bin",
-         [&] {
-           pipeline_.AddFilters({one, MakeRefusing()});
-         }},
         {"Cannot remove an output that has not been added to the bin", [&] { pipeline_.EraseOutputs({one}); }},
         {"Cannot remove the input if the pipeline is not stopped", [&] { pipeline_.SetInput({}); }},
         // What is listed before the wrong one stays: were the wrong one the first, there could be no output any more.
         {unlinked,
          [&] {
-           pipeline_.AddOutputs({MakeOutput(), audio});
+           pipeline_.AddOutputs(live::Elements{MakeOutput(), audio});
          }},
     };
     const auto& [text, call] = From(requests);
@@ -389,28 +381,24 @@ void OnError(GstBus* /*bus*/, GstMessage* message, Ground* ground) {
 void Walk(const Options& options, Figures& figures) {
   Ground ground(options, figures);
   auto& pipeline = ground.pipeline;
-  GstBin& whole = *GST_BIN(&pipeline.Get());
-  const Watch entering(live::Find(whole, "filter_bin"), [&](auto... frames) { return ground.ledger.Enter(frames...); });
-  const auto outputs = live::Find(whole, "output_bin");
-  const Watch leaving(outputs, ground.arrive);
-  ground.leaving = &leaving;
-  live::AddProbe(*live::PadOf(*outputs, "sink"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+  live::AddProbe(*live::PadOf(*ground.leaving.Element(), "sink"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
                  [&](GstPad&, GstPadProbeInfo& info) {
                    if (live::EventType(info) == GST_EVENT_EOS && ground.ends == 0) {
                      ground.Unexpected("EOS at the end of the filters");
                    }
                    return GST_PAD_PROBE_OK;
                  });
-  const Ptr<GstBus> bus(gst_element_get_bus(GST_ELEMENT(&whole)));
+  const Ptr<GstBus> bus(gst_element_get_bus(GST_ELEMENT(&ground.whole)));
   gst_bus_enable_sync_message_emission(bus.Get());
   g_signal_connect(bus.Get(), "sync-message::error", G_CALLBACK(OnError), &ground);
   pipeline.SetInput(ground.Counted(live::MakeSource(options.live != 0)));
   pipeline.SetEnable(true);
-  ground.Guard(&leaving, "frames out of the filters", [&] { return leaving.Frames(); });
+  ground.Guard(&ground.leaving, "frames out of the filters", [&] { return ground.leaving.Frames(); });
 
+  std::deque<Walker> walkers;
   std::vector<std::future<void>> walks;
   for (int i = 0; i < options.threads; ++i) {
-    walks.push_back(std::async(std::launch::async, [&, i] { Walker(ground, i).Run(); }));
+    walks.push_back(std::async(std::launch::async, &Walker::Run, &walkers.emplace_back(ground, i)));
   }
   for (int tenths = 0; ground.walking > 0; ++tenths) {
     std::cerr << "\r" << tenths / 10 << " s, " << ground.changes << " changes, " << figures.alive << " elements "
@@ -422,19 +410,19 @@ void Walk(const Options& options, Figures& figures) {
 
   // What the library adds for a stream that is starting goes once it plays.
   live::Await("playing", [&] {
-    return gst_element_get_state(GST_ELEMENT(&whole), nullptr, nullptr, 0) != GST_STATE_CHANGE_ASYNC;
+    return gst_element_get_state(GST_ELEMENT(&ground.whole), nullptr, nullptr, 0) != GST_STATE_CHANGE_ASYNC;
   });
-  leaving.AwaitFrames(10);
+  ground.leaving.AwaitFrames(10);
   if (!pipeline.GetFilters().empty() || !pipeline.GetOutputs().empty() || !pipeline.GetEnable() ||
-      live::Find(whole, "output_tee")->numsrcpads != 1) {
+      live::Find(ground.whole, "output_tee")->numsrcpads != 1) {
     ground.Unexpected("what is left is not an empty playing pipeline");
   }
-  if (live::CountProbes(whole) != 3) {
+  if (live::CountProbes(ground.whole) != 3) {
     ground.Unexpected("probes are left besides those of the walk");
   }
   pipeline.SetEnable(false);
-  ground.Add(leaving);
-  ground.Add(entering);
+  ground.Add(ground.leaving);
+  ground.Add(ground.entering);
   figures.given_up += ground.ledger.given_up.size();
 }
 
