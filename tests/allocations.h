@@ -15,11 +15,8 @@ inline std::atomic<long> until_failure = -1;
 
 // Not inlined: the compiler would see an allocation function and `free`, and take them for a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t size) {
-  using allocations::until_failure;
-  if (until_failure >= 0 && until_failure-- == 0) {
-    throw std::bad_alloc();
-  }
-  void* const memory = std::malloc(size);
+  const bool fails = allocations::until_failure >= 0 && allocations::until_failure-- == 0;
+  void* const memory = fails ? nullptr : std::malloc(size);
   return memory != nullptr ? memory : throw std::bad_alloc();
 }
 

@@ -1,5 +1,4 @@
 #include <cstdio>
-#include <fstream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -13,14 +12,10 @@ namespace {
 // Runs the program with the commands on its standard input. What it writes must match each pattern.
 void ExpectLive(const std::string& options, const std::string& commands, int status,
                 const std::vector<const char*>& patterns) {
-  const std::string file =
-      testing::TempDir() + "mox_live_" + testing::UnitTest::GetInstance()->current_test_info()->name();
-  std::ofstream(file) << commands;
-  std::FILE* const program = popen(("'" MOX_LIVE "' " + options + " 2>&1 <'" + file + "'").c_str(), "r");
+  std::FILE* const program = popen(("'" MOX_LIVE "' " + options + " 2>&1 <<'END'\n" + commands + "END\n").c_str(), "r");
   std::string text(1 << 16, '\0');
   text.resize(std::fread(text.data(), 1, text.size(), program));
   EXPECT_EQ(WEXITSTATUS(pclose(program)), status) << text;
-  std::remove(file.c_str());
   for (const char* const pattern : patterns) {
     EXPECT_TRUE(std::regex_search(text, std::regex(pattern))) << pattern << "\nin\n" << text;
   }

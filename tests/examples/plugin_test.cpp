@@ -38,7 +38,6 @@ class Levels : public testing::Test {
   }
 
   GstVideoInfo info_{};
-
   const mox::gstreamer::Session session_;
   std::unique_ptr<GstHarness, decltype(&gst_harness_teardown)> harness_{nullptr, gst_harness_teardown};
 };
