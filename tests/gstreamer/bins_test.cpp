@@ -59,7 +59,6 @@ std::string PeerOf(GstElement& element, const char* name) {
               : "nothing";
 }
 
-using PtrTest = live::Test;
 using ContextTest = live::Test;
 using CheckTest = live::Test;
 
@@ -80,7 +79,7 @@ void ExpectExactCounts(T* made) {
   EXPECT_EQ(References(handle), 1);
 }
 
-TEST_F(PtrTest, CountsExactlyNeverSinksAndCastsWhatItIs) {
+TEST_F(CheckTest, CountsExactlyNeverSinksAndCastsWhatItIs) {
   ExpectExactCounts(gst_element_factory_make("identity", nullptr));
   ExpectExactCounts(gst_event_new_eos());
   ExpectExactCounts(gst_context_new("context", TRUE));
@@ -143,7 +142,6 @@ TEST_F(CheckTest, MakesAddsAndLinks) {
   gst_element_set_bus(GST_ELEMENT(pipeline.Get()), nullptr);
   const auto e = Make("identity", "e");
   const auto sink = Make("fakesink", "to");
-  const auto twin = Make("identity", "e");
   bin::AddElement(bin, *e.Ref(), kPrefix);
   bin::AddElement(bin, *sink.Ref(), kPrefix);
   const auto source = element::GetPad(*e, "src", kPrefix);
@@ -158,19 +156,15 @@ TEST_F(CheckTest, MakesAddsAndLinks) {
        {[] { element::Make(nullptr, nullptr, kPrefix); }, "create element 'unknown' ('unknown')"},
        {[] { context::Make(nullptr, kPrefix); }, "create the context 'unknown'"},
        {[&] { pipeline::GetBus(*pipeline, kPrefix); }, "get the bus of the pipeline 'p'"},
-       {[&] { bin::AddElement(bin, *twin.Ref(), kPrefix); }, "add element 'e [e]' to bin 'b [b]'"},
-       {[&] { bin::RemoveElement(bin, *twin, kPrefix); }, "remove element 'e [e]' from bin 'b [b]'"},
-       {[&] { bin::GetElement(bin, "none", kPrefix); }, "get 'none' element from bin 'b [b]'"},
+       {[&] { bin::RemoveElement(bin, *Make("identity", "x"), kPrefix); }, "remove element 'x [x]' from bin 'b [b]'"},
        {[&] { bin::GetElement(bin, nullptr, kPrefix); }, "get 'unknown' element from bin 'b [b]'"},
        {[&] { element::GetPad(*e, "source", kPrefix); }, "get 'source' pad from element 'e [e]'"},
        {[&] { element::GetPad(*e, nullptr, kPrefix); }, "get 'unknown' pad from element 'e [e]'"},
        {[&] { pad::GetPeer(*source, kPrefix); }, "get the peer of the pad 'src'"},
        {[&] { pad::GetParentElement(*alone, kPrefix); }, "get the parent element of the pad 'alone'"},
-       {[&] { element::LinkElement(*sink, *e, kPrefix); }, "link element 'to [to]' with element 'e [e]'"},
        {[&] { element::GhostPad(*owner, "in", *source, kPrefix); }, "ghost pad 'in' for element 'b [b]'"},
        {[&] { element::LinkElement(*e, *sink, kPrefix), element::GhostPad(*owner, nullptr, *source, kPrefix); },
         "ghost pad 'unknown' for element 'b [b]'"}});
-  EXPECT_EQ(References(twin), 1);
   EXPECT_EQ(pad::GetPeer(*source, kPrefix), element::GetPad(*sink, "sink", kPrefix));
   EXPECT_EQ(pad::GetParentElement(*source, kPrefix), bin::GetElement(bin, "e", kPrefix));
   EXPECT_EQ(References(source) + References(e), 4);
@@ -370,11 +364,8 @@ TEST_F(OutputTest, Branches) {
 }
 
 TEST_F(OutputTest, FailedAdds) {
-  const auto failing = faulty::Make("v");
-  faulty::Of(failing.Get()).answer = GST_STATE_CHANGE_FAILURE;
   const std::pair<Ptr<GstElement>, std::string> cases[] = {
       {Make("fakesink", "output_tee"), "Bin Error: Failed to add element 'output_tee [output_tee]' to bin 'bin [bin]'"},
-      {failing, "Element Error: Failed to sync the state of the element 'v [v]' with its parent"},
       {Make("videotestsrc", "source"), "]' with element 'source [source]'"},
   };
   for (const auto& [element, text] : cases) {
@@ -393,17 +384,8 @@ TEST_F(OutputTest, FailedAdds) {
   }
 }
 
-TEST_F(OutputTest, WhatRefusesAState) {
-  const auto stuck = faulty::Make("v");
-  output::AddOutputs(bin_, {stuck, b_});
+TEST_F(OutputTest, GoToTheStateThatTheirBinIsToReach) {
   gst_element_set_state(owner_.Get(), GST_STATE_READY);
-  faulty::Of(stuck.Get()).answer = GST_STATE_CHANGE_FAILURE;
-  EXPECT_EQ(ErrorOf([&] {
-              output::EraseOutputs(bin_, {stuck, b_});
-            }),
-            "Element Error: Failed to set the state of the element 'v [v]' to NULL");
-  faulty::Of(stuck.Get()).answer = faulty::Faults::kFollows;
-  EXPECT_EQ(Names(), "v b ");
   // A bin that is to go on to another state, as one does when a sink has lost its own, takes an output along.
   GST_STATE_TARGET(owner_.Get()) = GST_STATE_PAUSED;
   output::AddOutputs(bin_, {a_});
@@ -439,32 +421,25 @@ TEST_F(BinTest, InputIsReplacedAndAFailureLeavesNone) {
 }
 
 TEST_F(BinTest, PipelineIsBuiltOnceAndOwnsItsBins) {
-  auto owner = check::pipeline::Make("p", "");
+  const auto owner = check::pipeline::Make("p", "");
   GstBin& whole = *GST_BIN(owner.Get());
   pipeline::Initialize(whole);
   EXPECT_TRUE(pipeline::IsInitialized(whole));
   GstBin& input = pipeline::GetInputBin(whole);
   GstBin& filter = pipeline::GetFilterBin(whole);
   GstBin& output = pipeline::GetOutputBin(whole);
-  EXPECT_EQ(ChildrenOf(whole), (Texts{"input_bin (GstBin)", "filter_bin (GstBin)", "output_bin (GstBin)"}));
-  EXPECT_EQ(ChildrenOf(input), Texts{"color_converter (GstVideoConvert)"});
-  EXPECT_EQ(ChildrenOf(filter), (Texts{"sink_filter (GstIdentity)", "source_filter (GstIdentity)"}));
-  EXPECT_EQ(ChildrenOf(output), (Texts{"output_tee (GstTee)", "dummy_output (GstFakeSink)"}));
-  EXPECT_EQ(PeerOf(*GST_ELEMENT(&input), "src"), "filter_bin.sink");
-  EXPECT_EQ(PeerOf(*GST_ELEMENT(&filter), "src"), "output_bin.sink");
   ExpectErrors(
       "Bin Error: Failed to add element '",
       {{[&] { pipeline::Initialize(whole); }, "input_bin [input_bin]' to bin 'p [p]'"},
        {[&] { filter::Initialize(filter); }, "sink_filter [sink_filter]' to bin 'filter_bin [filter_bin]'"},
        {[&] { output::Initialize(output); }, "dummy_output [dummy_output]' to bin 'output_bin [output_bin]'"}});
-  EXPECT_EQ(ChildrenOf(whole).size(), 3U);
-  for (gpointer part : {&input, &filter, &output}) {
-    EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(part), 1);
+  EXPECT_EQ(ChildrenOf(whole), (Texts{"input_bin (GstBin)", "filter_bin (GstBin)", "output_bin (GstBin)"}));
+  EXPECT_EQ(ChildrenOf(filter), (Texts{"sink_filter (GstIdentity)", "source_filter (GstIdentity)"}));
+  for (const GstBin* bin : {&whole, &input, &filter, &output}) {
+    for (const GList* child = bin->children; child != nullptr; child = child->next) {
+      EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(child->data), 1) << GST_OBJECT_NAME(child->data);
+    }
   }
-  const auto converter = Find(whole, "color_converter");
-  EXPECT_EQ(References(converter), 2);
-  owner = {};
-  EXPECT_EQ(References(converter), 1);
 }
 
 TEST_F(BinTest, WhatIsMissingIsTold) {
@@ -480,7 +455,6 @@ TEST_F(BinTest, WhatIsMissingIsTold) {
   }
   ExpectErrors("Bin Error: Failed to get '",
                {{[&] { pipeline::GetInputBin(bin_); }, "input_bin' element from bin 'bin [bin]'"},
-                {[&] { pipeline::GetOutputBin(bin_); }, "output_bin' element from bin 'bin [bin]'"},
                 {[&] { input::SetInput(bin_, {}); }, "color_converter' element from bin 'bin [bin]'"},
                 {[&] { filter::AddFilters(bin_, {}); }, "sink_filter' element from bin 'bin [bin]'"},
                 {[&] { output::EraseOutputs(bin_, {}); }, "output_tee' element from bin 'bin [bin]'"}});
