@@ -37,6 +37,8 @@ using live::Find;
 using live::Make;
 using Texts = std::set<std::string>;
 
+constexpr auto kNone = "no error";
+
 void ExpectErrors(const std::string& start,
                   const std::vector<std::pair<std::function<void()>, std::string>>& failures) {
   for (const auto& [operation, rest] : failures) {
@@ -136,9 +138,7 @@ TEST_F(CheckTest, MakesAddsAndLinks) {
   const auto context = context::Make("type", kPrefix);
   const auto eos = event::MakeEos(kPrefix);
   EXPECT_TRUE(gst_context_is_persistent(context.Get()));
-  EXPECT_EQ(GST_EVENT_TYPE(eos.Get()), GST_EVENT_EOS);
   EXPECT_EQ(References(owner) + References(pipeline) + References(context) + References(eos), 4);
-  EXPECT_EQ(pipeline::GetBus(*pipeline, kPrefix), pipeline::GetBus(*pipeline, kPrefix));
   gst_element_set_bus(GST_ELEMENT(pipeline.Get()), nullptr);
   const auto e = Make("identity", "e");
   const auto sink = Make("fakesink", "to");
@@ -147,7 +147,6 @@ TEST_F(CheckTest, MakesAddsAndLinks) {
   const auto source = element::GetPad(*e, "src", kPrefix);
   const Ptr<GstPad> alone(gst_pad_new("alone", GST_PAD_SINK));
   element::GhostPad(*owner, "in", *element::GetPad(*e, "sink", kPrefix), kPrefix);
-  EXPECT_EQ(GST_ELEMENT(owner.Get())->numsinkpads, 1);
   // A refused pad is a mistake of the program to GStreamer, which its critical message would end.
   g_log_set_always_fatal(G_LOG_LEVEL_ERROR);
   ExpectErrors(
@@ -165,11 +164,8 @@ TEST_F(CheckTest, MakesAddsAndLinks) {
        {[&] { element::GhostPad(*owner, "in", *source, kPrefix); }, "ghost pad 'in' for element 'b [b]'"},
        {[&] { element::LinkElement(*e, *sink, kPrefix), element::GhostPad(*owner, nullptr, *source, kPrefix); },
         "ghost pad 'unknown' for element 'b [b]'"}});
-  EXPECT_EQ(pad::GetPeer(*source, kPrefix), element::GetPad(*sink, "sink", kPrefix));
-  EXPECT_EQ(pad::GetParentElement(*source, kPrefix), bin::GetElement(bin, "e", kPrefix));
-  EXPECT_EQ(References(source) + References(e), 4);
-  bin::RemoveElement(bin, *e, kPrefix);
-  EXPECT_EQ(References(e), 1);
+  EXPECT_EQ(pad::GetParentElement(*pad::GetPeer(*source, kPrefix), kPrefix), sink);
+  EXPECT_EQ(References(source) + References(element::GetPad(*sink, "sink", kPrefix)) + References(sink), 6);
 }
 
 TEST_F(CheckTest, States) {
@@ -177,16 +173,15 @@ TEST_F(CheckTest, States) {
   const auto e = faulty::Make("e");
   gst_bin_add(GST_BIN(owner.Get()), e.Ref());
   const auto error_of = [&](auto& operation) { return ErrorOf([&] { operation(*e, kPrefix); }); };
-  const std::string none = "no error";
   const std::string set = kFailed + std::string("set the state of the element 'e [e]' to ");
   const std::string to_parent = kFailed + std::string("sync the state of the element 'e [e]' with its parent");
   for (const auto answer :
        {GST_STATE_CHANGE_FAILURE, GST_STATE_CHANGE_SUCCESS, GST_STATE_CHANGE_ASYNC, GST_STATE_CHANGE_NO_PREROLL}) {
     faulty::Of(e.Get()).answer = answer;
     const bool failed = answer == GST_STATE_CHANGE_FAILURE;
-    EXPECT_EQ(error_of(element::SetNullState), answer == GST_STATE_CHANGE_SUCCESS ? none : set + "NULL");
-    EXPECT_EQ(error_of(element::SetPlayingState), failed ? set + "PLAYING" : none);
-    EXPECT_EQ(error_of(element::SyncWithParent), failed ? to_parent : none);
+    EXPECT_EQ(error_of(element::SetNullState), answer == GST_STATE_CHANGE_SUCCESS ? kNone : set + "NULL");
+    EXPECT_EQ(error_of(element::SetPlayingState), failed ? set + "PLAYING" : kNone);
+    EXPECT_EQ(error_of(element::SyncWithParent), failed ? to_parent : kNone);
   }
   faulty::Of(e.Get()).answer = faulty::Faults::kFollows;
   gst_bin_remove(GST_BIN(owner.Get()), e.Get());
@@ -204,8 +199,6 @@ class BinTest : public live::Test {
   Ptr<GstElement> owner_ = check::bin::Make("bin", "");
   GstBin& bin_ = *GST_BIN(owner_.Get());
 };
-
-constexpr auto kNone = "no error";
 
 struct Step {
   bool add;
@@ -259,11 +252,10 @@ TEST_F(FilterTest, KeepsTheOrder) {
 }
 
 TEST_F(FilterTest, FailedAddsLeaveTheChainOpen) {
-  const auto sink = Make("fakesink", "s");
   const std::pair<Elements, std::string> cases[] = {
       {{x_, x_, c_}, "Bin Error: Failed to add element 'x [x]' to bin 'bin [bin]'"},
       {{Make("identity", "a")}, "Bin Error: Failed to add element 'a [a]' to bin 'bin [bin]'"},
-      {{sink, x_}, "Element Error: Failed to link element 's [s]' with element 'x [x]'"},
+      {{Make("fakesink", "s"), x_}, "Element Error: Failed to link element 's [s]' with element 'x [x]'"},
   };
   for (const auto& [filters, text] : cases) {
     owner_ = check::bin::Make("bin", "");
@@ -369,16 +361,15 @@ TEST_F(OutputTest, FailedAdds) {
       {Make("videotestsrc", "source"), "]' with element 'source [source]'"},
   };
   for (const auto& [element, text] : cases) {
-    const Ptr<GstElement>& refused = element;
     owner_ = check::bin::Make("bin", "");
     GstBin& bin = *GST_BIN(owner_.Get());
     output::Initialize(bin);
     const auto add = [&](const Elements& outputs) { return ErrorOf([&] { output::AddOutputs(bin, outputs); }); };
-    EXPECT_THAT(add({b_, refused, x_}), testing::EndsWith(text));
+    EXPECT_THAT(add({b_, element, x_}), testing::EndsWith(text));
     EXPECT_EQ(output::GetOutputs(bin).size(), 1U);
     EXPECT_EQ(ChildrenOf(bin).size(), 3U);
     output::EraseOutputs(bin, {b_});
-    EXPECT_THAT(add({refused}), testing::EndsWith(text));
+    EXPECT_THAT(add({element}), testing::EndsWith(text));
     EXPECT_EQ(ChildrenOf(bin), Texts{"output_tee (GstTee)"});
     EXPECT_EQ(add({a_}), "Bin Error: Failed to get 'dummy_output' element from bin 'bin [bin]'");
   }
@@ -408,11 +399,10 @@ TEST_F(BinTest, InputIsReplacedAndAFailureLeavesNone) {
     EXPECT_EQ(ChildrenOf(bin_).size(), 2U);
   }
   EXPECT_EQ(References(first) + References(second), 2 + 1);
-  ExpectErrors("",
-               {{[&] { input::SetInput(bin_, Make("videotestsrc", "color_converter")); },
-                 "Bin Error: Failed to add element 'color_converter [color_converter]' to bin 'bin [bin]'"},
-                {[&] { input::SetInput(bin_, Make("fakesink", "s")); },
-                 "Element Error: Failed to link element 's [s]' with element 'color_converter [color_converter]'"}});
+  EXPECT_EQ(ErrorOf([&] { input::SetInput(bin_, Make("videotestsrc", "color_converter")); }),
+            "Bin Error: Failed to add element 'color_converter [color_converter]' to bin 'bin [bin]'");
+  EXPECT_EQ(ErrorOf([&] { input::SetInput(bin_, Make("fakesink", "s")); }),
+            "Element Error: Failed to link element 's [s]' with element 'color_converter [color_converter]'");
   EXPECT_FALSE(input::GetInput(bin_));
   EXPECT_EQ(References(first), 1);
   input::SetInput(bin_, first);
