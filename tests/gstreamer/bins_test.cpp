@@ -231,24 +231,17 @@ class FilterTest : public BinTest {
 
 TEST_F(FilterTest, KeepsTheOrder) {
   const std::string missing = "Cannot remove a filter that has not been added to the filters list";
-  {
-    const Step steps[] = {
-        {true, {a_, b_}, "[a -> b]", kNone},        {true, {c_}, "[a -> b -> c]", kNone},
-        {false, {}, "[a -> b -> c]", kNone},        {false, {x_, a_}, "[a -> b -> c]", missing},
-        {false, {b_, b_, a_}, "[a -> c]", missing}, {true, {x_, b_}, "[a -> c -> x -> b]", kNone},
-        {false, {b_, c_}, "[a -> x]", kNone},       {false, {a_, {}}, "[x]", missing},
-        {false, {x_, a_}, "[]", missing},
-    };
-    for (const auto& step : steps) {
-      EXPECT_EQ(ErrorOf([&] { (step.add ? filter::AddFilters : filter::EraseFilters)(bin_, step.list); }), step.error);
-      EXPECT_EQ(Graph(), step.expected);
-    }
+  const Step steps[] = {
+      {true, {a_, b_}, "[a -> b]", kNone},        {true, {c_}, "[a -> b -> c]", kNone},
+      {false, {}, "[a -> b -> c]", kNone},        {false, {x_, a_}, "[a -> b -> c]", missing},
+      {false, {b_, b_, a_}, "[a -> c]", missing}, {true, {x_, b_}, "[a -> c -> x -> b]", kNone},
+      {false, {b_, c_}, "[a -> x]", kNone},       {false, {a_, {}}, "[x]", missing},
+      {false, {x_, a_}, "[]", missing},
+  };
+  for (const auto& step : steps) {
+    EXPECT_EQ(ErrorOf([&] { (step.add ? filter::AddFilters : filter::EraseFilters)(bin_, step.list); }), step.error);
+    EXPECT_EQ(Graph(), step.expected);
   }
-  EXPECT_EQ(References(b_) + References(x_), 2);
-  filter::AddFilters(bin_, {c_});
-  EXPECT_EQ(References(c_), 2);
-  owner_ = {};
-  EXPECT_EQ(References(c_), 1);
 }
 
 TEST_F(FilterTest, FailedAddsLeaveTheChainOpen) {
@@ -266,7 +259,7 @@ TEST_F(FilterTest, FailedAddsLeaveTheChainOpen) {
     const int references = References(first);
     EXPECT_EQ(ErrorOf([&, &added = filters] { filter::AddFilters(bin, added); }), text);
     EXPECT_EQ(References(first), references + (GST_OBJECT_PARENT(first.Get()) != nullptr ? 1 : 0));
-    EXPECT_EQ(References(b_), 2);
+    EXPECT_EQ(References(a_) + References(b_), 4);
     EXPECT_EQ(PeerOf(*Find(bin, "sink_filter"), "src"), "nothing");
     EXPECT_EQ(PeerOf(*a_, "src"), "b.sink");
     EXPECT_EQ(filter::GetGraph(bin), "[]");

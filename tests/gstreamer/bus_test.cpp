@@ -61,7 +61,6 @@ TEST_F(BusTest, CallsWhatIsBoundInTheOrderOfTheSlots) {
   const auto error = Bind(GST_MESSAGE_ERROR, "error");
   EXPECT_EQ(Handle({GST_MESSAGE_ERROR, GST_MESSAGE_EOS, GST_MESSAGE_TAG}),
             (Calls{"error:error", "first:eos", "second:eos"}));
-  EXPECT_FALSE(gst_bus_have_pending(raw.Get()));
   first.Release();
   EXPECT_EQ(Handle({GST_MESSAGE_EOS}), Calls{"second:eos"});
   auto third = Bind(GST_MESSAGE_EOS, "third");
