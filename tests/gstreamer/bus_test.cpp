@@ -107,11 +107,9 @@ TEST_F(BusTest, BindingsOutliveAMovedBus) {
     Await("a message", [&] { return Post(GST_MESSAGE_EOS), count > 1; });
   }
   auto inner = std::make_shared<Binding>(Bind(GST_MESSAGE_EOS, "inner"));
-  bus.Bind(GST_MESSAGE_EOS, [owned = std::move(inner)](const GstMessage&) {}).Release();
   const auto token = std::make_shared<int>();
-  auto released = bus.Bind(GST_MESSAGE_EOS, [token](const GstMessage&) {});
   auto left = bus.Bind(GST_MESSAGE_EOS, [token](const GstMessage&) {});
-  released.Release();
+  bus.Bind(GST_MESSAGE_EOS, [token, owned = std::move(inner)](const GstMessage&) {}).Release();
   EXPECT_EQ(token.use_count(), 2);
   EXPECT_EQ(&bus.Get(), raw.Get());
   {
