@@ -368,8 +368,17 @@ TEST_F(OutputTest, FailedAdds) {
   }
 }
 
-TEST_F(OutputTest, GoToTheStateThatTheirBinIsToReach) {
+TEST_F(OutputTest, WhatRefusesAState) {
+  const auto stuck = faulty::Make("v");
+  output::AddOutputs(bin_, {stuck, b_});
   gst_element_set_state(owner_.Get(), GST_STATE_READY);
+  faulty::Of(stuck.Get()).answer = GST_STATE_CHANGE_FAILURE;
+  EXPECT_EQ(ErrorOf([&] {
+              output::EraseOutputs(bin_, {stuck, b_});
+            }),
+            "Element Error: Failed to set the state of the element 'v [v]' to NULL");
+  faulty::Of(stuck.Get()).answer = faulty::Faults::kFollows;
+  EXPECT_EQ(Names(), "v b ");
   // A bin that is to go on to another state, as one does when a sink has lost its own, takes an output along.
   GST_STATE_TARGET(owner_.Get()) = GST_STATE_PAUSED;
   output::AddOutputs(bin_, {a_});
