@@ -37,6 +37,8 @@ using live::Find;
 using live::Make;
 using Texts = std::set<std::string>;
 
+constexpr auto kNone = "no error";
+
 void ExpectErrors(const std::string& start,
                   const std::vector<std::pair<std::function<void()>, std::string>>& failures) {
   for (const auto& [operation, rest] : failures) {
@@ -59,7 +61,6 @@ std::string PeerOf(GstElement& element, const char* name) {
               : "nothing";
 }
 
-using PtrTest = live::Test;
 using ContextTest = live::Test;
 using CheckTest = live::Test;
 
@@ -80,7 +81,7 @@ void ExpectExactCounts(T* made) {
   EXPECT_EQ(References(handle), 1);
 }
 
-TEST_F(PtrTest, CountsExactlyNeverSinksAndCastsWhatItIs) {
+TEST_F(CheckTest, CountsExactlyNeverSinksAndCastsWhatItIs) {
   ExpectExactCounts(gst_element_factory_make("identity", nullptr));
   ExpectExactCounts(gst_event_new_eos());
   ExpectExactCounts(gst_context_new("context", TRUE));
@@ -137,19 +138,15 @@ TEST_F(CheckTest, MakesAddsAndLinks) {
   const auto context = context::Make("type", kPrefix);
   const auto eos = event::MakeEos(kPrefix);
   EXPECT_TRUE(gst_context_is_persistent(context.Get()));
-  EXPECT_EQ(GST_EVENT_TYPE(eos.Get()), GST_EVENT_EOS);
   EXPECT_EQ(References(owner) + References(pipeline) + References(context) + References(eos), 4);
-  EXPECT_EQ(pipeline::GetBus(*pipeline, kPrefix), pipeline::GetBus(*pipeline, kPrefix));
   gst_element_set_bus(GST_ELEMENT(pipeline.Get()), nullptr);
   const auto e = Make("identity", "e");
   const auto sink = Make("fakesink", "to");
-  const auto twin = Make("identity", "e");
   bin::AddElement(bin, *e.Ref(), kPrefix);
   bin::AddElement(bin, *sink.Ref(), kPrefix);
   const auto source = element::GetPad(*e, "src", kPrefix);
   const Ptr<GstPad> alone(gst_pad_new("alone", GST_PAD_SINK));
   element::GhostPad(*owner, "in", *element::GetPad(*e, "sink", kPrefix), kPrefix);
-  EXPECT_EQ(GST_ELEMENT(owner.Get())->numsinkpads, 1);
   // A refused pad is a mistake of the program to GStreamer, which its critical message would end.
   g_log_set_always_fatal(G_LOG_LEVEL_ERROR);
   ExpectErrors(
@@ -158,24 +155,17 @@ TEST_F(CheckTest, MakesAddsAndLinks) {
        {[] { element::Make(nullptr, nullptr, kPrefix); }, "create element 'unknown' ('unknown')"},
        {[] { context::Make(nullptr, kPrefix); }, "create the context 'unknown'"},
        {[&] { pipeline::GetBus(*pipeline, kPrefix); }, "get the bus of the pipeline 'p'"},
-       {[&] { bin::AddElement(bin, *twin.Ref(), kPrefix); }, "add element 'e [e]' to bin 'b [b]'"},
-       {[&] { bin::RemoveElement(bin, *twin, kPrefix); }, "remove element 'e [e]' from bin 'b [b]'"},
-       {[&] { bin::GetElement(bin, "none", kPrefix); }, "get 'none' element from bin 'b [b]'"},
+       {[&] { bin::RemoveElement(bin, *Make("identity", "x"), kPrefix); }, "remove element 'x [x]' from bin 'b [b]'"},
        {[&] { bin::GetElement(bin, nullptr, kPrefix); }, "get 'unknown' element from bin 'b [b]'"},
        {[&] { element::GetPad(*e, "source", kPrefix); }, "get 'source' pad from element 'e [e]'"},
        {[&] { element::GetPad(*e, nullptr, kPrefix); }, "get 'unknown' pad from element 'e [e]'"},
        {[&] { pad::GetPeer(*source, kPrefix); }, "get the peer of the pad 'src'"},
        {[&] { pad::GetParentElement(*alone, kPrefix); }, "get the parent element of the pad 'alone'"},
-       {[&] { element::LinkElement(*sink, *e, kPrefix); }, "link element 'to [to]' with element 'e [e]'"},
        {[&] { element::GhostPad(*owner, "in", *source, kPrefix); }, "ghost pad 'in' for element 'b [b]'"},
        {[&] { element::LinkElement(*e, *sink, kPrefix), element::GhostPad(*owner, nullptr, *source, kPrefix); },
         "ghost pad 'unknown' for element 'b [b]'"}});
-  EXPECT_EQ(References(twin), 1);
-  EXPECT_EQ(pad::GetPeer(*source, kPrefix), element::GetPad(*sink, "sink", kPrefix));
-  EXPECT_EQ(pad::GetParentElement(*source, kPrefix), bin::GetElement(bin, "e", kPrefix));
-  EXPECT_EQ(References(source) + References(e), 4);
-  bin::RemoveElement(bin, *e, kPrefix);
-  EXPECT_EQ(References(e), 1);
+  EXPECT_EQ(pad::GetParentElement(*pad::GetPeer(*source, kPrefix), kPrefix), sink);
+  EXPECT_EQ(References(source) + References(element::GetPad(*sink, "sink", kPrefix)) + References(sink), 6);
 }
 
 TEST_F(CheckTest, States) {
@@ -183,16 +173,15 @@ TEST_F(CheckTest, States) {
   const auto e = faulty::Make("e");
   gst_bin_add(GST_BIN(owner.Get()), e.Ref());
   const auto error_of = [&](auto& operation) { return ErrorOf([&] { operation(*e, kPrefix); }); };
-  const std::string none = "no error";
   const std::string set = kFailed + std::string("set the state of the element 'e [e]' to ");
   const std::string to_parent = kFailed + std::string("sync the state of the element 'e [e]' with its parent");
   for (const auto answer :
        {GST_STATE_CHANGE_FAILURE, GST_STATE_CHANGE_SUCCESS, GST_STATE_CHANGE_ASYNC, GST_STATE_CHANGE_NO_PREROLL}) {
     faulty::Of(e.Get()).answer = answer;
     const bool failed = answer == GST_STATE_CHANGE_FAILURE;
-    EXPECT_EQ(error_of(element::SetNullState), answer == GST_STATE_CHANGE_SUCCESS ? none : set + "NULL");
-    EXPECT_EQ(error_of(element::SetPlayingState), failed ? set + "PLAYING" : none);
-    EXPECT_EQ(error_of(element::SyncWithParent), failed ? to_parent : none);
+    EXPECT_EQ(error_of(element::SetNullState), answer == GST_STATE_CHANGE_SUCCESS ? kNone : set + "NULL");
+    EXPECT_EQ(error_of(element::SetPlayingState), failed ? set + "PLAYING" : kNone);
+    EXPECT_EQ(error_of(element::SyncWithParent), failed ? to_parent : kNone);
   }
   faulty::Of(e.Get()).answer = faulty::Faults::kFollows;
   gst_bin_remove(GST_BIN(owner.Get()), e.Get());
@@ -210,8 +199,6 @@ class BinTest : public live::Test {
   Ptr<GstElement> owner_ = check::bin::Make("bin", "");
   GstBin& bin_ = *GST_BIN(owner_.Get());
 };
-
-constexpr auto kNone = "no error";
 
 struct Step {
   bool add;
@@ -244,32 +231,24 @@ class FilterTest : public BinTest {
 
 TEST_F(FilterTest, KeepsTheOrder) {
   const std::string missing = "Cannot remove a filter that has not been added to the filters list";
-  {
-    const Step steps[] = {
-        {true, {a_, b_}, "[a -> b]", kNone},        {true, {c_}, "[a -> b -> c]", kNone},
-        {false, {}, "[a -> b -> c]", kNone},        {false, {x_, a_}, "[a -> b -> c]", missing},
-        {false, {b_, b_, a_}, "[a -> c]", missing}, {true, {x_, b_}, "[a -> c -> x -> b]", kNone},
-        {false, {b_, c_}, "[a -> x]", kNone},       {false, {a_, {}}, "[x]", missing},
-        {false, {x_, a_}, "[]", missing},
-    };
-    for (const auto& step : steps) {
-      EXPECT_EQ(ErrorOf([&] { (step.add ? filter::AddFilters : filter::EraseFilters)(bin_, step.list); }), step.error);
-      EXPECT_EQ(Graph(), step.expected);
-    }
+  const Step steps[] = {
+      {true, {a_, b_}, "[a -> b]", kNone},        {true, {c_}, "[a -> b -> c]", kNone},
+      {false, {}, "[a -> b -> c]", kNone},        {false, {x_, a_}, "[a -> b -> c]", missing},
+      {false, {b_, b_, a_}, "[a -> c]", missing}, {true, {x_, b_}, "[a -> c -> x -> b]", kNone},
+      {false, {b_, c_}, "[a -> x]", kNone},       {false, {a_, {}}, "[x]", missing},
+      {false, {x_, a_}, "[]", missing},
+  };
+  for (const auto& step : steps) {
+    EXPECT_EQ(ErrorOf([&] { (step.add ? filter::AddFilters : filter::EraseFilters)(bin_, step.list); }), step.error);
+    EXPECT_EQ(Graph(), step.expected);
   }
-  EXPECT_EQ(References(b_) + References(x_), 2);
-  filter::AddFilters(bin_, {c_});
-  EXPECT_EQ(References(c_), 2);
-  owner_ = {};
-  EXPECT_EQ(References(c_), 1);
 }
 
 TEST_F(FilterTest, FailedAddsLeaveTheChainOpen) {
-  const auto sink = Make("fakesink", "s");
   const std::pair<Elements, std::string> cases[] = {
       {{x_, x_, c_}, "Bin Error: Failed to add element 'x [x]' to bin 'bin [bin]'"},
       {{Make("identity", "a")}, "Bin Error: Failed to add element 'a [a]' to bin 'bin [bin]'"},
-      {{sink, x_}, "Element Error: Failed to link element 's [s]' with element 'x [x]'"},
+      {{Make("fakesink", "s"), x_}, "Element Error: Failed to link element 's [s]' with element 'x [x]'"},
   };
   for (const auto& [filters, text] : cases) {
     owner_ = check::bin::Make("bin", "");
@@ -280,7 +259,7 @@ TEST_F(FilterTest, FailedAddsLeaveTheChainOpen) {
     const int references = References(first);
     EXPECT_EQ(ErrorOf([&, &added = filters] { filter::AddFilters(bin, added); }), text);
     EXPECT_EQ(References(first), references + (GST_OBJECT_PARENT(first.Get()) != nullptr ? 1 : 0));
-    EXPECT_EQ(References(b_), 2);
+    EXPECT_EQ(References(a_) + References(b_), 4);
     EXPECT_EQ(PeerOf(*Find(bin, "sink_filter"), "src"), "nothing");
     EXPECT_EQ(PeerOf(*a_, "src"), "b.sink");
     EXPECT_EQ(filter::GetGraph(bin), "[]");
@@ -370,24 +349,20 @@ TEST_F(OutputTest, Branches) {
 }
 
 TEST_F(OutputTest, FailedAdds) {
-  const auto failing = faulty::Make("v");
-  faulty::Of(failing.Get()).answer = GST_STATE_CHANGE_FAILURE;
   const std::pair<Ptr<GstElement>, std::string> cases[] = {
       {Make("fakesink", "output_tee"), "Bin Error: Failed to add element 'output_tee [output_tee]' to bin 'bin [bin]'"},
-      {failing, "Element Error: Failed to sync the state of the element 'v [v]' with its parent"},
       {Make("videotestsrc", "source"), "]' with element 'source [source]'"},
   };
   for (const auto& [element, text] : cases) {
-    const Ptr<GstElement>& refused = element;
     owner_ = check::bin::Make("bin", "");
     GstBin& bin = *GST_BIN(owner_.Get());
     output::Initialize(bin);
     const auto add = [&](const Elements& outputs) { return ErrorOf([&] { output::AddOutputs(bin, outputs); }); };
-    EXPECT_THAT(add({b_, refused, x_}), testing::EndsWith(text));
+    EXPECT_THAT(add({b_, element, x_}), testing::EndsWith(text));
     EXPECT_EQ(output::GetOutputs(bin).size(), 1U);
     EXPECT_EQ(ChildrenOf(bin).size(), 3U);
     output::EraseOutputs(bin, {b_});
-    EXPECT_THAT(add({refused}), testing::EndsWith(text));
+    EXPECT_THAT(add({element}), testing::EndsWith(text));
     EXPECT_EQ(ChildrenOf(bin), Texts{"output_tee (GstTee)"});
     EXPECT_EQ(add({a_}), "Bin Error: Failed to get 'dummy_output' element from bin 'bin [bin]'");
   }
@@ -426,11 +401,10 @@ TEST_F(BinTest, InputIsReplacedAndAFailureLeavesNone) {
     EXPECT_EQ(ChildrenOf(bin_).size(), 2U);
   }
   EXPECT_EQ(References(first) + References(second), 2 + 1);
-  ExpectErrors("",
-               {{[&] { input::SetInput(bin_, Make("videotestsrc", "color_converter")); },
-                 "Bin Error: Failed to add element 'color_converter [color_converter]' to bin 'bin [bin]'"},
-                {[&] { input::SetInput(bin_, Make("fakesink", "s")); },
-                 "Element Error: Failed to link element 's [s]' with element 'color_converter [color_converter]'"}});
+  EXPECT_EQ(ErrorOf([&] { input::SetInput(bin_, Make("videotestsrc", "color_converter")); }),
+            "Bin Error: Failed to add element 'color_converter [color_converter]' to bin 'bin [bin]'");
+  EXPECT_EQ(ErrorOf([&] { input::SetInput(bin_, Make("fakesink", "s")); }),
+            "Element Error: Failed to link element 's [s]' with element 'color_converter [color_converter]'");
   EXPECT_FALSE(input::GetInput(bin_));
   EXPECT_EQ(References(first), 1);
   input::SetInput(bin_, first);
@@ -439,32 +413,25 @@ TEST_F(BinTest, InputIsReplacedAndAFailureLeavesNone) {
 }
 
 TEST_F(BinTest, PipelineIsBuiltOnceAndOwnsItsBins) {
-  auto owner = check::pipeline::Make("p", "");
+  const auto owner = check::pipeline::Make("p", "");
   GstBin& whole = *GST_BIN(owner.Get());
   pipeline::Initialize(whole);
   EXPECT_TRUE(pipeline::IsInitialized(whole));
   GstBin& input = pipeline::GetInputBin(whole);
   GstBin& filter = pipeline::GetFilterBin(whole);
   GstBin& output = pipeline::GetOutputBin(whole);
-  EXPECT_EQ(ChildrenOf(whole), (Texts{"input_bin (GstBin)", "filter_bin (GstBin)", "output_bin (GstBin)"}));
-  EXPECT_EQ(ChildrenOf(input), Texts{"color_converter (GstVideoConvert)"});
-  EXPECT_EQ(ChildrenOf(filter), (Texts{"sink_filter (GstIdentity)", "source_filter (GstIdentity)"}));
-  EXPECT_EQ(ChildrenOf(output), (Texts{"output_tee (GstTee)", "dummy_output (GstFakeSink)"}));
-  EXPECT_EQ(PeerOf(*GST_ELEMENT(&input), "src"), "filter_bin.sink");
-  EXPECT_EQ(PeerOf(*GST_ELEMENT(&filter), "src"), "output_bin.sink");
   ExpectErrors(
       "Bin Error: Failed to add element '",
       {{[&] { pipeline::Initialize(whole); }, "input_bin [input_bin]' to bin 'p [p]'"},
        {[&] { filter::Initialize(filter); }, "sink_filter [sink_filter]' to bin 'filter_bin [filter_bin]'"},
        {[&] { output::Initialize(output); }, "dummy_output [dummy_output]' to bin 'output_bin [output_bin]'"}});
-  EXPECT_EQ(ChildrenOf(whole).size(), 3U);
-  for (gpointer part : {&input, &filter, &output}) {
-    EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(part), 1);
+  EXPECT_EQ(ChildrenOf(whole), (Texts{"input_bin (GstBin)", "filter_bin (GstBin)", "output_bin (GstBin)"}));
+  EXPECT_EQ(ChildrenOf(filter), (Texts{"sink_filter (GstIdentity)", "source_filter (GstIdentity)"}));
+  for (const GstBin* bin : {&whole, &input, &filter, &output}) {
+    for (const GList* child = bin->children; child != nullptr; child = child->next) {
+      EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(child->data), 1) << GST_OBJECT_NAME(child->data);
+    }
   }
-  const auto converter = Find(whole, "color_converter");
-  EXPECT_EQ(References(converter), 2);
-  owner = {};
-  EXPECT_EQ(References(converter), 1);
 }
 
 TEST_F(BinTest, WhatIsMissingIsTold) {
@@ -480,7 +447,6 @@ TEST_F(BinTest, WhatIsMissingIsTold) {
   }
   ExpectErrors("Bin Error: Failed to get '",
                {{[&] { pipeline::GetInputBin(bin_); }, "input_bin' element from bin 'bin [bin]'"},
-                {[&] { pipeline::GetOutputBin(bin_); }, "output_bin' element from bin 'bin [bin]'"},
                 {[&] { input::SetInput(bin_, {}); }, "color_converter' element from bin 'bin [bin]'"},
                 {[&] { filter::AddFilters(bin_, {}); }, "sink_filter' element from bin 'bin [bin]'"},
                 {[&] { output::EraseOutputs(bin_, {}); }, "output_tee' element from bin 'bin [bin]'"}});

@@ -61,11 +61,9 @@ TEST_F(BusTest, CallsWhatIsBoundInTheOrderOfTheSlots) {
   const auto error = Bind(GST_MESSAGE_ERROR, "error");
   EXPECT_EQ(Handle({GST_MESSAGE_ERROR, GST_MESSAGE_EOS, GST_MESSAGE_TAG}),
             (Calls{"error:error", "first:eos", "second:eos"}));
-  EXPECT_FALSE(gst_bus_have_pending(raw.Get()));
   first.Release();
   EXPECT_EQ(Handle({GST_MESSAGE_EOS}), Calls{"second:eos"});
   auto third = Bind(GST_MESSAGE_EOS, "third");
-  first.Release();  // its slot is another's by now
   EXPECT_EQ(Handle({GST_MESSAGE_EOS}), (Calls{"third:eos", "second:eos"}));
   second = Binding();
   auto combined = Bind(static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), "combined");
@@ -109,11 +107,9 @@ TEST_F(BusTest, BindingsOutliveAMovedBus) {
     Await("a message", [&] { return Post(GST_MESSAGE_EOS), count > 1; });
   }
   auto inner = std::make_shared<Binding>(Bind(GST_MESSAGE_EOS, "inner"));
-  bus.Bind(GST_MESSAGE_EOS, [owned = std::move(inner)](const GstMessage&) {}).Release();
   const auto token = std::make_shared<int>();
-  auto released = bus.Bind(GST_MESSAGE_EOS, [token](const GstMessage&) {});
   auto left = bus.Bind(GST_MESSAGE_EOS, [token](const GstMessage&) {});
-  released.Release();
+  bus.Bind(GST_MESSAGE_EOS, [token, owned = std::move(inner)](const GstMessage&) {}).Release();
   EXPECT_EQ(token.use_count(), 2);
   EXPECT_EQ(&bus.Get(), raw.Get());
   {

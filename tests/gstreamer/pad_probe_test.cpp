@@ -6,8 +6,8 @@
 #include <atomic>
 #include <future>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <tuple>
 #include <utility>
@@ -74,13 +74,12 @@ TEST_F(PadProbeTest, ErrorsRefusalsAndIdlePads) {
   Link link;
   const auto fail = [](GstPad&, GstPadProbeInfo&) -> GstPadProbeReturn { throw std::runtime_error("too far"); };
   EXPECT_EQ(ErrorOf([&] { PadProbe(link.source, GST_PAD_PROBE_TYPE_IDLE, fail).GetFuture().get(); }), "too far");
-  std::ostringstream message;
-  message << "Failed to add probe to pad (" << static_cast<void*>(&link.source) << ")";
+  const std::string refused = "Failed to add probe to pad (" + testing::PrintToString<void*>(&link.source) + ")";
   g_test_expect_message("GStreamer", G_LOG_LEVEL_CRITICAL, "gst_pad_add_probe: assertion*");
-  EXPECT_EQ(ErrorOf([&] { link.Probe(GST_PAD_PROBE_OK, GST_PAD_PROBE_TYPE_INVALID); }), message.str());
+  EXPECT_EQ(ErrorOf([&] { link.Probe(GST_PAD_PROBE_OK, GST_PAD_PROBE_TYPE_INVALID); }), refused);
   g_test_assert_expected_messages();
   link.ExpectReleased();
-  EXPECT_EQ(ErrorOf([&] { link.Probe(GST_PAD_PROBE_REMOVE, GST_PAD_PROBE_TYPE_IDLE); }), message.str());
+  EXPECT_EQ(ErrorOf([&] { link.Probe(GST_PAD_PROBE_REMOVE, GST_PAD_PROBE_TYPE_IDLE); }), refused);
   link.ExpectReleased();
   EXPECT_EQ(link.Probe(GST_PAD_PROBE_OK, GST_PAD_PROBE_TYPE_IDLE).GetFuture().get(), GST_PAD_PROBE_OK);
   link.Push();

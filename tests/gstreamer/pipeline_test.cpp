@@ -102,7 +102,6 @@ TEST_F(PipelineTest, AStreamThatStartsMakesItPlayUnlessStoppedSince) {
 TEST_F(PipelineTest, ReferencesAreExactThroughMoves) {
   const auto filter = Make("identity");
   const auto sink = Make("fakesink");
-  const auto other = faulty::Make();
   const auto id = context::GetValue(*pipeline.GetContext(), "id");
   EXPECT_STREQ(G_VALUE_TYPE_NAME(&id.GetValue()), "guint");
   EXPECT_EQ(g_value_get_uint(&id.GetValue()), 7U);
@@ -119,13 +118,11 @@ TEST_F(PipelineTest, ReferencesAreExactThroughMoves) {
   EXPECT_EQ(pipeline.GetFilters(), std::vector{filter});
   EXPECT_EQ(pipeline.GetOutputs().at(0).element, sink);
   expect(2);
-  pipeline.SetInput(other);
+  pipeline.SetInput({});
   pipeline.EraseFilters({filter});
   pipeline.EraseOutputs({sink});
   expect(1);
-  EXPECT_EQ(References(other), 2);
   pipeline.SetInput(source);
-  EXPECT_EQ(References(other), 1);
   Pipeline moved(std::move(pipeline));
   EXPECT_EQ(moved.GetId(), 7U);
   EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(&std::as_const(moved).Get()), 1);
