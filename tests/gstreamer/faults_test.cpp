@@ -1,5 +1,4 @@
 #include "mox/gstreamer/bus.h"
-#include "mox/gstreamer/pad_probe.h"
 #include "mox/gstreamer/plugin/path/resolve/from_library_name.h"
 #include "mox/logging/logger.h"
 #include "tests/allocations.h"
@@ -7,18 +6,8 @@
 #include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
-#include <atomic>
-#include <chrono>
-#include <future>
 #include <memory>
 #include <new>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include <gst/gst.h>
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -75,28 +64,20 @@ constexpr Fault kFaults[] = {
     {"PostsErrors", [](Faults& faults) { faults.errors = 5; }, kGoesOn, kGoesOn, kSilent},
 };
 
-class Faulty : public live::Test {
- protected:
-  static void SetUpTestSuite() {
-    live::Test::SetUpTestSuite();
-    gst_element_register(nullptr, "faulty", GST_RANK_NONE, faulty::Type());
-  }
-
-  /** A bin made of a description, with an element of the name "told" in it. */
-  const Ptr<GstElement>& MakeFaulty(const char* description) {
-    bin = Parse(description);
-    told = Find(*GST_BIN(bin.Get()), "told");
-    return bin;
-  }
-
-  Ptr<GstElement> bin;
-  Ptr<GstElement> told;
-};
-
 constexpr auto kFaultyInput =
     "videotestsrc pattern=black ! capsfilter caps=video/x-raw,width=16,height=16 ! faulty name=told";
 
-class FaultsTest : public Faulty, public testing::WithParamInterface<Fault> {
+// A bin made of a description, which has a faulty element of the name "told".
+Ptr<GstElement> MakeFaulty(const char* description) {
+  gst_element_register(nullptr, "faulty", GST_RANK_NONE, faulty::Type());
+  return Parse(description);
+}
+
+Faults& Told(const Ptr<GstElement>& bin) {
+  return faulty::Of(Find(*GST_BIN(bin.Get()), "told").Get());
+}
+
+class FaultsTest : public live::Test, public testing::WithParamInterface<Fault> {
  protected:
   void SetUp() override { stream->Play(); }
 
@@ -110,13 +91,12 @@ class FaultsTest : public Faulty, public testing::WithParamInterface<Fault> {
     Within(kBounded, [&] { stream.reset(); });
   }
 
-  /** Puts the element in by one call and takes it out by another. */
-  template <typename Put, typename Take>
-  void Expect(Outcome outcome, const Put& put, const Take& take) {
-    GetParam().tell(faulty::Of(told.Get()));
+  /** Tells an element of the fault, puts it into the pipeline by one call and takes it out by the other. */
+  template <typename Take, typename Put>
+  void Expect(Faults& told, Outcome outcome, const Take& take, const Put& put) {
+    GetParam().tell(told);
     const auto expect = [](bool raises, const std::string& text, const auto& call) {
-      const std::string error = ErrorOf(call);
-      EXPECT_EQ(error.substr(0, text.size()), raises ? text : "no error");
+      EXPECT_EQ(ErrorOf(call).substr(0, text.size()), raises ? text : "no error");
     };
     expect(outcome == kRefused, "Element Error: Failed to sync the state of the element '", put);
     if (outcome == kEnds) {
@@ -124,7 +104,7 @@ class FaultsTest : public Faulty, public testing::WithParamInterface<Fault> {
     } else if (outcome == kGoesOn || outcome == kCannotStop) {
       stream->watch.AwaitFrames();
       expect(outcome == kCannotStop, "Element Error: Failed to set the state of the element '", take);
-      faulty::Of(told.Get()).fails = Faults::kNone;  // what could never be stopped could not be destroyed either
+      told.fails = Faults::kNone;  // what could never be stopped could not be destroyed either
     }
   }
 
@@ -135,8 +115,7 @@ TEST_P(FaultsTest, AsFilter) {
   const Outcome outcome = GetParam().as_filter;
   const auto filter = MakeFaulty("faulty name=told");
   const auto take = [&] { stream->EraseFilters({filter}); };
-  Expect(
-      outcome, [&] { stream->AddFilters({filter}); }, take);
+  Expect(Told(filter), outcome, take, [&] { stream->AddFilters({filter}); });
   if (outcome == kEnds) {
     EXPECT_EQ(ErrorOf(take), kEnded);
   } else if (outcome != kSilent) {
@@ -152,8 +131,7 @@ TEST_P(FaultsTest, AsOutputBesideAnother) {
   const Outcome outcome = GetParam().as_output;
   const auto output = MakeFaulty("faulty name=told ! fakesink");
   const auto take = [&] { stream->EraseOutputs({output}); };
-  Expect(
-      outcome, [&] { stream->AddOutputs({output}); }, take);
+  Expect(Told(output), outcome, take, [&] { stream->AddOutputs({output}); });
   if (outcome != kEnds && outcome != kSilent) {
     stream->watch.ExpectWhole();
   }
@@ -170,8 +148,7 @@ TEST_P(FaultsTest, AsOutputBesideAnother) {
 TEST_P(FaultsTest, AsInput) {
   const auto input = MakeFaulty(kFaultyInput);
   const auto take = [&] { stream->SetInput(MakeSource()); };
-  Expect(
-      GetParam().as_input, [&] { stream->SetInput(input); }, take);
+  Expect(Told(input), GetParam().as_input, take, [&] { stream->SetInput(input); });
   if (GetParam().as_input != kCannotStop) {
     take();
     stream->watch.AwaitFrames();
@@ -181,9 +158,12 @@ TEST_P(FaultsTest, AsInput) {
 INSTANTIATE_TEST_SUITE_P(Element, FaultsTest, testing::ValuesIn(kFaults),
                          [](const auto& test) { return test.param.name; });
 
+using Faulty = live::Test;
+
 TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
-  Stream stream(MakeFaulty(kFaultyInput));
-  Faults& faults = faulty::Of(told.Get());
+  const auto input = MakeFaulty(kFaultyInput);
+  Faults& faults = Told(input);
+  Stream stream(input);
   stream.Play();
   faults.flow = Faults::kDrops;
   Await("a dropped frame", [&] { return faults.dropped > 0; });
@@ -205,7 +185,7 @@ TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
   stream.SetEnable(true);
   change = add("closing");
   Await("a change", [&] {
-    gst_element_send_event(told.Get(), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, nullptr));
+    gst_element_send_event(stream.Find("told").Get(), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, nullptr));
     return change.wait_for(seconds(0)) == std::future_status::ready;
   });
   faults.flow = GST_FLOW_OK;
@@ -225,11 +205,11 @@ TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
     Await("a failure", [&] { return gst_pad_get_last_flow_return(pad) == GST_FLOW_ERROR; });
   };
   std::future<std::string> waiting;
-  const mox::gstreamer::PadProbe passing(*held, GST_PAD_PROBE_TYPE_BUFFER, [&](auto&...) {
+  AddProbe(*held, GST_PAD_PROBE_TYPE_BUFFER, [&](auto&...) {
     waiting = std::async(std::launch::async, change);
     Await("the change", [&] { return upstream->num_probes > 0; });
     faulty::Of(filter.Get()).flow = GST_FLOW_ERROR;
-    return GST_PAD_PROBE_OK;
+    return GST_PAD_PROBE_REMOVE;
   });
   await_failure(upstream.Get());
   EXPECT_EQ(waiting.get(), kEnded);
@@ -273,8 +253,8 @@ TEST_F(Faulty, ABusMayBeFloodedAndACallbackSlow) {
 }
 
 // Lets each allocation of the call fail in turn until there is none left, every time from the same start.
-template <typename Prepare, typename Call>
-void FailEachAllocation(const Prepare& prepare, const Call& call) {
+void FailEachAllocation(
+    const std::function<void()>& call, const std::function<void()>& prepare = [] {}) {
   bool reached = true;
   for (long i = 0; reached; ++i) {
     prepare();
@@ -303,21 +283,20 @@ TEST_F(Faulty, AnAllocationMayFail) {
     }
   };
   Within(seconds(60), [&] {
-    FailEachAllocation([&] { have(false, false); }, [&] { pipeline.AddFilters(filter); });
-    FailEachAllocation([&] { have(true, false); }, [&] { pipeline.EraseFilters(filter); });
-    FailEachAllocation([&] { have(false, false); }, [&] { pipeline.AddOutputs(output); });
-    FailEachAllocation([&] { have(false, true); }, [&] { pipeline.EraseOutputs(output); });
+    FailEachAllocation([&] { pipeline.AddFilters(filter); }, [&] { have(false, false); });
+    FailEachAllocation([&] { pipeline.EraseFilters(filter); }, [&] { have(true, false); });
+    FailEachAllocation([&] { pipeline.AddOutputs(output); }, [&] { have(false, false); });
+    FailEachAllocation([&] { pipeline.EraseOutputs(output); }, [&] { have(false, true); });
     stream.watch.ExpectWhole();
     const auto exchange = [&] { pipeline.SetInput(MakeSource()); };
-    FailEachAllocation([&] { exchange(), stream.watch.AwaitFrames(); }, exchange);
-    FailEachAllocation([] {}, [] { Pipeline(2, "second"); });
-    FailEachAllocation([] {}, [] { EXPECT_EQ(MoxGstreamerPluginPathResolveFromLibraryName("none"), nullptr); });
-    FailEachAllocation([] {},
-                       [] {
-                         auto line = std::make_unique<std::string>("x");
-                         line->resize(line->capacity());
-                         mox::logging::Logger(mox::logging::Name("full")).Output(std::move(line), false);
-                       });
+    FailEachAllocation(exchange, [&] { exchange(), stream.watch.AwaitFrames(); });
+    FailEachAllocation([] { Pipeline(2, "second"); });
+    FailEachAllocation([] { EXPECT_EQ(MoxGstreamerPluginPathResolveFromLibraryName("none"), nullptr); });
+    FailEachAllocation([] {
+      auto line = std::make_unique<std::string>("x");
+      line->resize(line->capacity());
+      mox::logging::Logger(mox::logging::Name("full")).Output(std::move(line), false);
+    });
   });
 }
 

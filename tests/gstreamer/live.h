@@ -85,7 +85,8 @@ constexpr auto kDeadline = std::chrono::seconds(20);
 constexpr auto kBounded = std::chrono::seconds(10);
 
 /** Ends the test program, for a thread hangs; tells what every thread does, where gdb is installed. */
-[[noreturn]] inline void Hang() {
+[[noreturn]] inline void Hang(const char* awaited = "a thread") {
+  std::cerr << "still waiting for " << awaited << std::endl;
   prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
   const std::string command = "gdb -batch -nx -ex 'thread apply all bt' -p " + std::to_string(getpid()) + " 1>&2";
   std::cerr << "gdb returned " << std::system(command.c_str()) << std::endl;
@@ -97,8 +98,7 @@ template <typename Condition>
 void Await(const char* what, const Condition& condition) {
   for (const auto end = std::chrono::steady_clock::now() + kDeadline; !condition();) {
     if (std::chrono::steady_clock::now() > end) {
-      std::cerr << "still waiting for " << what << std::endl;
-      Hang();
+      Hang(what);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
@@ -109,8 +109,7 @@ template <typename Function>
 void Within(std::chrono::seconds limit, const Function& function) {
   auto call = std::async(std::launch::async, function);
   if (call.wait_for(limit) == std::future_status::timeout) {
-    std::cerr << "a call does not return" << std::endl;
-    Hang();
+    Hang("a call");
   }
   call.get();
 }

@@ -1,28 +1,18 @@
 #include "tests/gstreamer/live.h"
 
-#include "mox/gstreamer/pad_probe.h"
 #include "mox/gstreamer/session.h"
 #include "tests/gstreamer/elements.h"
 #include "tests/gstreamer/faulty.h"
 #include "tests/logging/capture.h"
 
-#include <atomic>
 #include <cstdio>
 #include <exception>
-#include <functional>
-#include <future>
 #include <memory>
-#include <optional>
 #include <stdexcept>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gst/base/gstbasesink.h>
-#include <gst/gst.h>
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -376,15 +366,14 @@ TEST_F(Live, WhatIsFarBackInAQueueOfTheInputIsGivenUp) {
 TEST_F(Live, AChangeOfSizeComesAheadOfAllThatWaitsInTheInput) {
   Stream stream(Parse(std::string(kWide) + " ! queue name=waiting"));
   const auto queue = stream.Find("waiting");
-  std::optional<mox::gstreamer::PadProbe> held(std::in_place, *PadOf(*queue, "src"),
-                                               GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
-                                               [](auto&...) { return GST_PAD_PROBE_OK; });
+  const auto exit = PadOf(*queue, "src");
+  const gulong held = AddProbe(*exit, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [](auto&...) { return GST_PAD_PROBE_OK; });
   stream.SetEnable(true);
   Await("a size", [&] { return gst_pad_has_current_caps(PadOf(*queue, "sink").Get()) != FALSE; });
   const auto entrance = PadOf(*stream.Find("input_bin"), "src");
   auto change = std::async(std::launch::async, [&] { stream.AddFilters({Parse(kSmall)}); });
   Await("the change", [&] { return gst_pad_is_blocked(entrance.Get()) != FALSE; });
-  held.reset();
+  gst_pad_remove_probe(exit.Get(), held);
   change.get();
   stream.watch.AwaitFrames(10);
 }
