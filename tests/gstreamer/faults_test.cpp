@@ -79,8 +79,6 @@ Faults& Told(const Ptr<GstElement>& bin) {
 
 class FaultsTest : public live::Test, public testing::WithParamInterface<Fault> {
  protected:
-  void SetUp() override { stream->Play(); }
-
   // The pipeline is stopped and destroyed within bounded time, and started again before, with a good input.
   void TearDown() override {
     stream->SetEnable(false);
@@ -164,7 +162,6 @@ TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
   const auto input = MakeFaulty(kFaultyInput);
   Faults& faults = Told(input);
   Stream stream(input);
-  stream.Play();
   faults.flow = Faults::kDrops;
   Await("a dropped frame", [&] { return faults.dropped > 0; });
   const auto add = [&](const char* name) {
@@ -197,7 +194,6 @@ TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
 TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
   const auto filter = faulty::Make("filter");
   Stream stream(MakeSource(false, " ! queue"), {filter});
-  stream.Play();
   const auto held = PadOf(*stream.Find("filter_bin"), "sink");
   const Ptr<GstPad> upstream(gst_pad_get_peer(held.Get()));
   const auto change = [&] { return ErrorOf([&] { stream.AddFilters({Make("identity")}); }); };
@@ -227,7 +223,6 @@ TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
 
 TEST_F(Faulty, ABusMayBeFloodedAndACallbackSlow) {
   Stream stream;
-  stream.Play();
   const Ptr<GstBus> raw(gst_pipeline_get_bus(&stream.pipeline.Get()));
   for (int i = 0; i < 100000; ++i) {
     gst_bus_post(raw.Get(), gst_message_new_latency(GST_OBJECT(&stream.pipeline.Get())));
@@ -268,7 +263,6 @@ void FailEachAllocation(
 
 TEST_F(Faulty, AnAllocationMayFail) {
   Stream stream;
-  stream.Play();
   auto& pipeline = stream.pipeline;
   const Elements filter{Make("identity", "filter")};
   const Elements output{Parse("identity ! fakesink", "output")};

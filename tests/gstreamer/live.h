@@ -201,10 +201,15 @@ inline Ptr<GstElement> MakeSink(const char* name = nullptr) {
 
 /** A pipeline with one watched output, or more; each change of it is to return in time. */
 struct Stream {
-  explicit Stream(Ptr<GstElement> input = MakeSource(), Elements filters = {}) {
+  enum Start { kPlaying, kStopped };
+
+  explicit Stream(Ptr<GstElement> input = MakeSource(), Elements filters = {}, Start start = kPlaying) {
     pipeline.SetInput(std::move(input));
     pipeline.AddFilters(std::move(filters));
     pipeline.AddOutputs({watch.Element()});
+    if (start == kPlaying) {
+      Play();
+    }
   }
 
   void Play() {

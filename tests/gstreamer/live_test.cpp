@@ -51,7 +51,6 @@ TEST_F(Live, ThousandFilterChangesBackToBackLoseNothing) {
   for (const auto& [paced, standing, callers] : {std::tuple(false, "identity", 1U), std::tuple(true, "queue", 4U)}) {
     const auto stays = Make(standing, "standing");
     Stream stream(MakeSource(paced), {stays});
-    stream.Play();
     Within(seconds(120), [&, count = callers] {
       std::vector<std::future<void>> calls(count);
       for (auto& call : calls) {
@@ -89,7 +88,6 @@ TEST_F(Live, EventsAheadOfTheDrainPass) {
                }
                return GST_PAD_PROBE_OK;
              });
-    stream.Play();
     stream.AddFilters({Make("identity")});
     stream.watch.ExpectWhole();
     EXPECT_THAT(heard, testing::ElementsAre(1, 2, 3));
@@ -103,7 +101,6 @@ TEST_F(Live, FailedChangesLeaveTheStreamFlowing) {
   const auto refusing = faulty::Make("refusing");
   faulty::Of(refusing.Get()).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
   Stream stream(MakeSource(), {kept, gone});
-  stream.Play();
   const std::string missing = "Cannot remove a filter that has not been added to the filters list";
   const std::string unlinked =
       "Element Error: Failed to link element 'sink_filter [sink_filter]' with element 'kept [kept]'";
@@ -146,7 +143,6 @@ constexpr auto kSleeping = "identity sleep-time=300000 ! fakesink";
 
 TEST_F(Live, SlowAndUnprerolledOutputsGoWithoutStallingTheOthers) {
   Stream stream(MakeSource(true));
-  stream.Play();
   // One that sleeps and one that waits for the clock, which only its own stop ends.
   constexpr auto kWaiting = "identity ! fakesink sync=true ts-offset=60000000000";
   for (const char* description : {kSleeping, kWaiting, kSleeping, kWaiting}) {
@@ -166,7 +162,7 @@ TEST_F(Live, SlowAndUnprerolledOutputsGoWithoutStallingTheOthers) {
 }
 
 TEST_F(Live, ChangesDoNotWaitForTheQueueOfASlowOutput) {
-  Stream stream(MakeSource(true));
+  Stream stream(MakeSource(true), {}, Stream::kStopped);
   stream.EraseOutputs({stream.watch.Element()});
   stream.AddOutputs({Parse(kSleeping), stream.watch.Element()});
   stream.Play();
@@ -195,7 +191,6 @@ TEST_F(Live, ThousandOutputsComeAndGoInTheMiddleOfEvents) {
       ++arrived;
       return GST_PAD_PROBE_OK;
     };
-    stream.Play();
     stream.EraseOutputs(beside ? Elements() : watched);
     Within(seconds(240), [&] {
       for (int i = 0; i < (beside ? 1000 : 3000); ++i) {
@@ -219,7 +214,7 @@ TEST_F(Live, ThousandOutputsComeAndGoInTheMiddleOfEvents) {
 
 TEST_F(Live, ExchangesOfTheInputNeverEndTheStream) {
   for (const bool with_output : {true, false}) {
-    Stream stream;
+    Stream stream(MakeSource(), {}, Stream::kStopped);
     const Watch leaving(stream.Find("output_bin"));
     stream.EraseOutputs(with_output ? Elements() : Elements{stream.watch.Element()});
     stream.SetEnable(true);
@@ -234,7 +229,6 @@ TEST_F(Live, ExchangesOfTheInputNeverEndTheStream) {
 TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
   // Some frames of the format of before are on their way when a new one is agreed upon.
   Stream stream(MakeSource(), {Parse("queue max-size-buffers=5 ! identity sleep-time=10000")});
-  stream.Play();
   stream.watch.AwaitFrames(20);
   const Watch rgb(Parse("capsfilter caps=video/x-raw,format=RGB ! fakesink"));
   const Watch converting(Parse("videoconvert ! capsfilter caps=video/x-raw,format=I420 ! fakesink"));
@@ -242,9 +236,9 @@ TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
   rgb.AwaitFrames();
   for (const char* refused : {"capsfilter caps=video/x-raw,format=I420 ! fakesink", "audioconvert ! fakesink"}) {
     const auto output = Parse(refused);
-    const auto error = ErrorOf([&] { stream.AddOutputs({output}); });
-    EXPECT_EQ(error.rfind("Element Error: Failed to link element 'output_tee [output_tee]' with element 'queue", 0),
-              0U);
+    EXPECT_THAT(
+        ErrorOf([&] { stream.AddOutputs({output}); }),
+        testing::StartsWith("Element Error: Failed to link element 'output_tee [output_tee]' with element 'queue"));
     AwaitLastReference(output);
   }
   stream.AddOutputs({converting.Element()});
@@ -255,7 +249,7 @@ TEST_F(Live, OutputsAgreeOnAFormatOrAreRefused) {
 }
 
 TEST_F(Live, OutputsThatAgreeWithEachOtherButNotWithTheFiltersAreRefused) {
-  Stream stream(MakeSource(true), {Parse("capsfilter caps=\"video/x-raw,format={RGB,I420}\"")});
+  Stream stream(MakeSource(true), {Parse("capsfilter caps=\"video/x-raw,format={RGB,I420}\"")}, Stream::kStopped);
   stream.AddOutputs({Parse("capsfilter caps=\"video/x-raw,format={RGB,NV12}\" ! fakesink")});
   stream.Play();
   EXPECT_THROW(stream.AddOutputs({Parse("capsfilter caps=\"video/x-raw,format={I420,NV12}\" ! fakesink")}),
@@ -270,7 +264,6 @@ TEST_F(Live, AnOutputThatTheFiltersDoNotStartForIsRefused) {
     const auto filter = faulty::Make("refusing");
     faulty::Of(filter.Get()).once = true;
     Stream stream(MakeSource(true), {filter});
-    stream.Play();
     faulty::Of(filter.Get()).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
     const auto output = Parse("capsfilter caps=video/x-raw,format=RGB ! fakesink");
     EXPECT_THROW(stream.AddOutputs({output}), std::runtime_error);
@@ -294,7 +287,7 @@ TEST_F(Live, AFilterThatTakesAnyForNoFormatHasOutputs) {
     gst_query_set_caps_result(GST_PAD_PROBE_INFO_QUERY(&info), Ptr<GstCaps>(gst_caps_new_empty()).Get());
     return GST_PAD_PROBE_HANDLED;
   });
-  Stream stream(MakeSource(), {filter});
+  Stream stream(MakeSource(), {filter}, Stream::kStopped);
   const Watch beside(MakeSink());
   stream.AddOutputs({beside.Element()});
   stream.Play();
@@ -317,7 +310,6 @@ TEST_F(Live, TheFormatChangesWithTheFilters) {
            std::tuple(" ! queue", kSmall, 201 * 2 * kTimes),
        }) {
     Stream stream(Parse(std::string(kWide) + end_of_input));
-    stream.Play();
     const auto sink = PadOf(*stream.watch.Element(), "sink");
     const Ptr<GstCaps> before(gst_pad_get_current_caps(sink.Get()));
     const auto has_changed = [&] {
@@ -341,7 +333,6 @@ TEST_F(Live, TheFormatChangesWithTheFilters) {
 TEST_F(Live, WhatIsFarBackInAQueueOfTheInputIsGivenUp) {
   Stream stream(Parse(std::string(kWide) + " ! queue name=far ! ( videoflip video-direction=vert )"),
                 {Parse("identity sleep-time=2000")});
-  stream.Play();
   const auto queue = stream.Find("far");
   const auto await_filled_with = [&](int width, guint over) {
     Await("frames of the size", [&] {
@@ -364,7 +355,7 @@ TEST_F(Live, WhatIsFarBackInAQueueOfTheInputIsGivenUp) {
 }
 
 TEST_F(Live, AChangeOfSizeComesAheadOfAllThatWaitsInTheInput) {
-  Stream stream(Parse(std::string(kWide) + " ! queue name=waiting"));
+  Stream stream(Parse(std::string(kWide) + " ! queue name=waiting"), {}, Stream::kStopped);
   const auto queue = stream.Find("waiting");
   const auto exit = PadOf(*queue, "src");
   const gulong held = AddProbe(*exit, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [](auto&...) { return GST_PAD_PROBE_OK; });
@@ -389,7 +380,6 @@ TEST_F(Live, AFilterChangeOutlastsAFlushingSeek) {
   const auto seek = [&] {
     gst_element_seek_simple(GST_ELEMENT(&stream.pipeline.Get()), GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, 0);
   };
-  stream.Play();
   for (std::size_t i = 1; i <= 10; ++i) {
     next = true;
     auto change = std::async(std::launch::async, [&] { stream.AddFilters({Make("identity")}); });
@@ -423,7 +413,7 @@ TEST_F(Starting, ChangesWhileAnOutputStillNeedsFrames) {
     const auto slow = Parse("identity ! fakesink");
     AddProbe(*PadOf(*slow, "sink"), GST_PAD_PROBE_TYPE_BUFFER,
              [&](auto&...) { return ++arrived < 30 ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK; });
-    Stream stream(MakeSource(false, " ! identity sleep-time=10000"));
+    Stream stream(MakeSource(false, " ! identity sleep-time=10000"), {}, Stream::kStopped);
     stream.AddOutputs({slow});
     stream.SetEnable(true);
     if (exchanged) {
@@ -446,7 +436,7 @@ TEST_F(Starting, ErrorsDoNotKeepTheOthersFromPlaying) {
   for (const bool posted : {false, true}) {
     std::atomic<bool> told = false;
     const auto input = Parse("videotestsrc ! identity");
-    Stream stream(input);
+    Stream stream(input, {}, Stream::kStopped);
     const auto watched = stream.watch.Element();
     if (posted) {
       AddProbe(*PadOf(*input, "src"), GST_PAD_PROBE_TYPE_BUFFER, [&](auto&...) {
@@ -479,7 +469,6 @@ TEST_F(Starting, ErrorsDoNotKeepTheOthersFromPlaying) {
 TEST_F(Starting, TheTimeStartsAnewWithEveryInput) {
   std::atomic<int> shown = 0;
   Stream stream(MakeSource(true));
-  stream.Play();
   const auto sink = Make("fakesink");
   g_object_set(sink.Get(), "sync", TRUE, "max-lateness", 20 * GST_MSECOND, "signal-handoffs", TRUE, nullptr);
   Connect(sink.Get(), "handoff", [&] { ++shown; });
@@ -496,7 +485,7 @@ TEST_F(Starting, TheTimeStartsAnewWithEveryInput) {
 TEST_F(Starting, WhatKeptTheStartFromSucceedingIsTakenOut) {
   const auto failing = faulty::Make("failing");
   faulty::Of(failing.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_PLAYING;
-  Stream stream(MakeSource(true), {failing});
+  Stream stream(MakeSource(true), {failing}, Stream::kStopped);
   for (int i = 0; i < 10; ++i) {
     EXPECT_THROW(stream.SetEnable(true), std::runtime_error);
   }
@@ -512,14 +501,14 @@ TEST_F(Starting, FiltersMayKeepAnEosThatComesBeforeAnySegment) {
     const Ptr<GstEvent> segment(gst_pad_get_sticky_event(&pad, GST_EVENT_SEGMENT, 0));
     return EventType(info) == GST_EVENT_EOS && !segment ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
   });
-  Stream stream(MakeSource(), {filter});
+  Stream stream(MakeSource(), {filter}, Stream::kStopped);
   stream.SetEnable(true);
   Within(seconds(20), [&] { ChangeFilters(stream.pipeline, {"identity"}, 200); });
   stream.watch.ExpectWhole();
 }
 
 TEST_F(Starting, OutputsLearnTheLatencyOfAFilter) {
-  Stream stream(MakeSource(true));
+  Stream stream(MakeSource(true), {}, Stream::kStopped);
   auto* const sink = GST_BASE_SINK(stream.watch.Element().Get());
   g_object_set(sink, "sync", TRUE, nullptr);
   stream.Play();
@@ -537,7 +526,7 @@ TEST(LiveLog, EverythingLoggedOverAChangingPipeline) {
   g_setenv("MOX_LOG_LEVEL", "all", TRUE);
   ASSERT_NE(std::freopen("/dev/null", "w", stderr), nullptr);
   mox::gstreamer::Session session;
-  Stream stream(MakeSource(true));
+  Stream stream(MakeSource(true), {}, Stream::kStopped);
   {
     const mox::logging::Capture capture;
     stream.Play();
