@@ -77,8 +77,10 @@ Faults& Told(const Ptr<GstElement>& bin) {
   return faulty::Of(Find(*GST_BIN(bin.Get()), "told").Get());
 }
 
-class FaultsTest : public live::Test, public testing::WithParamInterface<Fault> {
+class FaultsTest : public testing::TestWithParam<Fault> {
  protected:
+  static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
+
   // The pipeline is stopped and destroyed within bounded time, and started again before, with a good input.
   void TearDown() override {
     stream->SetEnable(false);
