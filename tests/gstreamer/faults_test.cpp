@@ -1,5 +1,4 @@
 #include "mox/gstreamer/bus.h"
-#include "mox/gstreamer/pad_probe.h"
 #include "mox/gstreamer/plugin/path/resolve/from_library_name.h"
 #include "mox/logging/logger.h"
 #include "tests/allocations.h"
@@ -7,18 +6,8 @@
 #include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
-#include <atomic>
-#include <chrono>
-#include <future>
 #include <memory>
 #include <new>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include <gst/gst.h>
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -28,7 +17,6 @@ using elements::ErrorOf;
 using faulty::Faults;
 using std::chrono::seconds;
 
-constexpr auto kBounded = seconds(10);
 constexpr auto kEnded = "Cannot change the filters because the stream has ended";
 
 /** What comes of a faulty element in a playing pipeline. */
@@ -79,100 +67,90 @@ constexpr Fault kFaults[] = {
 constexpr auto kFaultyInput =
     "videotestsrc pattern=black ! capsfilter caps=video/x-raw,width=16,height=16 ! faulty name=told";
 
+// A bin made of a description, which has a faulty element of the name "told".
+Ptr<GstElement> MakeFaulty(const char* description) {
+  gst_element_register(nullptr, "faulty", GST_RANK_NONE, faulty::Type());
+  return Parse(description);
+}
+
+Faults& Told(const Ptr<GstElement>& bin) {
+  return faulty::Of(Find(*GST_BIN(bin.Get()), "told").Get());
+}
+
 class FaultsTest : public testing::TestWithParam<Fault> {
  protected:
-  static void SetUpTestSuite() {
-    gst_init(nullptr, nullptr);
-    gst_element_register(nullptr, "faulty", GST_RANK_NONE, faulty::Type());
-  }
-
-  void SetUp() override { stream->Play(); }
+  static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
 
   // The pipeline is stopped and destroyed within bounded time, and started again before, with a good input.
   void TearDown() override {
-    Within(kBounded, "stopping", [&] { pipeline.SetEnable(false); });
-    pipeline.SetInput(MakeSource());
-    pipeline.SetEnable(true);
+    stream->SetEnable(false);
+    stream->SetInput(MakeSource());
+    stream->SetEnable(true);
     stream->watch.AwaitFrames();
     EXPECT_EQ(stream->watch.Misplaced(), 0U);
-    Within(kBounded, "destroying", [&] { stream.reset(); });
+    Within(kBounded, [&] { stream.reset(); });
   }
 
-  /** An element told of the fault, in a bin made of a description. */
-  Ptr<GstElement> MakeFaulty(const char* description) {
-    auto bin = Parse(description);
-    told = Find(*GST_BIN(bin.Get()), "told");
-    GetParam().tell(faulty::Of(told.Get()));
-    return bin;
-  }
-
-  /** Puts the element in by one call and takes it out by another, which both are to end in bounded time. */
-  template <typename Put, typename Take>
-  void Expect(Outcome outcome, const Put& put, const Take& take) {
-    std::string error;
-    Within(kBounded, "putting in", [&] { error = ErrorOf(put); });
-    const std::string refused = "Element Error: Failed to sync the state of the element '";
-    EXPECT_EQ(error.substr(0, refused.size()), outcome == kRefused ? refused : "no error");
+  /** Tells an element of the fault, puts it into the pipeline by one call and takes it out by the other. */
+  template <typename Take, typename Put>
+  void Expect(Faults& told, Outcome outcome, const Take& take, const Put& put) {
+    GetParam().tell(told);
+    const auto expect = [](bool raises, const std::string& text, const auto& call) {
+      EXPECT_EQ(ErrorOf(call).substr(0, text.size()), raises ? text : "no error");
+    };
+    expect(outcome == kRefused, "Element Error: Failed to sync the state of the element '", put);
     if (outcome == kEnds) {
       Await("the end of the stream", [&] { return stream->watch.Eos() == 1; });
     } else if (outcome == kGoesOn || outcome == kCannotStop) {
       stream->watch.AwaitFrames();
-      Within(kBounded, "taking out", [&] { error = ErrorOf(take); });
-      faulty::Of(told.Get()).fails = Faults::kNone;  // what could never be stopped could not be destroyed either
-      const std::string stuck = "Element Error: Failed to set the state of the element '";
-      EXPECT_EQ(error.substr(0, stuck.size()), outcome == kCannotStop ? stuck : "no error");
+      expect(outcome == kCannotStop, "Element Error: Failed to set the state of the element '", take);
+      told.fails = Faults::kNone;  // what could never be stopped could not be destroyed either
     }
   }
 
   std::unique_ptr<Stream> stream = std::make_unique<Stream>();
-  Pipeline& pipeline = stream->pipeline;
-  Ptr<GstElement> told;
 };
 
 TEST_P(FaultsTest, AsFilter) {
   const Outcome outcome = GetParam().as_filter;
   const auto filter = MakeFaulty("faulty name=told");
-  const auto put = [&] { pipeline.AddFilters({filter}); };
-  const auto take = [&] { pipeline.EraseFilters({filter}); };
-  Expect(outcome, put, take);
-  if (outcome == kRefused || outcome == kGoesOn || outcome == kCannotStop) {
+  const auto take = [&] { stream->EraseFilters({filter}); };
+  Expect(Told(filter), outcome, take, [&] { stream->AddFilters({filter}); });
+  if (outcome == kEnds) {
+    EXPECT_EQ(ErrorOf(take), kEnded);
+  } else if (outcome != kSilent) {
     stream->watch.AwaitFrames(100);
     stream->watch.ExpectWhole();
     EXPECT_EQ(stream->Graph(), outcome == kCannotStop ? "[" + std::string(GST_OBJECT_NAME(filter.Get())) + "]" : "[]");
-  } else if (outcome == kEnds) {
-    EXPECT_EQ(ErrorOf(take), kEnded);
   }
-  Within(kBounded, "stopping", [&] { pipeline.SetEnable(false); });
-  pipeline.EraseFilters(pipeline.GetFilters());
+  stream->SetEnable(false);
+  stream->EraseFilters(stream->pipeline.GetFilters());
 }
 
 TEST_P(FaultsTest, AsOutputBesideAnother) {
   const Outcome outcome = GetParam().as_output;
   const auto output = MakeFaulty("faulty name=told ! fakesink");
-  const auto put = [&] { pipeline.AddOutputs({output}); };
-  const auto take = [&] { pipeline.EraseOutputs({output}); };
-  Expect(outcome, put, take);
+  const auto take = [&] { stream->EraseOutputs({output}); };
+  Expect(Told(output), outcome, take, [&] { stream->AddOutputs({output}); });
   if (outcome != kEnds && outcome != kSilent) {
-    stream->watch.AwaitFrames();
     stream->watch.ExpectWhole();
   }
   if (outcome == kCannotStop) {
     Watch(output).AwaitFrames();
   }
   const bool stays = outcome != kRefused && outcome != kGoesOn;
-  EXPECT_EQ(pipeline.GetOutputs().size(), stays ? 2U : 1U);
+  EXPECT_EQ(stream->pipeline.GetOutputs().size(), stays ? 2U : 1U);
   if (stays) {
-    Within(kBounded, "taking out", take);
+    take();
   }
 }
 
 TEST_P(FaultsTest, AsInput) {
   const auto input = MakeFaulty(kFaultyInput);
-  const auto put = [&] { pipeline.SetInput(input); };
-  const auto take = [&] { pipeline.SetInput(MakeSource()); };
-  Expect(GetParam().as_input, put, take);
+  const auto take = [&] { stream->SetInput(MakeSource()); };
+  Expect(Told(input), GetParam().as_input, take, [&] { stream->SetInput(input); });
   if (GetParam().as_input != kCannotStop) {
-    Within(kBounded, "exchanging", take);
+    take();
     stream->watch.AwaitFrames();
   }
 }
@@ -183,82 +161,77 @@ INSTANTIATE_TEST_SUITE_P(Element, FaultsTest, testing::ValuesIn(kFaults),
 using Faulty = live::Test;
 
 TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
-  gst_element_register(nullptr, "faulty", GST_RANK_NONE, faulty::Type());
-  Stream stream;
-  const auto input = Parse(kFaultyInput);
-  stream.pipeline.SetInput(input);
-  stream.Play();
-  const auto told = Find(*GST_BIN(input.Get()), "told");
-  faulty::Of(told.Get()).flow = Faults::kDrops;
-  Await("a dropped frame", [&] { return faulty::Of(told.Get()).dropped > 0; });
-  auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({Make("identity", "late")}); });
+  const auto input = MakeFaulty(kFaultyInput);
+  Faults& faults = Told(input);
+  Stream stream(input);
+  faults.flow = Faults::kDrops;
+  Await("a dropped frame", [&] { return faults.dropped > 0; });
+  const auto add = [&](const char* name) {
+    return std::async(std::launch::async, [&stream, name] { stream.pipeline.AddFilters({Make("identity", name)}); });
+  };
+  auto change = add("late");
   EXPECT_EQ(change.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
-  faulty::Of(told.Get()).flow = GST_FLOW_OK;
-  Within(kBounded, "a change", [&] { change.get(); });
+  faults.flow = GST_FLOW_OK;
+  Within(kBounded, [&] { change.get(); });
   EXPECT_EQ(stream.Graph(), "[late]");
   stream.watch.AwaitFrames();
 
   // A change that fails while the pipeline is stopped leaves the chain open, and the next has nothing to drain.
-  stream.pipeline.SetEnable(false);
+  stream.SetEnable(false);
   const auto twice = Make("identity");
-  EXPECT_THROW(stream.pipeline.AddFilters({twice, twice}), std::runtime_error);
-  faulty::Of(told.Get()).flow = Faults::kDrops;
-  stream.pipeline.SetEnable(true);
-  change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({Make("identity", "closing")}); });
+  EXPECT_THROW(stream.AddFilters({twice, twice}), std::runtime_error);
+  faults.flow = Faults::kDrops;
+  stream.SetEnable(true);
+  change = add("closing");
   Await("a change", [&] {
-    gst_element_send_event(told.Get(), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, nullptr));
+    gst_element_send_event(stream.Find("told").Get(), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, nullptr));
     return change.wait_for(seconds(0)) == std::future_status::ready;
   });
-  faulty::Of(told.Get()).flow = GST_FLOW_OK;
+  faults.flow = GST_FLOW_OK;
   EXPECT_EQ(stream.Graph(), "[closing]");
   stream.watch.AwaitFrames();
 }
 
 // An input with a queue of its own sends no EOS when a frame fails, here the one that passes while a change waits.
 TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
-  Stream stream;
-  stream.pipeline.SetInput(
-      Parse("videotestsrc pattern=black ! capsfilter caps=video/x-raw,width=16,height=16 ! queue"));
   const auto filter = faulty::Make("filter");
-  stream.pipeline.AddFilters({filter});
-  stream.Play();
+  Stream stream(MakeSource(false, " ! queue"), {filter});
   const auto held = PadOf(*stream.Find("filter_bin"), "sink");
   const Ptr<GstPad> upstream(gst_pad_get_peer(held.Get()));
-  const auto change = [&] { return ErrorOf([&] { stream.pipeline.AddFilters({Make("identity")}); }); };
+  const auto change = [&] { return ErrorOf([&] { stream.AddFilters({Make("identity")}); }); };
+  const auto await_failure = [](GstPad* pad) {
+    Await("a failure", [&] { return gst_pad_get_last_flow_return(pad) == GST_FLOW_ERROR; });
+  };
   std::future<std::string> waiting;
-  const mox::gstreamer::PadProbe passing(*held, GST_PAD_PROBE_TYPE_BUFFER, [&](GstPad&, GstPadProbeInfo&) {
+  AddProbe(*held, GST_PAD_PROBE_TYPE_BUFFER, [&](auto&...) {
     waiting = std::async(std::launch::async, change);
     Await("the change", [&] { return upstream->num_probes > 0; });
     faulty::Of(filter.Get()).flow = GST_FLOW_ERROR;
-    return GST_PAD_PROBE_OK;
+    return GST_PAD_PROBE_REMOVE;
   });
-  Await("a failure", [&] { return gst_pad_get_last_flow_return(upstream.Get()) == GST_FLOW_ERROR; });
-  Within(kBounded, "a change", [&] {
-    EXPECT_EQ(waiting.get(), kEnded);
-    EXPECT_EQ(change(), kEnded);
-  });
+  await_failure(upstream.Get());
+  EXPECT_EQ(waiting.get(), kEnded);
+  EXPECT_EQ(change(), kEnded);
   faulty::Of(filter.Get()).flow = GST_FLOW_OK;
-  stream.pipeline.SetInput(MakeSource());
+  stream.SetInput(MakeSource());
   stream.watch.AwaitFrames();
   EXPECT_EQ(change(), "no error");
 
   // Of a failure between its queue and the end of the input that queue alone knows.
-  stream.pipeline.SetInput(Parse("videotestsrc ! queue name=last ! identity error-after=20"));
-  const auto last = PadOf(*stream.Find("last"), "src");
-  Await("a failure", [&] { return gst_pad_get_last_flow_return(last.Get()) == GST_FLOW_ERROR; });
-  Within(kBounded, "a change", [&] { EXPECT_EQ(change(), kEnded); });
+  stream.SetInput(Parse("videotestsrc ! queue name=last ! identity error-after=20"));
+  await_failure(PadOf(*stream.Find("last"), "src").Get());
+  EXPECT_EQ(change(), kEnded);
 }
 
 TEST_F(Faulty, ABusMayBeFloodedAndACallbackSlow) {
   Stream stream;
-  stream.Play();
   const Ptr<GstBus> raw(gst_pipeline_get_bus(&stream.pipeline.Get()));
   for (int i = 0; i < 100000; ++i) {
     gst_bus_post(raw.Get(), gst_message_new_latency(GST_OBJECT(&stream.pipeline.Get())));
   }
-  Within(kBounded, "a change", [&] { stream.pipeline.AddFilters({Make("queue")}); });
+  stream.AddFilters({Make("queue")});
   stream.watch.AwaitFrames();
-  Within(kBounded, "stopping", [&] { stream.pipeline.SetEnable(false); });
+  stream.SetEnable(false);
   Await("an empty bus", [&] { return gst_bus_have_pending(raw.Get()) == FALSE; });
 
   std::atomic<int> calls = 0;
@@ -272,13 +245,13 @@ TEST_F(Faulty, ABusMayBeFloodedAndACallbackSlow) {
     gst_bus_post(slow.Get(), gst_message_new_eos(nullptr));
   }
   Await("a call", [&] { return calls > 1; });
-  Within(seconds(5), "destroying", [&] { bus.reset(); });
+  Within(seconds(5), [&] { bus.reset(); });
   EXPECT_LT(calls, 1000);
 }
 
 // Lets each allocation of the call fail in turn until there is none left, every time from the same start.
-template <typename Prepare, typename Call>
-void FailEachAllocation(const Prepare& prepare, const Call& call) {
+void FailEachAllocation(
+    const std::function<void()>& call, const std::function<void()>& prepare = [] {}) {
   bool reached = true;
   for (long i = 0; reached; ++i) {
     prepare();
@@ -292,7 +265,6 @@ void FailEachAllocation(const Prepare& prepare, const Call& call) {
 
 TEST_F(Faulty, AnAllocationMayFail) {
   Stream stream;
-  stream.Play();
   auto& pipeline = stream.pipeline;
   const Elements filter{Make("identity", "filter")};
   const Elements output{Parse("identity ! fakesink", "output")};
@@ -306,22 +278,21 @@ TEST_F(Faulty, AnAllocationMayFail) {
       with_output ? pipeline.AddOutputs(output) : pipeline.EraseOutputs(output);
     }
   };
-  Within(seconds(60), "a change", [&] {
-    FailEachAllocation([&] { have(false, false); }, [&] { pipeline.AddFilters(filter); });
-    FailEachAllocation([&] { have(true, false); }, [&] { pipeline.EraseFilters(filter); });
-    FailEachAllocation([&] { have(false, false); }, [&] { pipeline.AddOutputs(output); });
-    FailEachAllocation([&] { have(false, true); }, [&] { pipeline.EraseOutputs(output); });
+  Within(seconds(60), [&] {
+    FailEachAllocation([&] { pipeline.AddFilters(filter); }, [&] { have(false, false); });
+    FailEachAllocation([&] { pipeline.EraseFilters(filter); }, [&] { have(true, false); });
+    FailEachAllocation([&] { pipeline.AddOutputs(output); }, [&] { have(false, false); });
+    FailEachAllocation([&] { pipeline.EraseOutputs(output); }, [&] { have(false, true); });
     stream.watch.ExpectWhole();
     const auto exchange = [&] { pipeline.SetInput(MakeSource()); };
-    FailEachAllocation([&] { exchange(), stream.watch.AwaitFrames(); }, exchange);
-    FailEachAllocation([] {}, [] { Pipeline(2, "second"); });
-    FailEachAllocation([] {}, [] { EXPECT_EQ(MoxGstreamerPluginPathResolveFromLibraryName("none"), nullptr); });
-    FailEachAllocation([] {},
-                       [] {
-                         auto line = std::make_unique<std::string>("x");
-                         line->resize(line->capacity());
-                         mox::logging::Logger(mox::logging::Name("full")).Output(std::move(line), false);
-                       });
+    FailEachAllocation(exchange, [&] { exchange(), stream.watch.AwaitFrames(); });
+    FailEachAllocation([] { Pipeline(2, "second"); });
+    FailEachAllocation([] { EXPECT_EQ(MoxGstreamerPluginPathResolveFromLibraryName("none"), nullptr); });
+    FailEachAllocation([] {
+      auto line = std::make_unique<std::string>("x");
+      line->resize(line->capacity());
+      mox::logging::Logger(mox::logging::Name("full")).Output(std::move(line), false);
+    });
   });
 }
 

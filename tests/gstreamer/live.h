@@ -66,16 +66,27 @@ inline GstEventType EventType(GstPadProbeInfo& info) {
   return GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(&info));
 }
 
-/** Small numbered frames (GST_BUFFER_OFFSET): as fast as they go, or 60 a second. */
-inline Ptr<GstElement> MakeSource(bool paced = false) {
+/** Has the function called at each such signal of the object. */
+inline void Connect(void* object, const char* signal, std::function<void()> function) {
+  using Function = decltype(function);
+  const auto call = [](Function* connected) { (*connected)(); };
+  const auto destroy = [](gpointer connected, GClosure*) { delete static_cast<Function*>(connected); };
+  g_signal_connect_data(object, signal, G_CALLBACK(+call), new Function(std::move(function)), destroy,
+                        G_CONNECT_SWAPPED);
+}
+
+/** Small numbered frames (GST_BUFFER_OFFSET), as fast as they go or 60 a second; `end` is what they pass first. */
+inline Ptr<GstElement> MakeSource(bool paced = false, const char* end = "") {
   return Parse(std::string("videotestsrc pattern=black is-live=") + (paced ? "true" : "false") +
-               " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1");
+               " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1" + end);
 }
 
 constexpr auto kDeadline = std::chrono::seconds(20);
+constexpr auto kBounded = std::chrono::seconds(20);
 
 /** Ends the test program, for a thread hangs; tells what every thread does, where gdb is installed. */
-[[noreturn]] inline void Hang() {
+[[noreturn]] inline void Hang(const char* awaited = "a thread") {
+  std::cerr << "still waiting for " << awaited << std::endl;
   prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
   const std::string command = "gdb -batch -nx -ex 'thread apply all bt' -p " + std::to_string(getpid()) + " 1>&2";
   std::cerr << "gdb returned " << std::system(command.c_str()) << std::endl;
@@ -87,8 +98,7 @@ template <typename Condition>
 void Await(const char* what, const Condition& condition) {
   for (const auto end = std::chrono::steady_clock::now() + kDeadline; !condition();) {
     if (std::chrono::steady_clock::now() > end) {
-      std::cerr << "still waiting for " << what << std::endl;
-      Hang();
+      Hang(what);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
@@ -96,11 +106,10 @@ void Await(const char* what, const Condition& condition) {
 
 /** Runs the function, and ends the test program when it does not return in time. */
 template <typename Function>
-void Within(std::chrono::seconds limit, const char* what, const Function& function) {
+void Within(std::chrono::seconds limit, const Function& function) {
   auto call = std::async(std::launch::async, function);
   if (call.wait_for(limit) == std::future_status::timeout) {
-    std::cerr << what << " does not return" << std::endl;
-    Hang();
+    Hang("a call");
   }
   call.get();
 }
@@ -137,7 +146,9 @@ class Watch {
     Await("frames", [&] { return frames_ >= target; });
   }
 
+  /** Expects the stream to go on, and no more frames to be lost than were given up. */
   void ExpectWhole(std::size_t given_up = 0) const {
+    AwaitFrames(10);
     EXPECT_LE(Lost(), given_up);
     EXPECT_EQ(Misplaced() + Eos(), 0U);
   }
@@ -185,24 +196,41 @@ class Watch {
 };
 
 inline Ptr<GstElement> MakeSink(const char* name = nullptr) {
-  auto sink = Make("fakesink", name);
-  g_object_set(sink.Get(), "sync", FALSE, nullptr);
-  return sink;
+  return Make("fakesink", name);
 }
 
-/** A playing pipeline with one watched output, or more. */
+/** A pipeline with one watched output, or more; each change of it is to return in time. */
 struct Stream {
-  explicit Stream(bool paced = false) {
-    pipeline.SetInput(MakeSource(paced));
+  enum Start { kPlaying, kStopped };
+
+  explicit Stream(Ptr<GstElement> input = MakeSource(), Elements filters = {}, Start start = kPlaying) {
+    pipeline.SetInput(std::move(input));
+    pipeline.AddFilters(std::move(filters));
     pipeline.AddOutputs({watch.Element()});
+    if (start == kPlaying) {
+      Play();
+    }
   }
 
   void Play() {
-    pipeline.SetEnable(true);
+    SetEnable(true);
     watch.AwaitFrames();
   }
 
-  Ptr<GstElement> Find(const char* name) { return live::Find(*GST_BIN(&pipeline.Get()), name); }
+  void SetEnable(bool enable) { Change(&Pipeline::SetEnable, enable); }
+  void SetInput(Ptr<GstElement> input) { Change(&Pipeline::SetInput, std::move(input)); }
+  void AddFilters(Elements filters) { Change(&Pipeline::AddFilters, std::move(filters)); }
+  void EraseFilters(Elements filters) { Change(&Pipeline::EraseFilters, std::move(filters)); }
+  void AddOutputs(Elements outputs) { Change(&Pipeline::AddOutputs, std::move(outputs)); }
+  void EraseOutputs(Elements outputs) { Change(&Pipeline::EraseOutputs, std::move(outputs)); }
+
+  template <typename Argument>
+  void Change(void (Pipeline::*change)(Argument), Argument to) {
+    Within(kBounded, [&] { (pipeline.*change)(std::move(to)); });
+  }
+
+  GstBin& Bin() { return *GST_BIN(&pipeline.Get()); }
+  Ptr<GstElement> Find(const char* name) { return live::Find(Bin(), name); }
   std::string Graph() { return mox::gstreamer::bin::filter::GetGraph(*GST_BIN(Find("filter_bin").Get())); }
 
   Watch watch{MakeSink("watched")};
