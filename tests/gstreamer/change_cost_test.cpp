@@ -87,8 +87,7 @@ struct Cost {
 /** A stream whose frames come when the test says so. */
 class Fed : private Stream {
  public:
-  explicit Fed(std::size_t chain) {
-    pipeline.SetInput(input_);
+  explicit Fed(std::size_t chain) : Stream(Make("identity"), {}, kStopped) {
     Elements filters(chain);
     std::generate(filters.begin(), filters.end(), [] { return Make("identity"); });
     pipeline.AddFilters(filters);
@@ -127,8 +126,7 @@ class Fed : private Stream {
     passed.GetFuture().wait();
   }
 
-  Ptr<GstElement> input_ = Make("identity");
-  Ptr<GstPad> sink_ = PadOf(*input_, "sink");
+  Ptr<GstPad> sink_ = PadOf(*pipeline.GetInput(), "sink");
 };
 
 using ChangeCost = live::Test;
