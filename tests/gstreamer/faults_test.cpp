@@ -88,7 +88,7 @@ class FaultsTest : public testing::TestWithParam<Fault> {
     stream->SetEnable(true);
     stream->watch.AwaitFrames();
     EXPECT_EQ(stream->watch.Misplaced(), 0U);
-    Within(kBounded, [&] { stream.reset(); });
+    Within(kDeadline, [&] { stream.reset(); });
   }
 
   /** Tells an element of the fault, puts it into the pipeline by one call and takes it out by the other. */
@@ -172,7 +172,7 @@ TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
   auto change = add("late");
   EXPECT_EQ(change.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
   faults.flow = GST_FLOW_OK;
-  Within(kBounded, [&] { change.get(); });
+  Within(kDeadline, [&] { change.get(); });
   EXPECT_EQ(stream.Graph(), "[late]");
   stream.watch.AwaitFrames();
 

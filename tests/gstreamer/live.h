@@ -82,7 +82,6 @@ inline Ptr<GstElement> MakeSource(bool paced = false, const char* end = "") {
 }
 
 constexpr auto kDeadline = std::chrono::seconds(20);
-constexpr auto kBounded = std::chrono::seconds(20);
 
 /** Ends the test program, for a thread hangs; tells what every thread does, where gdb is installed. */
 [[noreturn]] inline void Hang(const char* awaited = "a thread") {
@@ -226,7 +225,7 @@ struct Stream {
 
   template <typename Argument>
   void Change(void (Pipeline::*change)(Argument), Argument to) {
-    Within(kBounded, [&] { (pipeline.*change)(std::move(to)); });
+    Within(kDeadline, [&] { (pipeline.*change)(std::move(to)); });
   }
 
   GstBin& Bin() { return *GST_BIN(&pipeline.Get()); }

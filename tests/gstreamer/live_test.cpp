@@ -384,7 +384,7 @@ TEST_F(Live, AFilterChangeOutlastsAFlushingSeek) {
     next = true;
     auto change = std::async(std::launch::async, [&] { stream.AddFilters({Make("identity")}); });
     Await("the drain", [&] { return !next; });
-    Within(kBounded, seek);
+    Within(kDeadline, seek);
     change.get();
     EXPECT_EQ(stream.pipeline.GetFilters().size(), 1 + i);
     stream.watch.AwaitFrames(10);
