@@ -135,8 +135,8 @@ using ChangeCost = live::Test;
 // GLib's and the library's, for one frame and one change.
 TEST_F(ChangeCost, DoesNotGrow) {
   CountCalls("libmox_integration_gstreamer.so.1");
-  for (const auto& [chain, to_add, to_erase] :
-       {std::tuple(1, Cost{4288, 204}, Cost{4326, 216}), std::tuple(8, Cost{6295, 365}, Cost{6277, 377})}) {
+  for (const auto& [chain, to_add, to_erase] : {std::tuple(std::size_t{1}, Cost{4288, 204}, Cost{4326, 216}),
+                                                std::tuple(std::size_t{8}, Cost{6295, 365}, Cost{6277, 377})}) {
     Fed fed(chain);
     Cost add{};
     Cost erase{};

@@ -75,7 +75,7 @@ TEST_F(Live, EventsAheadOfTheDrainPass) {
     std::vector<guint32> heard;
     const auto talker = Make(factory);
     AddProbe(*PadOf(*talker, "sink"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [](GstPad& pad, GstPadProbeInfo& info) {
-      for (int i = 1; i <= 3 && EventType(info) == GST_EVENT_EOS; ++i) {
+      for (guint64 i = 1; i <= 3 && EventType(info) == GST_EVENT_EOS; ++i) {
         SendTag(pad, i);
       }
       return GST_PAD_PROBE_OK;
