@@ -89,6 +89,8 @@ TEST(Property, TakesWhatKeepsTheValue) {
   ExpectError([&] { text = 4; }, "The 'gain' property takes a mox.property.String, not 4");
   ExpectError([&] { static_cast<void>(int{number}); },
               "The value 0.5 of the 'gain' property cannot be read as mox.property.Int32");
+  ExpectError([&] { static_cast<void>(static_cast<const char*>(number)); },
+              "The value 0.5 of the 'gain' property cannot be read as mox.property.String");
   const Property& property = text = "\xc3\xa9";
   EXPECT_STREQ(property, "\xc3\xa9");
 }
