@@ -78,7 +78,9 @@ class MOX_EXPORT Pipeline {
    * If the new element cannot be added or linked, the pipeline is left without input until the next `SetInput`; changes
    * of the filters are refused until then.
    *
-   * @throws std::runtime_error "Cannot remove the input if the pipeline is not stopped"
+   * @throws std::runtime_error "Cannot remove the input if the pipeline is not stopped"; or what names the element that
+   * does not stop, start, link or go into its bin. After one that does not stop nothing may flow until the pipeline is
+   * stopped and started.
    */
   void SetInput(Ptr<GstElement> input);
 
