@@ -224,7 +224,8 @@ void Join(GstElement& tee, GstElement& first) {
     const BetweenItems between(tee);
     // Also that of a caps event that is just held.
     const Ptr<GstCaps> format(gst_pad_get_current_caps(check::pad::GetPeer(*GetSink(tee), kPadError).Get()));
-    const bool goes_on = format && Takes(*GetSink(first), *format);
+    // It may be one that another new branch has just done away with.
+    const bool goes_on = format && Takes(*GetSink(tee), *format) && Takes(*GetSink(first), *format);
     if (!goes_on) {
       CheckFormats(tee, first);
     }
