@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -11,30 +12,22 @@
 namespace mox::logging {
 
 /** Collects what is written to standard error as long as this object lives. */
-class Capture {
- public:
-  Capture() { dup2(fileno(file_), STDERR_FILENO); }
-  ~Capture() {
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-    std::fclose(file_);
-  }
-  Capture(const Capture&) = delete;
-  Capture& operator=(const Capture&) = delete;
+struct Capture {
+  Capture() { dup2(fileno(file.get()), STDERR_FILENO); }
+  ~Capture() { dup2(fileno(saved.get()), STDERR_FILENO); }
 
   /** The lines so far, without the time of each, its first word. */
   std::vector<std::string> GetLines() const {
-    std::ifstream file("/proc/self/fd/" + std::to_string(fileno(file_)));
+    std::ifstream stream("/proc/self/fd/" + std::to_string(fileno(file.get())));
     std::vector<std::string> lines;
-    for (std::string time, line; std::getline(std::getline(file, time, ' '), line);) {
+    for (std::string time, line; std::getline(std::getline(stream, time, ' '), line);) {
       lines.push_back(line);
     }
     return lines;
   }
 
- private:
-  std::FILE* file_ = std::tmpfile();
-  int saved_ = dup(STDERR_FILENO);
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file{std::tmpfile(), std::fclose};
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> saved{fdopen(dup(STDERR_FILENO), "w"), std::fclose};
 };
 
 }  // namespace mox::logging

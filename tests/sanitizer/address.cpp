@@ -1,6 +1,5 @@
-// Preloaded into the programs of the tests. GStreamer never frees a list of log functions that it has replaced, the
-// first of which it makes as it comes up, for another thread may still read it. The address sanitizer is to take no
-// notice.
+// Preloaded into the programs of the tests. The address sanitizer is to take no notice of the lists of log functions
+// that GStreamer has replaced and never frees, the first of which it makes as it comes up.
 
 #include <gst/gst.h>
 
@@ -13,34 +12,23 @@
 extern "C" [[gnu::weak]] void __lsan_disable();
 extern "C" [[gnu::weak]] void __lsan_enable();
 
-namespace {
-
-// Calls the function itself. What it allocates counts as kept on purpose.
-template <typename Function, typename... Arguments>
-auto Call(Function& /*function*/, const char* name, Arguments... arguments) {
+template <auto kFunction, typename... Arguments>
+auto Call(const char* name, Arguments... arguments) {
   const struct Unnoticed {
     Unnoticed() { __lsan_disable(); }
     ~Unnoticed() { __lsan_enable(); }
   } unnoticed;
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name))(arguments...);
+  return reinterpret_cast<decltype(kFunction)>(dlsym(RTLD_NEXT, name))(arguments...);
 }
-
-}  // namespace
 
 extern "C" {
-#pragma GCC visibility push(default)
-
 void gst_init(int* argc, char*** argv) {
-  Call(gst_init, "gst_init", argc, argv);
+  Call<gst_init>("gst_init", argc, argv);
 }
-
 void gst_debug_add_log_function(GstLogFunction function, gpointer data, GDestroyNotify notify) {
-  Call(gst_debug_add_log_function, "gst_debug_add_log_function", function, data, notify);
+  Call<gst_debug_add_log_function>("gst_debug_add_log_function", function, data, notify);
 }
-
 guint gst_debug_remove_log_function(GstLogFunction function) {
-  return Call(gst_debug_remove_log_function, "gst_debug_remove_log_function", function);
+  return Call<gst_debug_remove_log_function>("gst_debug_remove_log_function", function);
 }
-
-#pragma GCC visibility pop
 }
