@@ -87,6 +87,16 @@ struct Ground {
     return element;
   }
 
+  // A stream may end by GStreamer's own doing as it is stopped: an element whose source pad has stopped, but not its
+  // sink pad yet, answers an event with a failure; the source then posts an ERROR and sends an EOS.
+  void Stop() {
+    const std::size_t ends = leaving.eos;
+    stops = true;
+    pipeline.SetEnable(false);
+    stops = false;
+    leaving.eos = ends;
+  }
+
   void Add(const Watch& watch) {
     lost += watch.lost;
     misplaced += watch.misplaced;
@@ -114,8 +124,6 @@ struct Ground {
   std::shared_mutex stopping;
   std::mutex mutex;                                      // of the latencies
   std::map<std::string, std::vector<double>> latencies;  // by kind of change, in ms
-  // A stream may end by GStreamer's own doing as it is stopped: an element whose source pad has stopped, but not its
-  // sink pad yet, answers an event with a failure; the source then posts an ERROR and sends an EOS.
   std::atomic<bool> stops = false;
   std::atomic<bool> stop = false;
 };
@@ -234,11 +242,7 @@ struct Walker {
   // While the pipeline is stopped a few changes are made, by others maybe as well, and a start may fail.
   void StopAndStart() {
     const std::unique_lock lock(ground.stopping);
-    const std::size_t ends = ground.leaving.eos;
-    ground.stops = true;
-    Time("stop", [&] { pipeline.SetEnable(false); });
-    ground.stops = false;
-    ground.leaving.eos = ends;
+    Time("stop", [&] { ground.Stop(); });
     for (std::size_t i = Below(3); i > 0; --i) {
       Step(false);
     }
@@ -331,7 +335,7 @@ void Walk(Ground& ground, int seconds, int thread_count) {
       Find(ground.whole, "output_tee")->numsrcpads != 1 || probes("input_bin") + probes("filter_bin") != 0) {
     g_error("what is left is not an empty playing pipeline without probes");
   }
-  pipeline.SetEnable(false);
+  ground.Stop();
   pipeline.SetInput({});
 }
 
