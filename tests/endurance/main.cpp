@@ -42,6 +42,7 @@ constexpr const char* kOutputs[] = {"queue ! fakesink", "identity ! fakesink asy
                                     "videoconvert ! capsfilter caps=video/x-raw,format=I420 ! fakesink",
                                     "videoconvert ! capsfilter caps=video/x-raw,format=RGB ! queue ! fakesink",
                                     "identity sleep-time=1000 ! fakesink"};
+
 // What the walkers share.
 struct Ground {
   explicit Ground(int of_seed) : seed(of_seed) {
@@ -122,8 +123,8 @@ struct Ground {
   Count given_up = 0;
   // Some wrong requests break a stopped pipeline, whose filters are not put back: they keep it from being stopped.
   std::shared_mutex stopping;
-  std::mutex mutex;                                      // of the latencies
   std::map<std::string, std::vector<double>> latencies;  // by kind of change, in ms
+  std::mutex mutex;                                      // of the latencies
   std::atomic<bool> stops = false;
   std::atomic<bool> stop = false;
 };

@@ -90,7 +90,7 @@ TEST_F(Live, ChangesDoNotWaitForSlowOutputs) {
   // The first to be asked.
   stream.pipeline.AddOutputs({Parse("identity sleep-time=300000 ! fakesink"), stream.watch.element});
   stream.watch.AwaitFrames(70);
-  SetDeadline(10);
+  SetDeadline(15);
   AddAndEraseFilter(stream.pipeline, "identity");
   stream.watch.AwaitFrames();
 }
