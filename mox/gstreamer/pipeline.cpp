@@ -9,10 +9,8 @@
 #include "mox/gstreamer/check/context.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/failure.h"
-#include "mox/gstreamer/check/pad.h"
 #include "mox/gstreamer/check/pipeline.h"
 #include "mox/gstreamer/context.h"
-#include "mox/gstreamer/pad_probe.h"
 #include "mox/gstreamer/pimpl.h"
 #include "mox/type/binding.h"
 
@@ -47,6 +45,30 @@ Ptr<GstPipeline> Make(unsigned id, const std::string& name) {
   gst_pipeline_use_clock(element.Get(), clock.Get());
   return element;
 }
+
+// Holds an EOS of the input while what is behind it stops. The input may take the answer of elements that have stopped
+// for a failure of the stream, and end it for outputs that are yet to stop.
+class WithoutEos {
+ public:
+  explicit WithoutEos(GstBin& inputBin)
+      : source_(check::element::GetPad(*GST_ELEMENT(&inputBin), "src", bin::kElementError)),
+        id_(gst_pad_add_probe(source_.Get(), kHoldsEvents, OnEvent, nullptr, nullptr)) {}
+  WithoutEos(const WithoutEos&) = delete;
+  WithoutEos& operator=(const WithoutEos&) = delete;
+  ~WithoutEos() { gst_pad_remove_probe(source_.Get(), id_); }
+
+ private:
+  static constexpr auto kHoldsEvents =
+      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM);
+
+  static GstPadProbeReturn OnEvent(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer /*data*/) noexcept {
+    const bool is_eos = GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS;
+    return is_eos ? GST_PAD_PROBE_OK : GST_PAD_PROBE_PASS;
+  }
+
+  Ptr<GstPad> source_;
+  gulong id_;
+};
 
 }  // namespace
 
@@ -107,14 +129,11 @@ class Pipeline::Impl {
     // The time starts anew, too: late by all that the old input has played, sinks would drop what the new one brings.
     TakeDown({&output_bin, &filter_bin, &input_bin});
     {
-      // The old input would take the answer of outputs that have stopped for the end of the stream, and tell them.
-      const auto source = check::element::GetPad(input_bin, "src", bin::kElementError);
-      const PadProbe held(*source, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
-                          [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+      const WithoutEos without_eos(InputBin());
       check::element::SetNullState(output_bin, bin::kElementError);
       check::element::SetNullState(filter_bin, bin::kElementError);
+      check::element::SetNullState(input_bin, bin::kElementError);
     }
-    check::element::SetNullState(input_bin, bin::kElementError);
     try {
       bin::input::SetInput(InputBin(), input);
     } catch (...) {
@@ -179,13 +198,13 @@ class Pipeline::Impl {
               << "' to playing because it does not have an input";
       throw std::logic_error(message.str());
     }
-    const GstState target = enable ? GST_STATE_PLAYING : GST_STATE_NULL;
     const State completing = enable ? State::Starting : State::Stopping;
     const State done = enable ? State::Playing : State::Stopped;
     if (enable == enable_ || state_ == completing || state_ == done) {
       return;
     }
-    const GstStateChangeReturn result = gst_element_set_state(GST_ELEMENT(pipeline_.Get()), target);
+    const GstStateChangeReturn result =
+        enable ? gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_PLAYING) : Stop();
     switch (result) {
       case GST_STATE_CHANGE_SUCCESS:
         state_ = done;
@@ -230,6 +249,11 @@ class Pipeline::Impl {
     return failed;
   }
 
+  GstStateChangeReturn Stop() {
+    const WithoutEos without_eos(InputBin());
+    return gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
+  }
+
   // Takes the pipeline down around its bins. From here on it leaves them alone, also where it was still starting them.
   void TakeDown(std::initializer_list<GstElement*> bins) {
     for (GstElement* const bin : bins) {
@@ -259,7 +283,7 @@ class Pipeline::Impl {
       }
       gst_element_set_state(&element, GST_STATE_PLAYING);
     } else if (state_ == State::Stopped) {
-      gst_element_set_state(&element, GST_STATE_NULL);
+      Stop();
       stopped_at_ = gst_util_seqnum_next();
     }
   }

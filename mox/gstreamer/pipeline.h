@@ -107,7 +107,8 @@ class MOX_EXPORT Pipeline {
 
   /**
    * Starts or stops the pipeline; nothing happens if it is enabled, or is in one of the states, that the request leads
-   * to. Stopping waits for every element; starting does not wait for the first frame.
+   * to. Stopping gives up what is under way, without an EOS for the outputs, and waits for every element; starting does
+   * not wait for the first frame.
    *
    * @throws std::logic_error if it is to start without an input
    * @throws std::runtime_error if GStreamer refuses; state and enable stay as they were

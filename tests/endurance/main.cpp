@@ -88,14 +88,11 @@ struct Ground {
     return element;
   }
 
-  // A stream may end by GStreamer's own doing as it is stopped: an element whose source pad has stopped, but not its
-  // sink pad yet, answers an event with a failure; the source then posts an ERROR and sends an EOS.
+  // An item may fail as the elements stop one after the other, and the source tell of it.
   void Stop() {
-    const std::size_t ends = leaving.eos;
     stops = true;
     pipeline.SetEnable(false);
     stops = false;
-    leaving.eos = ends;
   }
 
   void Add(const Watch& watch) {
@@ -314,8 +311,10 @@ void Walk(Ground& ground, int seconds, int thread_count) {
     moving[&walkers.back().changes] = 0;
   }
   for (int tenths = 0; tenths < 10 * seconds; ++tenths) {
-    std::cerr << "\r" << tenths / 10 << " s, " << ground.leaving.frames << " frames, " << ground.alive << " elements "
-              << std::flush;
+    if (isatty(STDERR_FILENO) != 0) {
+      std::cerr << "\r" << tenths / 10 << " s, " << ground.leaving.frames << " frames, " << ground.alive << " elements "
+                << std::flush;
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     // The stream and each thread must get on.
     if (std::all_of(moving.begin(), moving.end(), [](const auto& each) { return *each.first != each.second; })) {
@@ -342,30 +341,34 @@ void Walk(Ground& ground, int seconds, int thread_count) {
 
 constexpr auto kMemory = "resident memory, KiB";
 
-// What the process holds.
-std::map<std::string, std::size_t> Measure() {
-  const auto count = [](const char* directory) {
-    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
-  };
-  // GLib keeps threads for later tasks and the allocator keeps memory; neither is a leak.
-  g_thread_pool_set_max_unused_threads(0);
-  std::this_thread::sleep_for(std::chrono::seconds(1));
-  malloc_trim(0);
+std::size_t CountOwn(const std::string& kind) {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/" + kind), {}));
+}
+
+// What the process holds, once what goes by itself is gone: threads that GLib keeps for a moment for later tasks, and
+// elements that a last message refers to.
+std::map<std::string, std::size_t> Measure(const Ground& ground, std::size_t threads) {
+  for (int tenths = 0; tenths < 50 && (CountOwn("task") > threads || ground.alive > 0); ++tenths) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  malloc_trim(0);  // what the allocator keeps is no leak
   std::size_t pages = 0;
   std::ifstream("/proc/self/statm").ignore(20, ' ') >> pages;
-  return {{"file descriptors", count("/proc/self/fd")},
-          {"threads", count("/proc/self/task")},
+  return {{"file descriptors", CountOwn("fd")},
+          {"threads", CountOwn("task")},
           {kMemory, pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024}};
 }
 
 // Walks, prints what came of it and tells whether that is as it must be.
 bool IsGood(int seconds, int threads, int seed) {
   Ground ground(seed);
+  const std::size_t at_rest = CountOwn("task");
+  g_thread_pool_set_max_unused_threads(0);
   // What GStreamer makes once and keeps is there after a first short walk.
   Walk(ground, 2, threads);
-  auto before = Measure();
+  auto before = Measure(ground, at_rest);
   Walk(ground, seconds, threads);
-  auto after = Measure();
+  auto after = Measure(ground, at_rest);
   ground.Add(ground.leaving);
   after["frames lost"] = ground.lost;
   after["frames repeated or out of order"] = ground.misplaced;

@@ -180,6 +180,27 @@ TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
   }
 }
 
+// What the input sends may fail while an output is yet to stop.
+TEST_F(Faulty, AStreamThatIsStoppedDoesNotEnd) {
+  for (const bool is_exchanged : {false, true}) {
+    const auto input = MakeFaulty(kFaultyInput);
+    const Watch slow(faulty::Make());
+    Pipeline pipeline(1, "stopped");
+    faulty::Of(slow.element.Get()).flow = Faults::kDrops;  // no element follows
+    faulty::Of(slow.element.Get()).blocks = GST_STATE_CHANGE_PAUSED_TO_READY;
+    pipeline.SetInput(input);
+    pipeline.AddOutputs({slow.element});
+    pipeline.SetEnable(true);
+    slow.AwaitFrames();
+    const auto stop = [&] { is_exchanged ? pipeline.SetInput(MakeSource()) : pipeline.SetEnable(false); };
+    auto stopped = std::async(std::launch::async, stop);
+    Await([&] { return GST_STATE(slow.element.Get()) == GST_STATE_PAUSED; });
+    Told(input).flow = GST_FLOW_ERROR;
+    stopped.get();
+    EXPECT_EQ(slow.eos, 0U);
+  }
+}
+
 // Lets each allocation of the call fail in turn until there is none left, every time from the same start.
 void FailEachAllocation(
     const std::function<void()>& call, const std::function<void()>& prepare = [] {}) {
