@@ -4,6 +4,8 @@
 #include "mox/gstreamer/bin/element.h"
 #include "mox/gstreamer/bin/filter.h"
 #include "mox/gstreamer/bin/input.h"
+#include "mox/gstreamer/bin/live/probe.h"
+#include "mox/gstreamer/bin/live/wait.h"
 #include "mox/gstreamer/bin/pipeline.h"
 #include "mox/gstreamer/bus.h"
 #include "mox/gstreamer/check/context.h"
@@ -14,7 +16,7 @@
 #include "mox/gstreamer/pimpl.h"
 #include "mox/type/binding.h"
 
-#include <initializer_list>
+#include <array>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
@@ -46,29 +48,26 @@ Ptr<GstPipeline> Make(unsigned id, const std::string& name) {
   return element;
 }
 
-// Holds an EOS of the input while what is behind it stops. The input may take the answer of elements that have stopped
-// for a failure of the stream, and end it for outputs that are yet to stop.
-class WithoutEos {
- public:
-  explicit WithoutEos(GstBin& inputBin)
-      : source_(check::element::GetPad(*GST_ELEMENT(&inputBin), "src", bin::kElementError)),
-        id_(gst_pad_add_probe(source_.Get(), kHoldsEvents, OnEvent, nullptr, nullptr)) {}
-  WithoutEos(const WithoutEos&) = delete;
-  WithoutEos& operator=(const WithoutEos&) = delete;
-  ~WithoutEos() { gst_pad_remove_probe(source_.Get(), id_); }
+// Blocks an EOS in front of the outputs while the elements stop. The input may take the answer of an element that has
+// stopped for a failure, and end the stream for outputs that are yet to stop.
+bin::live::ScopedProbe BlockEos(GstBin& filterBin) {
+  const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", bin::kElementError);
+  return bin::live::ScopedProbe(*source, GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+                                [](GstPadProbeInfo& info) {
+                                  const bool is_eos = bin::live::IsEvent(info, GST_EVENT_EOS);
+                                  return is_eos ? GST_PAD_PROBE_OK : GST_PAD_PROBE_PASS;
+                                });
+}
 
- private:
-  static constexpr auto kHoldsEvents =
-      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM);
-
-  static GstPadProbeReturn OnEvent(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer /*data*/) noexcept {
-    const bool is_eos = GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS;
-    return is_eos ? GST_PAD_PROBE_OK : GST_PAD_PROBE_PASS;
-  }
-
-  Ptr<GstPad> source_;
-  gulong id_;
-};
+// Stops every element that does not refuse to, sinks first.
+void StopEach(GstBin& bin) {
+  bin::ForEach<GstElement>(gst_bin_iterate_sorted(&bin), [](GstElement& element) {
+    if (gst_element_set_state(&element, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE && GST_IS_BIN(&element)) {
+      StopEach(*GST_BIN(&element));
+    }
+    return true;
+  });
+}
 
 }  // namespace
 
@@ -80,6 +79,7 @@ class Pipeline::Impl {
         bus_.Bind(GST_MESSAGE_STREAM_START, [this](const GstMessage& message) { OnStreamStart(message); });
     on_end_of_stream_ = bus_.Bind(GST_MESSAGE_EOS, [this](const GstMessage& message) { OnEndOfStream(message); });
     on_error_ = bus_.Bind(GST_MESSAGE_ERROR, [this](const GstMessage& message) { OnError(message); });
+    on_latency_ = bus_.Bind(GST_MESSAGE_LATENCY, [this](const GstMessage& message) { OnLatency(message); });
   }
 
   Impl(const Impl&) = delete;
@@ -90,9 +90,13 @@ class Pipeline::Impl {
       SetEnable(false);
     } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell
     }
-    // A start that failed leaves elements part of the way up.
-    gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
+    // A start that failed leaves elements part of the way up. Beside an element that refuses to stop the others would
+    // go on, and the session would wait for their threads forever.
+    if (gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
+      StopEach(*GST_BIN(pipeline_.Get()));
+    }
     // Each waits for a callback that is just running; none runs once the members go.
+    on_latency_.Release();
     on_error_.Release();
     on_end_of_stream_.Release();
     on_stream_start_.Release();
@@ -123,34 +127,28 @@ class Pipeline::Impl {
     if (!input && state_ != State::Stopped) {
       throw std::runtime_error("Cannot remove the input if the pipeline is not stopped");
     }
-    GstElement& input_bin = *GST_ELEMENT(&InputBin());
-    GstElement& filter_bin = *GST_ELEMENT(&FilterBin());
-    GstElement& output_bin = *GST_ELEMENT(&OutputBin());
-    // The time starts anew, too: late by all that the old input has played, sinks would drop what the new one brings.
-    TakeDown({&output_bin, &filter_bin, &input_bin});
+    GstElement& pipeline = *GST_ELEMENT(pipeline_.Get());
+    const GstState target = GetTarget();
     {
-      const WithoutEos without_eos(InputBin());
-      check::element::SetNullState(output_bin, bin::kElementError);
-      check::element::SetNullState(filter_bin, bin::kElementError);
-      check::element::SetNullState(input_bin, bin::kElementError);
-    }
-    try {
-      bin::input::SetInput(InputBin(), input);
-    } catch (...) {
-      if (input) {
-        bin::TakeOut(InputBin(), *input);
+      // The pipeline stops around its bins, and does not start one while another is still being stopped.
+      const LockedBins locked(GetBins());
+      gst_element_set_state(&pipeline, GST_STATE_NULL);
+      try {
+        StopBins();
+        bin::input::SetInput(InputBin(), input);
+      } catch (...) {
+        if (input) {
+          bin::TakeOut(InputBin(), *input);
+        }
+        // The next exchange starts the bins again.
+        gst_element_set_state(&pipeline, target);
+        throw;
       }
-      throw;
     }
-    // As a whole, so that all count the time from the same moment on; then each for itself, which tells what fails.
-    if (enable_) {
-      gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_PLAYING);
-    }
-    bin::Sync(input_bin);
-    bin::Sync(filter_bin);
-    bin::Sync(output_bin);
-    if (enable_) {
-      gst_bin_recalculate_latency(GST_BIN(pipeline_.Get()));
+    // As a whole, so that all elements share one base time; then each bin for itself, which tells what fails.
+    gst_element_set_state(&pipeline, target);
+    for (GstElement* const bin : GetBins()) {
+      bin::Sync(*bin);
     }
   }
 
@@ -191,20 +189,94 @@ class Pipeline::Impl {
   }
 
   void SetEnable(bool enable) {
+    Lock lock(mutex_, std::defer_lock);
+    if (enable) {
+      lock.lock();
+      Start();
+    } else {
+      // Ends a change that waits for data and has the lock.
+      const auto blocked_eos = BlockEos(FilterBin());
+      const bin::live::StopRequest filters(FilterBin());
+      const bin::live::StopRequest outputs(OutputBin());
+      lock.lock();
+      SetState(false);
+    }
+  }
+
+ private:
+  using Lock = std::unique_lock<std::mutex>;
+  using Bins = std::array<GstElement*, 3>;
+
+  /** Keeps the pipeline from changing the states of its bins. */
+  class LockedBins {
+   public:
+    explicit LockedBins(const Bins& bins) : bins_(bins) { Lock(TRUE); }
+    LockedBins(const LockedBins&) = delete;
+    LockedBins& operator=(const LockedBins&) = delete;
+    ~LockedBins() { Lock(FALSE); }
+
+   private:
+    void Lock(gboolean locked) {
+      for (GstElement* const bin : bins_) {
+        gst_element_set_locked_state(bin, locked);
+      }
+    }
+
+    const Bins bins_;
+  };
+
+  void OnStreamStart(const GstMessage& message) {
     const Lock lock(mutex_);
-    if (enable && !bin::input::GetInput(InputBin())) {
+    // The reader may have taken the message off the bus before the stream it tells of was stopped, or the start of the
+    // stream may have failed.
+    const bool is_late =
+        gst_util_seqnum_compare(gst_message_get_seqnum(const_cast<GstMessage*>(&message)), stopped_at_) <= 0;
+    if (enable_ || (!is_late && !HasFailed(*GST_ELEMENT(pipeline_.Get())))) {
+      state_ = State::Playing;
+    }
+  }
+
+  void OnEndOfStream(const GstMessage& /*message*/) {}
+  void OnError(const GstMessage& /*message*/) {}
+
+  void OnLatency(const GstMessage& /*message*/) { gst_bin_recalculate_latency(GST_BIN(pipeline_.Get())); }
+
+  // Returns true if an element has posted an ERROR or refused a state since the bin was last given one. Until it is
+  // given one again, GStreamer ignores what its elements do, and brings none of them to PLAYING.
+  static bool HasFailed(GstElement& bin) {
+    GST_OBJECT_LOCK(&bin);
+    const bool failed = GST_STATE_RETURN(&bin) == GST_STATE_CHANGE_FAILURE;
+    GST_OBJECT_UNLOCK(&bin);
+    return failed;
+  }
+
+  // The state that the pipeline is to have, as this class or the program set it last. A start that failed does not
+  // count.
+  GstState GetTarget() const {
+    if (!enable_ && state_ == State::Stopped && HasFailed(*GST_ELEMENT(pipeline_.Get()))) {
+      return GST_STATE_NULL;
+    }
+    return GST_STATE_TARGET(pipeline_.Get());
+  }
+
+  void Start() {
+    if (!bin::input::GetInput(InputBin())) {
       std::ostringstream message;
       message << "Cannot set the state of the pipeline with ID '" << id_
               << "' to playing because it does not have an input";
       throw std::logic_error(message.str());
     }
+    SetState(true);
+  }
+
+  void SetState(bool enable) {
     const State completing = enable ? State::Starting : State::Stopping;
     const State done = enable ? State::Playing : State::Stopped;
     if (enable == enable_ || state_ == completing || state_ == done) {
       return;
     }
-    const GstStateChangeReturn result =
-        enable ? gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_PLAYING) : Stop();
+    const auto result =
+        gst_element_set_state(GST_ELEMENT(pipeline_.Get()), enable ? GST_STATE_PLAYING : GST_STATE_NULL);
     switch (result) {
       case GST_STATE_CHANGE_SUCCESS:
         state_ = done;
@@ -223,69 +295,34 @@ class Pipeline::Impl {
     }
   }
 
- private:
-  using Lock = std::lock_guard<std::mutex>;
-
-  void OnStreamStart(const GstMessage& message) {
-    const Lock lock(mutex_);
-    // The reader may have taken the message off the bus before the stream it tells of was stopped, or the start of the
-    // stream may have failed.
-    const bool is_late =
-        gst_util_seqnum_compare(gst_message_get_seqnum(const_cast<GstMessage*>(&message)), stopped_at_) <= 0;
-    if (enable_ || (!is_late && !HasFailed(*GST_ELEMENT(pipeline_.Get())))) {
-      state_ = State::Playing;
+  void StopBins() {
+    const auto blocked_eos = BlockEos(FilterBin());
+    for (GstElement* const bin : GetBins()) {
+      check::element::SetNullState(*bin, bin::kElementError);
     }
   }
 
-  void OnEndOfStream(const GstMessage& /*message*/) {}
-  void OnError(const GstMessage& /*message*/) {}
-
-  // Whether an element has posted an error or refused a state since the bin was last told its own. From then on
-  // GStreamer takes no notice of what becomes of what is in the bin, and brings none of it to PLAYING any more.
-  static bool HasFailed(GstElement& bin) {
-    GST_OBJECT_LOCK(&bin);
-    const bool failed = GST_STATE_RETURN(&bin) == GST_STATE_CHANGE_FAILURE;
-    GST_OBJECT_UNLOCK(&bin);
-    return failed;
-  }
-
-  GstStateChangeReturn Stop() {
-    const WithoutEos without_eos(InputBin());
-    return gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
-  }
-
-  // Takes the pipeline down around its bins. From here on it leaves them alone, also where it was still starting them.
-  void TakeDown(std::initializer_list<GstElement*> bins) {
-    for (GstElement* const bin : bins) {
-      gst_element_set_locked_state(bin, TRUE);
-    }
-    gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
-    for (GstElement* const bin : bins) {
-      gst_element_set_locked_state(bin, FALSE);
-    }
-  }
-
-  // Tells a pipeline that had an error its state again: elements that a failed start has left part of the way up are
-  // brought down, and what plays goes on without an element that failed and is gone.
+  // Reapplies the target state after an ERROR: a failed bin ignores its children. Elements that a failed start has left
+  // part of the way up are stopped, and the others go on without an element that failed and is gone.
   void Recover() {
-    GstElement& element = *GST_ELEMENT(pipeline_.Get());
-    if (!HasFailed(element)) {
+    GstElement& pipeline = *GST_ELEMENT(pipeline_.Get());
+    if (!HasFailed(pipeline)) {
       return;
     }
-    if (enable_) {
-      for (GstBin* const bin : {&OutputBin(), &FilterBin(), &InputBin()}) {
-        if (HasFailed(*GST_ELEMENT(bin)) &&
-            gst_element_set_state(GST_ELEMENT(bin), GST_STATE_TARGET(bin)) == GST_STATE_CHANGE_SUCCESS) {
-          // What it waited for came while it took no notice; it tells the pipeline, which waits for it, only of what
-          // comes from here on.
-          gst_element_post_message(GST_ELEMENT(bin), gst_message_new_async_done(GST_OBJECT(bin), GST_CLOCK_TIME_NONE));
-        }
-      }
-      gst_element_set_state(&element, GST_STATE_PLAYING);
-    } else if (state_ == State::Stopped) {
-      Stop();
+    const GstState target = GetTarget();
+    if (target == GST_STATE_NULL) {
+      const auto blocked_eos = BlockEos(FilterBin());
+      gst_element_set_state(&pipeline, GST_STATE_NULL);
       stopped_at_ = gst_util_seqnum_next();
+      return;
     }
+    for (GstElement* const bin : GetBins()) {
+      if (HasFailed(*bin) && gst_element_set_state(bin, GST_STATE_TARGET(bin)) == GST_STATE_CHANGE_SUCCESS) {
+        // It ignored the preroll that it waited for, and the pipeline still waits for it to complete.
+        gst_element_post_message(bin, gst_message_new_async_done(GST_OBJECT(bin), GST_CLOCK_TIME_NONE));
+      }
+    }
+    gst_element_set_state(&pipeline, target);
   }
 
   // Around a change of filters or outputs, made or refused.
@@ -313,6 +350,7 @@ class Pipeline::Impl {
   GstBin& InputBin() const { return bin::pipeline::GetInputBin(*GST_BIN(pipeline_.Get())); }
   GstBin& FilterBin() const { return bin::pipeline::GetFilterBin(*GST_BIN(pipeline_.Get())); }
   GstBin& OutputBin() const { return bin::pipeline::GetOutputBin(*GST_BIN(pipeline_.Get())); }
+  Bins GetBins() const { return {GST_ELEMENT(&OutputBin()), GST_ELEMENT(&FilterBin()), GST_ELEMENT(&InputBin())}; }
 
   const unsigned id_;
   Ptr<GstPipeline> pipeline_;
@@ -320,6 +358,7 @@ class Pipeline::Impl {
   type::Binding on_stream_start_;
   type::Binding on_end_of_stream_;
   type::Binding on_error_;
+  type::Binding on_latency_;
   State state_ = State::Stopped;
   bool enable_ = false;
   mutable std::mutex mutex_;

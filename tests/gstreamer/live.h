@@ -117,7 +117,8 @@ inline bool Starts(GstEvent& event, guint& stream) {
 class Watch {
  public:
   explicit Watch(Ptr<GstElement> watched) : element(std::move(watched)), pad_(PadOf(*element, "sink")) {
-    constexpr auto items = GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM;
+    constexpr auto items =
+        GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM | GST_PAD_PROBE_TYPE_EVENT_FLUSH;
     probe_ = AddProbe(*pad_, items, [this](GstPad&, GstPadProbeInfo& info) {
       const bool is_frame = (info.type & GST_PAD_PROBE_TYPE_BUFFER) != 0;
       is_frame ? OnFrame(*GST_PAD_PROBE_INFO_BUFFER(&info)) : OnEvent(*GST_PAD_PROBE_INFO_EVENT(&info));
@@ -160,10 +161,12 @@ class Watch {
     if (Starts(event, stream_)) {
       misplaced += stream_ < before ? 1 : 0;
       next_ = before == 0 ? GST_BUFFER_OFFSET_NONE : 0;
+    } else if (GST_EVENT_TYPE(&event) == GST_EVENT_FLUSH_STOP) {
+      next_ = GST_BUFFER_OFFSET_NONE;  // a flush discards frames
     }
   }
 
-  guint stream_ = 0;  // of the thread of the stream
+  guint stream_ = 0;  // of the streaming thread
   std::atomic<guint64> next_ = GST_BUFFER_OFFSET_NONE;
   Ptr<GstPad> pad_;
   gulong probe_ = 0;

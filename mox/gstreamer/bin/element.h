@@ -3,6 +3,8 @@
 
 #include "mox/gstreamer/check/ptr.h"
 
+#include <memory>
+
 #include <gst/gst.h>
 
 // What the bins do with their elements. Private to the library.
@@ -11,6 +13,8 @@ namespace mox::gstreamer::bin {
 inline constexpr auto kBinError = "Bin Error: ";
 inline constexpr auto kElementError = "Element Error: ";
 inline constexpr auto kPadError = "Pad Error: ";
+
+inline constexpr auto kColorConverter = "color_converter";
 
 /** Whether the bin, or one below it, holds an element of that name. */
 bool Holds(GstBin& bin, const char* name) noexcept;
@@ -32,6 +36,22 @@ void TakeOut(GstBin& bin, GstElement& element) noexcept;
 
 /** The element linked behind the element's static "src" pad. */
 Ptr<GstElement> Next(GstElement& element);
+
+/**
+ * Calls `visit` with each object of the iterator until it returns false. Frees the iterator, and ends at an object that
+ * is added or removed meanwhile.
+ */
+template <typename T, typename Visit>
+void ForEach(GstIterator* iterator, const Visit& visit) {
+  const std::unique_ptr<GstIterator, decltype(&gst_iterator_free)> owned(iterator, gst_iterator_free);
+  GValue item = G_VALUE_INIT;
+  bool goes_on = true;
+  while (goes_on && gst_iterator_next(iterator, &item) == GST_ITERATOR_OK) {
+    const Ptr<T> object(static_cast<T*>(g_value_dup_object(&item)));
+    g_value_unset(&item);
+    goes_on = visit(*object);
+  }
+}
 
 /**
  * Holds off every state change of an element by other threads, those by which a parent starts its children on the way

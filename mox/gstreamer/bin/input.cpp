@@ -6,11 +6,6 @@
 #include "mox/gstreamer/check/pad.h"
 
 namespace mox::gstreamer::bin::input {
-namespace {
-
-constexpr auto kColorConverter = "color_converter";
-
-}  // namespace
 
 bool IsInitialized(GstBin& inputBin) noexcept {
   return Holds(inputBin, kColorConverter);

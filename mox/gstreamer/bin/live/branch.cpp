@@ -1,0 +1,294 @@
+#include "mox/gstreamer/bin/live/branch.h"
+
+#include "mox/gstreamer/bin/element.h"
+#include "mox/gstreamer/bin/live/allocation.h"
+#include "mox/gstreamer/bin/live/change.h"
+#include "mox/gstreamer/bin/live/negotiation.h"
+#include "mox/gstreamer/bin/live/probe.h"
+#include "mox/gstreamer/bin/live/wait.h"
+#include "mox/gstreamer/check/bin.h"
+#include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/pad.h"
+
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include <gst/base/gstbasesink.h>
+
+namespace mox::gstreamer::bin::live {
+namespace {
+
+Ptr<GstPad> GetSink(GstElement& element) {
+  return check::element::GetPad(element, "sink", kElementError);
+}
+
+// Returns true if the sink has received every sticky event that was sent to it.
+bool HasAllEvents(GstPad& source, GstPad& sink) {
+  struct Walk {
+    GstPad& sink;
+    bool complete = true;
+  } walk{sink};
+  const auto compare = [](GstPad* /*source*/, GstEvent** sent, gpointer data) noexcept -> gboolean {
+    auto& [sink_pad, complete] = *static_cast<Walk*>(data);
+    complete = false;
+    for (guint i = 0; !complete; ++i) {
+      const Ptr<GstEvent> received(gst_pad_get_sticky_event(&sink_pad, GST_EVENT_TYPE(*sent), i));
+      if (!received) {
+        break;
+      }
+      complete = received.Get() == *sent;
+    }
+    return complete ? TRUE : FALSE;
+  };
+  gst_pad_sticky_events_foreach(&source, compare, &walk);
+  return walk.complete;
+}
+
+// Blocks what is to enter the tee while its pads come and go. A pad that is requested while an event passes would miss
+// it, and at one that is released the event would fail, and with it the stream. A buffer inside the tee does no harm
+// and is not waited for, because it may stay long in the queue of a slow output.
+class BlockedTee {
+ public:
+  BlockedTee(GstElement& tee, const std::shared_ptr<Waits>& waits)
+      : waits_(waits),
+        blocked_(std::make_shared<Flag>(waits)),
+        sink_(GetSink(tee)),
+        entrance_(check::pad::GetPeer(*sink_, kPadError)),
+        probe_(*entrance_, GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
+               [blocked = blocked_](GstPadProbeInfo&) {
+                 blocked->Raise();
+                 return GST_PAD_PROBE_OK;
+               }) {}
+
+  /** Blocks until no event is passing. @throws Stopped */
+  void Wait() {
+    if (!HasAllEvents(*entrance_, *sink_)) {
+      waits_->Until([&] { return blocked_->IsRaised(); });
+    }
+  }
+
+  /** `Wait`, but goes on if the pipeline is being stopped: then an event that fails does no harm. */
+  void WaitUnlessStopped() {
+    try {
+      Wait();
+    } catch (const Stopped&) {  // NOLINT(bugprone-empty-catch)
+    }
+  }
+
+  /** The caps that flow, those of a blocked caps event included; empty if there are none yet. */
+  Ptr<GstCaps> GetCaps() const { return Ptr<GstCaps>(gst_pad_get_current_caps(entrance_.Get())); }
+
+ private:
+  std::shared_ptr<Waits> waits_;
+  std::shared_ptr<Flag> blocked_;
+  Ptr<GstPad> sink_;
+  Ptr<GstPad> entrance_;
+  ScopedProbe probe_;
+};
+
+// Lifts the limits of a queue, so that a push that waits for a slow output returns at once.
+class UnlimitedQueue {
+ public:
+  explicit UnlimitedQueue(GstElement& queue) : queue_(queue) {
+    g_object_get(&queue_, "max-size-buffers", &buffers_, "max-size-bytes", &bytes_, "max-size-time", &time_, nullptr);
+    Set(0, 0, 0);
+  }
+  UnlimitedQueue(const UnlimitedQueue&) = delete;
+  UnlimitedQueue& operator=(const UnlimitedQueue&) = delete;
+  ~UnlimitedQueue() { Set(buffers_, bytes_, time_); }
+
+ private:
+  void Set(guint buffers, guint bytes, guint64 time) {
+    g_object_set(&queue_, "max-size-buffers", buffers, "max-size-bytes", bytes, "max-size-time", time, nullptr);
+  }
+
+  GstElement& queue_;
+  guint buffers_ = 0;
+  guint bytes_ = 0;
+  guint64 time_ = 0;
+};
+
+// Lets the sinks of an output start without preroll. A sink that prerolls takes the whole pipeline back to PAUSED,
+// where other outputs may wait for it while it waits for the buffers that they hold up.
+class NoPreroll {
+ public:
+  explicit NoPreroll(GstElement& output) {
+    Collect(output);
+    if (GST_IS_BIN(&output)) {
+      ForEach<GstElement>(gst_bin_iterate_recurse(GST_BIN(&output)), [this](GstElement& element) {
+        Collect(element);
+        return true;
+      });
+    }
+    Set(FALSE);
+  }
+  NoPreroll(const NoPreroll&) = delete;
+  NoPreroll& operator=(const NoPreroll&) = delete;
+  ~NoPreroll() { Set(TRUE); }
+
+ private:
+  void Collect(GstElement& element) {
+    if (GST_IS_BASE_SINK(&element) && gst_base_sink_is_async_enabled(GST_BASE_SINK(&element))) {
+      sinks_.emplace_back(GST_ELEMENT(gst_object_ref(&element)));
+    }
+  }
+
+  void Set(gboolean prerolls) {
+    for (const auto& sink : sinks_) {
+      gst_base_sink_set_async_enabled(GST_BASE_SINK(sink.Get()), prerolls);
+    }
+  }
+
+  std::vector<Ptr<GstElement>> sinks_;
+};
+
+void Start(GstElement& output) {
+  const NoPreroll no_preroll(output);
+  Sync(output);
+}
+
+// Starts a branch again whose output refused to stop. Returns false if it cannot run any more.
+bool Restart(const Branch& branch) noexcept {
+  try {
+    // The output first: in PAUSED it keeps a buffer, and the queue could not stop.
+    Start(*branch.back());
+    check::element::SetNullState(*branch.front(), kElementError);
+    Sync(*branch.front());
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+// The probe that drops everything that the tee pushes to a branch. Otherwise the FLUSHING of a branch that stops would
+// end the whole stream. A branch that cannot run any more keeps it.
+constexpr auto kDrops = "mox-drops";
+
+void StartDropping(GstPad& pad) {
+  if (g_object_get_data(G_OBJECT(&pad), kDrops) == nullptr) {
+    const auto drop = [](GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*data*/) noexcept {
+      return GST_PAD_PROBE_DROP;
+    };
+    const gulong id = gst_pad_add_probe(&pad, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, drop, nullptr, nullptr);
+    g_object_set_data(G_OBJECT(&pad), kDrops, GSIZE_TO_POINTER(id));
+  }
+}
+
+void StopDropping(GstPad& pad) {
+  gst_pad_remove_probe(&pad, GPOINTER_TO_SIZE(g_object_steal_data(G_OBJECT(&pad), kDrops)));
+}
+
+void Unlink(GstElement& tee, GstElement& first) {
+  const Ptr<GstPad> pad(gst_pad_get_peer(GetSink(first).Get()));
+  gst_element_unlink(&tee, &first);
+  gst_element_release_request_pad(&tee, pad.Get());
+}
+
+// Returns the filter bin upstream of the output bin while data flows through it; empty for an output bin that stands
+// alone, and at the end of the stream.
+Ptr<GstElement> GetFilterBin(GstBin& outputBin) {
+  const Ptr<GstPad> upstream(gst_pad_get_peer(GetSink(*GST_ELEMENT(&outputBin)).Get()));
+  if (!upstream || GST_PAD_IS_EOS(upstream.Get())) {
+    return {};
+  }
+  Ptr<GstElement> parent(gst_pad_get_parent_element(upstream.Get()));
+  return GST_IS_BIN(parent.Get()) && Ptr<GstPad>(gst_element_get_static_pad(parent.Get(), "sink")) ? std::move(parent)
+                                                                                                   : Ptr<GstElement>();
+}
+
+// Links a running branch to the tee.
+void Join(GstBin& outputBin, GstElement& tee, GstElement& first) {
+  const auto waits = Waits::Of(outputBin);
+  const auto filter_bin = GetFilterBin(outputBin);
+  const auto link = [&] { check::element::LinkElement(tee, first, kElementError); };
+  {
+    BlockedTee blocked(tee, waits);
+    blocked.Wait();
+    const auto caps = blocked.GetCaps();
+    // Another branch may just have ruled out the caps that flow.
+    const bool accepted = caps && AcceptsCaps(*GetSink(tee), *caps) && AcceptsCaps(*GetSink(first), *caps);
+    if (!accepted) {
+      CheckSharedCaps(tee, first);
+    }
+    if (accepted || !caps || !filter_bin) {
+      link();
+      return;
+    }
+  }
+  // The stream renegotiates. What is inside the filters still has the old caps, and they would rather end the stream
+  // than push it where it is not accepted.
+  RunDrained(*GST_BIN(filter_bin.Get()), waits, {link, [&] { Unlink(tee, first); }, first});
+}
+
+}  // namespace
+
+void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
+  GstElement& queue = *branch.front();
+  GstElement& output = *branch.back();
+  LetAllocationOvertake(queue);
+  // A pipeline that is still starting must find the branch either not yet there or running.
+  std::optional<StateLock> lock(*GST_ELEMENT(&outputBin));
+  Add(outputBin, branch.back());
+  try {
+    Add(outputBin, branch.front());
+    Start(output);
+    Sync(queue);
+    lock.reset();
+    check::element::LinkElement(queue, output, kElementError);
+    Join(outputBin, tee, queue);
+  } catch (...) {
+    lock.emplace(*GST_ELEMENT(&outputBin));
+    TakeOut(outputBin, output);
+    TakeOut(outputBin, queue);
+    throw;
+  }
+}
+
+void AttachPlaceholder(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& placeholder) {
+  {
+    const StateLock lock(*GST_ELEMENT(&outputBin));
+    Add(outputBin, placeholder);
+    Start(*placeholder);
+  }
+  BlockedTee blocked(tee, Waits::Of(outputBin));
+  blocked.WaitUnlessStopped();
+  check::element::LinkElement(tee, *placeholder, kElementError);
+}
+
+void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
+  const auto waits = Waits::Of(outputBin);
+  const auto pad = check::pad::GetPeer(*GetSink(*branch.front()), kPadError);
+  std::optional<StateLock> lock;
+  bool runs = true;
+  StartDropping(*pad);
+  try {
+    {
+      std::optional<UnlimitedQueue> unlimited;
+      if (branch.size() > 1) {
+        unlimited.emplace(*branch.front());
+      }
+      WaitUntilIdle(*pad, waits);
+    }
+    lock.emplace(*GST_ELEMENT(&outputBin));
+    runs = false;
+    for (auto element = branch.rbegin(); element != branch.rend(); ++element) {
+      check::element::SetNullState(**element, kElementError);
+    }
+  } catch (...) {
+    if (runs || Restart(branch)) {
+      StopDropping(*pad);
+    }
+    throw;
+  }
+
+  BlockedTee blocked(tee, waits);
+  blocked.WaitUnlessStopped();
+  gst_element_unlink(branch.front().Get(), branch.back().Get());
+  Unlink(tee, *branch.front());
+  for (auto element = branch.rbegin(); element != branch.rend(); ++element) {
+    check::bin::RemoveElement(outputBin, **element, kBinError);
+  }
+}
+
+}  // namespace mox::gstreamer::bin::live

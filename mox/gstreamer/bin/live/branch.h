@@ -1,0 +1,38 @@
+#ifndef MOX_GSTREAMER_BIN_LIVE_BRANCH_H
+#define MOX_GSTREAMER_BIN_LIVE_BRANCH_H
+
+#include "mox/gstreamer/check/ptr.h"
+
+#include <vector>
+
+#include <gst/gst.h>
+
+// Private to the library.
+namespace mox::gstreamer::bin::live {
+
+/** The elements of one branch of a tee, upstream first: a queue and an output, or the placeholder alone. */
+using Branch = std::vector<Ptr<GstElement>>;
+
+/**
+ * Starts the branch and links it to the tee while data flows. If the caps that flow are not accepted, the stream is
+ * drained and renegotiates. A branch that fails is taken out of the bin again, in NULL.
+ *
+ * @throws std::runtime_error if an element cannot be added, started or linked; or what `RunDrained` raises
+ * @throws Stopped if the pipeline is stopped meanwhile
+ */
+void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch);
+
+/** Attaches a branch that accepts all caps. Waits for nothing once the pipeline is being stopped. */
+void AttachPlaceholder(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& placeholder);
+
+/**
+ * Stops the branch, unlinks it, releases its request pad and takes it out of the bin. The other branches lose nothing.
+ *
+ * @throws std::runtime_error if an element refuses to stop; the branch stays
+ * @throws Stopped if the pipeline is stopped before the branch is; the branch stays
+ */
+void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch);
+
+}  // namespace mox::gstreamer::bin::live
+
+#endif

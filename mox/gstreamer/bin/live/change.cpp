@@ -1,0 +1,150 @@
+#include "mox/gstreamer/bin/live/change.h"
+
+#include "mox/gstreamer/bin/element.h"
+#include "mox/gstreamer/bin/live/negotiation.h"
+#include "mox/gstreamer/bin/live/probe.h"
+#include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/event.h"
+#include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/pad_probe.h"
+
+#include <exception>
+#include <stdexcept>
+
+namespace mox::gstreamer::bin::live {
+namespace {
+
+// Blocks a pad with the next item that a streaming thread brings. The thread stays in the probe until the change is
+// made, because its stream lock keeps the end of a flush from starting threads of filters that are just being stopped.
+class BlockedPad {
+ public:
+  BlockedPad(GstPad& pad, const std::shared_ptr<Waits>& waits)
+      : blocked_(std::make_shared<Flag>(waits)),
+        changed_(std::make_shared<Flag>(waits)),
+        probe_(pad, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
+               [blocked = blocked_, changed = changed_](GstPad&, GstPadProbeInfo&) {
+                 blocked->Raise();
+                 changed->Wait();
+                 return GST_PAD_PROBE_OK;
+               }) {}
+  BlockedPad(const BlockedPad&) = delete;
+  BlockedPad& operator=(const BlockedPad&) = delete;
+  ~BlockedPad() { changed_->Raise(); }
+
+  bool IsBlocked() const noexcept { return blocked_->IsRaised(); }
+
+ private:
+  std::shared_ptr<Flag> blocked_;
+  std::shared_ptr<Flag> changed_;
+  PadProbe probe_;
+};
+
+// Sends an EOS through the filter bin and drops it where it leaves the bin, behind the last of the data. A flush ends
+// the drain too, because it discards the data and the EOS.
+void Drain(GstPad& sink, GstPad& source, const std::shared_ptr<Waits>& waits) {
+  // Without a segment no buffer has come. There is nothing to drain, and some filters would keep the EOS.
+  if (!Ptr<GstEvent>(gst_pad_get_sticky_event(&sink, GST_EVENT_SEGMENT, 0))) {
+    return;
+  }
+  const auto drained = std::make_shared<Flag>(waits);
+  const ScopedProbe eos(source, GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+                        [drained](GstPadProbeInfo& info) {
+                          // A filter may push events of its own first.
+                          if (!IsEvent(info, GST_EVENT_EOS)) {
+                            return GST_PAD_PROBE_PASS;
+                          }
+                          drained->Raise();
+                          return GST_PAD_PROBE_DROP;
+                        });
+  const ScopedProbe flush(source, GST_PAD_PROBE_TYPE_EVENT_FLUSH, [drained](GstPadProbeInfo&) {
+    drained->Raise();
+    return GST_PAD_PROBE_OK;
+  });
+  // A bin that refuses the EOS is open, has failed or is flushing, and has nothing left to drain.
+  if (gst_pad_send_event(&sink, check::event::MakeEos("Event Error: ").Ref())) {
+    waits->Until([&] { return drained->IsRaised(); });
+  }
+}
+
+// Later steps are worth trying whether or not this one succeeds, and only the first error is raised.
+template <typename Step>
+void Attempt(const Step& step) noexcept {
+  try {
+    step();
+  } catch (...) {  // NOLINT(bugprone-empty-catch)
+  }
+}
+
+// Makes the change on the drained filter bin and leaves the bin running, even if the change fails.
+void ChangeDrained(GstBin& filterBin, GstPad& feeding, const Change& change) {
+  GstElement& element = *GST_ELEMENT(&filterBin);
+  // A pipeline that is still starting must not start the bin in the middle of the change.
+  const StateLock lock(element);
+  try {
+    check::element::SetNullState(element, kElementError);
+    change.make();
+    Sync(element);
+    CheckFlowingCaps(feeding, change.named);
+  } catch (...) {
+    const auto error = std::current_exception();
+    Attempt([&] {
+      check::element::SetNullState(element, kElementError);
+      change.undo();
+    });
+    Attempt([&] { Sync(element); });
+    std::rethrow_exception(error);
+  }
+}
+
+// Lets data flow again through filters that refused to stop.
+void Reopen(GstBin& filterBin, GstPad& feeding, GstPad& sink, GstPad& source) {
+  // A bin deactivates its source pads before its children refuse, and does not activate them again.
+  const auto activate = [](GstPad& pad) { return gst_pad_set_active(&pad, TRUE) != FALSE; };
+  activate(source);
+  ForEach<GstElement>(gst_bin_iterate_elements(&filterBin), [&](GstElement& filter) {
+    if (GST_IS_BIN(&filter)) {
+      ForEach<GstPad>(gst_element_iterate_src_pads(&filter), activate);
+    }
+    return true;
+  });
+  // The filters still have the EOS on their pads. Only a stream-start event removes it.
+  if (const Ptr<GstEvent> start(gst_pad_get_sticky_event(&feeding, GST_EVENT_STREAM_START, 0)); start) {
+    gst_pad_send_event(&sink, gst_event_copy(start.Get()));
+  }
+}
+
+}  // namespace
+
+void RunDrained(GstBin& filterBin, const std::shared_ptr<Waits>& waits, const Change& change) {
+  const auto feeding = FindFeedingPad(filterBin);
+  const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
+  const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", kElementError);
+
+  const BlockedPad blocked(*feeding, waits);
+  waits->Until([&] { return blocked.IsBlocked() || HasStreamEnded(*feeding); });
+  if (!blocked.IsBlocked()) {
+    throw std::runtime_error("Cannot change the filters because the stream has ended");
+  }
+
+  // Drain and change.
+  std::exception_ptr error;
+  try {
+    Drain(*sink, *source, waits);
+    ChangeDrained(filterBin, *feeding, change);
+  } catch (...) {
+    error = std::current_exception();
+    Reopen(filterBin, *feeding, *sink, *source);
+  }
+
+  // A flush that met the stopped filters has not reached the outputs, which would wait for its start at its end.
+  if (GST_PAD_IS_FLUSHING(feeding.Get())) {
+    gst_pad_send_event(sink.Get(), gst_event_new_flush_start());
+  }
+  // The converter and everything upstream negotiate caps and buffers for the new chain.
+  gst_pad_send_event(check::pad::GetPeer(*sink, kPadError).Get(), gst_event_new_reconfigure());
+  if (error) {
+    std::rethrow_exception(error);
+  }
+}
+
+}  // namespace mox::gstreamer::bin::live

@@ -1,0 +1,43 @@
+#ifndef MOX_GSTREAMER_BIN_LIVE_NEGOTIATION_H
+#define MOX_GSTREAMER_BIN_LIVE_NEGOTIATION_H
+
+#include "mox/gstreamer/check/ptr.h"
+
+#include <gst/gst.h>
+
+// Private to the library.
+namespace mox::gstreamer::bin::live {
+
+/**
+ * Returns the pad that feeds a filter bin: the one upstream of the colour converter, or the peer of the bin's "sink" if
+ * there is no converter. A buffer that waits there can still be converted to other caps.
+ *
+ * @throws std::runtime_error if nothing is linked there
+ */
+Ptr<GstPad> FindFeedingPad(GstBin& filterBin);
+
+/** Returns true if nothing will reach the pad any more: an EOS has passed, or the task that pushes there has failed. */
+bool HasStreamEnded(GstPad& feeding);
+
+/** Returns true if the pad, and all that is linked downstream of it, accepts these caps. */
+bool AcceptsCaps(GstPad& sink, GstCaps& caps);
+
+/**
+ * Checks that the caps that flow at the feeding pad pass through the changed elements, or that their source can
+ * renegotiate. Otherwise the next buffer would end the stream with not-negotiated.
+ *
+ * @throws std::runtime_error that names the feeding element and `changed`
+ */
+void CheckFlowingCaps(GstPad& feeding, GstElement& changed);
+
+/**
+ * Checks that upstream, the branches of the tee and a new branch have caps in common. A tee links a branch without
+ * asking the others.
+ *
+ * @throws std::runtime_error that names the tee and `first`, the upstream end of the branch
+ */
+void CheckSharedCaps(GstElement& tee, GstElement& first);
+
+}  // namespace mox::gstreamer::bin::live
+
+#endif
