@@ -37,8 +37,9 @@ set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "The shared libraries")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libmox-integration-gstreamer-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+# The headers show types of the Boost that the libraries are linked with, so a program needs the same version.
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-  "libgstreamer1.0-dev (>= 1.22), libboost-filesystem1.81-dev, pkg-config")
+  "libgstreamer1.0-dev (>= 1.22), libboost-filesystem${Boost_VERSION_MAJOR}.${Boost_VERSION_MINOR}-dev, pkgconf")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS gstreamer1.0-plugins-good)  # for the README's program
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS library)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers, CMake package and pkg-config file")

@@ -1,7 +1,7 @@
 include(CMakeFindDependencyMacro)
 get_property(languages GLOBAL PROPERTY ENABLED_LANGUAGES)
 if("CXX" IN_LIST languages)
-  find_dependency(Boost 1.81 COMPONENTS filesystem)
+  find_dependency(Boost 1.74 CONFIG COMPONENTS filesystem)
 elseif(NOT TARGET Boost::filesystem)
   # Boost's own package is for C++ only, and a program in C needs nothing of it.
   add_library(Boost::filesystem INTERFACE IMPORTED)

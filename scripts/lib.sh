@@ -4,10 +4,14 @@
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=$(realpath -m "${MOX_BUILD_DIR:-$root/build}")
 
+# Debian's versions of Boost exclude each other: the one whose headers are installed is used, or else the default.
+boost=$(dpkg-query -W -f '${db:Status-Status} ${Package}\n' 'libboost[0-9]*-dev' 2>/dev/null |
+  sed -n 's/^installed libboost\([0-9.]*\)-dev$/\1/p' || true)
+
 build_packages=(
-  g++ cmake ninja-build pkg-config
+  g++ cmake ninja-build pkgconf
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev nlohmann-json3-dev
-  libboost-filesystem1.81-dev libboost-system1.81-dev libgtest-dev libgmock-dev doxygen
+  "libboost-filesystem$boost-dev" libgtest-dev libgmock-dev doxygen
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-tools
 )
 benchmark_packages=(libbenchmark-dev libspdlog-dev libgstreamermm-1.0-dev python3)
@@ -37,13 +41,9 @@ install_packages() {
     exit 1
   fi
   as_root apt-get -q update
-  # Nothing of the user's is removed. Debian's older Boost is the one that would have to go.
   as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get -q install -y --no-remove --no-install-recommends "${missing[@]}" || {
     echo "Could not install ${missing[*]}." >&2
-    if is_installed libboost1.74-dev; then
-      echo "Boost 1.74 and 1.81 cannot both be installed: remove libboost1.74-dev, then try again." >&2
-    fi
     exit 1
   }
 }
@@ -53,7 +53,7 @@ build_preset() {
   local preset=$1
   shift
   local packages=("${build_packages[@]}")
-  [[ $preset != clang ]] || packages+=(clang-14)
+  [[ $preset != clang ]] || packages+=(clang)
   install_packages "${packages[@]}"
   say "Building $preset in $build/$preset"
   cmake -S "$root" --preset "$preset" -B "$build/$preset" --log-level=WARNING

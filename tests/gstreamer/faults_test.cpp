@@ -38,6 +38,8 @@ struct Fault {
   const char* name;
   void (*tell)(Faults&);
   Outcome as_filter, as_output, as_input;
+
+  friend std::ostream& operator<<(std::ostream& stream, const Fault& fault) { return stream << fault.name; }
 };
 
 template <GstStateChange kChange, std::atomic<GstStateChange> Faults::*kFault = &Faults::fails>
