@@ -59,14 +59,13 @@ bin::live::ScopedProbe BlockEos(GstBin& filterBin) {
                                 });
 }
 
-// Stops every element that does not refuse to, sinks first.
-void StopEach(GstBin& bin) {
-  bin::ForEach<GstElement>(gst_bin_iterate_sorted(&bin), [](GstElement& element) {
-    if (gst_element_set_state(&element, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE && GST_IS_BIN(&element)) {
-      StopEach(*GST_BIN(&element));
+// Stops every element in the bin that does not refuse to, sinks first.
+void StopEach(GstElement& bin) {
+  for (const auto& element : bin::Collect<GstElement>(gst_bin_iterate_sorted(GST_BIN(&bin)))) {
+    if (gst_element_set_state(element.Get(), GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE && GST_IS_BIN(element.Get())) {
+      StopEach(*element);
     }
-    return true;
-  });
+  }
 }
 
 }  // namespace
@@ -90,10 +89,9 @@ class Pipeline::Impl {
       SetEnable(false);
     } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell
     }
-    // A start that failed leaves elements part of the way up. Beside an element that refuses to stop the others would
-    // go on, and the session would wait for their threads forever.
+    // A start that failed leaves elements part of the way up.
     if (gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
-      StopEach(*GST_BIN(pipeline_.Get()));
+      StopAround();
     }
     // Each waits for a callback that is just running; none runs once the members go.
     on_latency_.Release();
@@ -248,6 +246,21 @@ class Pipeline::Impl {
     const bool failed = GST_STATE_RETURN(&bin) == GST_STATE_CHANGE_FAILURE;
     GST_OBJECT_UNLOCK(&bin);
     return failed;
+  }
+
+  // Stops everything around elements that refuse to stop, and leaves those to whoever else owns them. Otherwise threads
+  // of others would go on, and the end of the session would wait for them.
+  void StopAround() noexcept try {
+    StopEach(*GST_ELEMENT(pipeline_.Get()));
+    for (GstElement* const bin : GetBins()) {
+      for (const auto& element : bin::Collect<GstElement>(gst_bin_iterate_elements(GST_BIN(bin)))) {
+        if (GST_STATE(element.Get()) != GST_STATE_NULL) {
+          gst_bin_remove(GST_BIN(bin), element.Get());
+        }
+      }
+    }
+    gst_element_set_state(GST_ELEMENT(pipeline_.Get()), GST_STATE_NULL);
+  } catch (...) {  // NOLINT(bugprone-empty-catch): there is no memory, and nobody to tell
   }
 
   // The state that the pipeline is to have, as this class or the program set it last. A start that failed does not

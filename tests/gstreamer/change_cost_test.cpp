@@ -56,12 +56,13 @@ TEST_F(ChangeCost, StaysWithinLimits) {
   CountReferences();
   std::atomic<std::size_t> made = 0;
   Stream stream(MakeSource(), {Make("identity")}, false);
-  const auto change = [&made, held = PadOf(*stream.Find("input_bin"), "src")](GstPad& pad, auto&) {
+  const auto feeding = PadOf(*stream.pipeline.GetInput(), "src");
+  const Ptr<GstPad> upstream(gst_ghost_pad_get_target(GST_GHOST_PAD(feeding.Get())));
+  AddProbe(*upstream, GST_PAD_PROBE_TYPE_BUFFER, [&](GstPad& pad, auto&) {
     ++made;
-    Await([&] { return GST_PAD_IS_FLUSHING(&pad) || gst_pad_is_blocked(held.Get()) != FALSE; });
+    Await([&] { return GST_PAD_IS_FLUSHING(&pad) || gst_pad_is_blocked(feeding.Get()); });
     return GST_PAD_PROBE_OK;
-  };
-  AddProbe(*PadOf(*stream.Find("color_converter"), "sink"), GST_PAD_PROBE_TYPE_BUFFER, change);
+  });
   stream.pipeline.SetEnable(true);
   Await([&] { return made == 1; });
 

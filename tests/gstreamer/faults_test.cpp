@@ -167,6 +167,49 @@ TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
   EXPECT_EQ(stream.pipeline.GetFilters().size(), 1U);
 }
 
+// The source tries again when it is to renegotiate, as here, and goes on.
+TEST_F(Faulty, ATransientFailureToNegotiateDoesNotEndTheStream) {
+  const auto filter = MakeFaulty("faulty name=told");
+  std::atomic<bool> has_failed = false;
+  Stream stream(Parse("videotestsrc is-live=true ! capsfilter caps=video/x-raw,framerate=5/1"), {filter});
+  AddProbe(*PadOf(*filter, "sink"), GST_PAD_PROBE_TYPE_BUFFER, [&](GstPad& pad, auto&) {
+    gst_pad_push_event(&pad, gst_event_new_reconfigure());
+    Told(filter).flow = has_failed.exchange(true) ? GST_FLOW_OK : GST_FLOW_NOT_NEGOTIATED;
+    return GST_PAD_PROBE_OK;
+  });
+  const auto feeding = PadOf(*stream.pipeline.GetInput(), "src");
+  Await([&] { return gst_pad_get_last_flow_return(feeding.Get()) == GST_FLOW_NOT_NEGOTIATED; });
+  EXPECT_EQ(ErrorOf([&] { stream.pipeline.AddFilters({Make("identity")}); }), kNoError);
+  stream.watch.AwaitFrames();
+}
+
+// The others are stopped around it, or their threads would go on for ever and GStreamer could not be taken down.
+TEST_F(Faulty, DestructionEndsBesideAnElementThatRefusesToStop) {
+  for (const char* bin : {"input", "filter", "output"}) {
+    SCOPED_TRACE(bin);
+    const auto refusing = MakeFaulty(bin == std::string("input")    ? kFaultyInput
+                                     : bin == std::string("filter") ? "queue ! faulty name=told"
+                                                                    : "queue ! faulty name=told ! fakesink");
+    const auto told = Find(*GST_BIN(refusing.Get()), "told");
+    {
+      Watch watch(Make("fakesink"));
+      Pipeline pipeline(1, "destroyed");
+      pipeline.SetInput(bin == std::string("input") ? refusing : MakeSource());
+      pipeline.AddFilters(bin == std::string("filter") ? Elements{refusing} : Elements());
+      pipeline.AddOutputs({watch.element});
+      pipeline.AddOutputs(bin == std::string("output") ? Elements{refusing} : Elements());
+      pipeline.SetEnable(true);
+      watch.AwaitFrames();
+      faulty::Of(told.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_READY;
+      SetDeadline(10);
+    }
+    EXPECT_EQ(GST_STATE(told.Get()), GST_STATE_PAUSED);
+    faulty::Of(told.Get()).fails = Faults::kNone;
+    EXPECT_EQ(gst_element_set_state(refusing.Get(), GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
+  }
+  gst_deinit();
+}
+
 // An input with a queue of its own sends no EOS when a frame fails. Of a failure between its queue and its end that
 // queue alone knows.
 TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {

@@ -95,19 +95,204 @@ TEST_F(Live, ChangesDoNotWaitForSlowOutputs) {
   stream.watch.AwaitFrames();
 }
 
-// What is in a queue of the input has the size of before, and is given up.
-TEST_F(Live, TheSizeChangesAheadOfWhatWaitsInTheInput) {
-  for (const char* behind : {"", " ! ( videoflip video-direction=vert )"}) {  // what asks for an allocation then
-    const std::string waiting = "videotestsrc ! capsfilter caps=video/x-raw,framerate=60/1 ! queue";
-    Stream stream(Parse(waiting + behind), {Parse("identity sleep-time=2000")});
-    for (int i = 0; i < 3; ++i) {
-      stream.watch.AwaitFrames(20);  // the queue is full by now
-      const auto small = Parse("capsfilter caps=video/x-raw,width=32,height=16");
-      stream.pipeline.AddFilters({small});
-      stream.watch.AwaitFrames(300);
-      stream.pipeline.EraseFilters({small});
+TEST_F(Live, FiltersOfOtherCapsLoseNoFrame) {
+  for (const bool paced : {false, true}) {
+    Stream stream(MakeSource(paced, ",format=I420"));
+    for (int i = 0; i < (paced ? 5 : 100); ++i) {
+      for (const char* factory : {"edgetv", "videoflip", "videoscale"}) {
+        AddAndEraseFilter(stream.pipeline, factory);
+      }
+      const auto converts = Parse("videoconvert ! capsfilter caps=video/x-raw,format=NV12 ! videoconvert");
+      stream.pipeline.AddFilters({converts});
+      stream.pipeline.EraseFilters({converts});
     }
-    stream.watch.ExpectWhole(201 * 6);
+    stream.watch.ExpectWhole();
+  }
+}
+
+// A source renegotiates and drops the one frame that waits with its old size. What a queue or a decoder has sent keeps
+// its size.
+TEST_F(Live, AnotherSizeIsScaledOrFollowedByTheSourceOrRefused) {
+  constexpr auto kSize = "capsfilter caps=video/x-raw,width=32,height=8";
+  constexpr auto kSource = "videotestsrc ! capsfilter caps=video/x-raw,framerate=60/1";
+  struct Row {
+    std::string input;
+    bool is_scaled;
+    bool is_refused;
+    std::size_t lost;
+  };
+  const Row rows[] = {
+      {kSource, false, false, 2},
+      {kSource, true, false, 0},
+      {std::string(kSource) + " ! queue", false, true, 0},
+      {std::string(kSource) + " ! queue", true, false, 0},
+      {std::string(kSource) + ",width=16,height=16", false, true, 0},
+      {std::string(kSource) + ",width=16,height=16 ! pngenc ! queue ! pngdec", false, true, 0},
+      {std::string(kSource) + ",width=16,height=16 ! pngenc ! queue ! pngdec", true, false, 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.input + (row.is_scaled ? ", scaled" : ""));
+    Stream stream(Parse(row.input), {Make("queue")});
+    const auto filter = Parse(std::string(row.is_scaled ? "videoscale ! " : "") + kSize);
+    const auto output = Parse(std::string(row.is_scaled ? "videoscale ! " : "") + kSize + " ! fakesink");
+    const auto expected = testing::StartsWith(row.is_refused ? "Element Error: Failed to link element '" : "no error");
+    EXPECT_THAT(ErrorOf([&] { stream.pipeline.AddFilters({filter}); }), expected);
+    stream.watch.AwaitFrames(10);
+    if (!row.is_refused) {
+      stream.pipeline.EraseFilters({filter});
+    }
+    EXPECT_THAT(ErrorOf([&] { stream.pipeline.AddOutputs({output}); }), expected);
+    stream.watch.AwaitFrames(10);
+    EXPECT_EQ(stream.pipeline.GetFilters().size(), 1U);
+    if (row.input.find("png") == std::string::npos) {  // a decoder does not number its frames
+      stream.watch.ExpectWhole(row.lost + row.lost / 2);
+    }
+  }
+}
+
+TEST_F(Live, AStopEndsAChangeThatWaits) {
+  struct Row {
+    const char* waits_for;
+    const char* input_end;
+    const char* filter;
+    bool has_stuck_output;
+  };
+  constexpr Row kRows[] = {
+      {"a frame of a silent source", " ! valve name=valve", "identity", false},
+      {"the EOS that a closed filter drops", "", "identity ! valve name=valve", false},
+      {"a frame behind one that an output does not take", "", "identity", true},
+      {"the EOS in a queue behind such a frame", "", "queue max-size-buffers=1", true},
+  };
+  for (const auto& row : kRows) {
+    for (const bool adds_output : {false, true}) {
+      SCOPED_TRACE(std::string(row.waits_for) + (adds_output ? ", an output" : ", a filter"));
+      std::atomic<bool> is_full = false;
+      Stream stream(MakeSource(false, std::string(",format=I420") + row.input_end), {Parse(row.filter)});
+      const auto stuck = Parse("queue max-size-buffers=1 ! appsink max-buffers=1");
+      const auto valve = stream.Find("valve");
+      if (row.has_stuck_output) {
+        stream.pipeline.AddOutputs({stuck});
+        const auto overrun = [](std::atomic<bool>* full) { *full = true; };
+        g_signal_connect_swapped(stream.pipeline.GetOutputs().at(1).queue.Get(), "overrun", G_CALLBACK(+overrun),
+                                 &is_full);
+        Await([&] { return is_full.load(); });
+      } else {
+        g_object_set(valve.Get(), "drop", TRUE, nullptr);
+      }
+      const std::size_t outputs = stream.pipeline.GetOutputs().size();
+
+      auto change = std::async(std::launch::async, [&] {
+        return ErrorOf([&] {
+          adds_output ? stream.pipeline.AddOutputs({Parse("capsfilter caps=video/x-raw,format=RGB ! fakesink")})
+                      : stream.pipeline.AddFilters({Make("identity")});
+        });
+      });
+      ASSERT_EQ(change.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+      stream.pipeline.SetEnable(false);
+
+      EXPECT_EQ(change.get(), std::string("Cannot change the ") + (adds_output ? "outputs" : "filters") +
+                                  " because the pipeline is being stopped");
+      EXPECT_EQ(stream.pipeline.GetFilters().size(), 1U);
+      EXPECT_EQ(stream.pipeline.GetOutputs().size(), outputs);
+      EXPECT_EQ(stream.watch.eos, 0U);
+      if (row.has_stuck_output) {
+        stream.pipeline.EraseOutputs({stuck});
+      } else {
+        g_object_set(valve.Get(), "drop", FALSE, nullptr);
+      }
+      stream.pipeline.SetEnable(true);
+      stream.watch.AwaitFrames();
+    }
+  }
+}
+
+TEST_F(Live, AStopLeavesThePlaceholderOfAnOutputThatWasToBeTheFirst) {
+  Stream stream(MakeSource(false, ",format=I420 ! valve name=valve"), {}, false);
+  const auto second = Parse("capsfilter caps=video/x-raw,format=RGB ! fakesink");
+  stream.pipeline.EraseOutputs({stream.watch.element});
+  stream.pipeline.SetEnable(true);
+  const auto pad = PadOf(*stream.Find("dummy_output"), "sink");
+  Await([&] { return gst_pad_has_current_caps(pad.Get()) != FALSE; });
+  g_object_set(stream.Find("valve").Get(), "drop", TRUE, nullptr);
+  auto change = std::async(std::launch::async, [&] { return ErrorOf([&] { stream.pipeline.AddOutputs({second}); }); });
+  ASSERT_EQ(change.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  stream.pipeline.SetEnable(false);
+  EXPECT_EQ(change.get(), "Cannot change the outputs because the pipeline is being stopped");
+  EXPECT_TRUE(stream.Find("dummy_output"));
+  g_object_set(stream.Find("valve").Get(), "drop", FALSE, nullptr);
+  stream.pipeline.AddOutputs({second, stream.watch.element});
+  stream.pipeline.SetEnable(true);
+  stream.watch.AwaitFrames();
+}
+
+int CountProbes(Stream& stream) {
+  int probes = 0;
+  for (const char* bin : {"input_bin", "filter_bin", "output_bin"}) {
+    for (const auto& pad : {PadOf(*stream.Find(bin), "src"), PadOf(*stream.Find(bin), "sink")}) {
+      probes += pad ? pad->num_probes : 0;
+    }
+  }
+  for (const auto& [queue, element] : stream.pipeline.GetOutputs()) {
+    probes += PadOf(*queue, "sink")->num_probes;
+  }
+  return probes;
+}
+
+TEST_F(Live, ProbesDoNotPileUpWhileNoFrameFlows) {
+  Stream stream(MakeSource());
+  AddProbe(*PadOf(*stream.Find("color_converter"), "sink"), GST_PAD_PROBE_TYPE_BUFFER, [](GstPad& pad, auto& info) {
+    const GstBuffer& frame = *GST_PAD_PROBE_INFO_BUFFER(&info);
+    gst_pad_send_event(&pad, gst_event_new_gap(frame.pts, frame.duration));
+    return GST_PAD_PROBE_DROP;
+  });
+  const int before = CountProbes(stream);
+  for (int i = 0; i < 200; ++i) {
+    AddAndEraseFilter(stream.pipeline, i % 2 == 0 ? "edgetv" : "identity");
+  }
+  EXPECT_EQ(CountProbes(stream), before);
+}
+
+TEST_F(Live, ProbesDoNotPileUpWhileAnOutputWaitsForItsPreroll) {
+  Stream stream(MakeSource(false, " ! identity sleep-time=1000"), {}, false);
+  stream.pipeline.AddOutputs({Parse("valve drop=true ! fakesink")});
+  stream.pipeline.SetEnable(true);
+  stream.watch.AwaitFrames(1);
+  AddAndEraseFilter(stream.pipeline, "edgetv");
+  const int before = CountProbes(stream);
+  for (int i = 0; i < 50; ++i) {
+    AddAndEraseFilter(stream.pipeline, i % 2 == 0 ? "edgetv" : "identity");
+  }
+  EXPECT_EQ(CountProbes(stream), before);
+}
+
+GstState SettledState(Pipeline& pipeline) {
+  GstState state = GST_STATE_VOID_PENDING;
+  gst_element_get_state(GST_ELEMENT(&pipeline.Get()), &state, nullptr, GST_CLOCK_TIME_NONE);
+  return state;
+}
+
+// The program sets the state through the element; an exchange and what follows an ERROR keep to it.
+TEST_F(Live, ExchangesAndErrorsLeaveTheTargetStateOfTheProgram) {
+  struct Row {
+    const char* name;
+    bool is_enabled;
+    GstState state;
+  };
+  constexpr Row kRows[] = {{"paused", true, GST_STATE_PAUSED},
+                           {"started by the program", false, GST_STATE_PLAYING},
+                           {"paused by the program", false, GST_STATE_PAUSED},
+                           {"stopped", false, GST_STATE_NULL}};
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.name);
+    Stream stream(MakeSource(), {}, row.is_enabled);
+    gst_element_set_state(GST_ELEMENT(&stream.pipeline.Get()), row.state);
+    ASSERT_EQ(SettledState(stream.pipeline), row.state);
+    stream.pipeline.SetInput(MakeSource());
+    EXPECT_EQ(SettledState(stream.pipeline), row.state);
+    const auto refused = Parse("identity ! filesink location=/nowhere/at/all");
+    EXPECT_EQ(ErrorOf([&] { stream.pipeline.AddOutputs({refused}); }) == "no error", row.state == GST_STATE_NULL);
+    EXPECT_EQ(SettledState(stream.pipeline), row.state);
+    EXPECT_EQ(GST_STATE_TARGET(stream.Find("output_bin").Get()), row.state);
   }
 }
 
@@ -192,6 +377,22 @@ TEST_F(Live, OutputsFollowTheTimeOfTheInputAndTheLatencyOfTheFilters) {
   EXPECT_GE(gst_base_sink_get_latency(GST_BASE_SINK(sink.Get())), before + 200 * GST_MSECOND);
   stream.pipeline.EraseFilters({delay});
   EXPECT_EQ(gst_base_sink_get_latency(GST_BASE_SINK(sink.Get())), before);
+
+  const auto converter = stream.Find("color_converter");
+  AddProbe(*PadOf(*converter, "src"), GST_PAD_PROBE_TYPE_QUERY_UPSTREAM | GST_PAD_PROBE_TYPE_PULL,
+           [](GstPad&, auto& info) {
+             GstQuery* const query = GST_PAD_PROBE_INFO_QUERY(&info);
+             gboolean is_live = FALSE;
+             GstClockTime least = 0;
+             GstClockTime most = 0;
+             if (GST_QUERY_TYPE(query) == GST_QUERY_LATENCY) {
+               gst_query_parse_latency(query, &is_live, &least, &most);
+               gst_query_set_latency(query, is_live, least + 300 * GST_MSECOND, most);
+             }
+             return GST_PAD_PROBE_OK;
+           });
+  gst_element_post_message(converter.Get(), gst_message_new_latency(GST_OBJECT(converter.Get())));
+  Await([&] { return gst_base_sink_get_latency(GST_BASE_SINK(sink.Get())) == before + 300 * GST_MSECOND; });
 
   Await([&] { return shown > 30; });
   EXPECT_THROW(stream.pipeline.SetInput(Make("fakesink")), std::runtime_error);

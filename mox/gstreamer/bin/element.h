@@ -4,6 +4,7 @@
 #include "mox/gstreamer/check/ptr.h"
 
 #include <memory>
+#include <vector>
 
 #include <gst/gst.h>
 
@@ -37,20 +38,17 @@ void TakeOut(GstBin& bin, GstElement& element) noexcept;
 /** The element linked behind the element's static "src" pad. */
 Ptr<GstElement> Next(GstElement& element);
 
-/**
- * Calls `visit` with each object of the iterator until it returns false. Frees the iterator, and ends at an object that
- * is added or removed meanwhile.
- */
-template <typename T, typename Visit>
-void ForEach(GstIterator* iterator, const Visit& visit) {
+/** Returns the objects of the iterator, up to one that is added or removed meanwhile, and frees it. */
+template <typename T>
+std::vector<Ptr<T>> Collect(GstIterator* iterator) {
   const std::unique_ptr<GstIterator, decltype(&gst_iterator_free)> owned(iterator, gst_iterator_free);
+  std::vector<Ptr<T>> objects;
   GValue item = G_VALUE_INIT;
-  bool goes_on = true;
-  while (goes_on && gst_iterator_next(iterator, &item) == GST_ITERATOR_OK) {
-    const Ptr<T> object(static_cast<T*>(g_value_dup_object(&item)));
+  while (gst_iterator_next(iterator, &item) == GST_ITERATOR_OK) {
+    objects.emplace_back(static_cast<T*>(g_value_dup_object(&item)));
     g_value_unset(&item);
-    goes_on = visit(*object);
   }
+  return objects;
 }
 
 /**

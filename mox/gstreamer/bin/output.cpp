@@ -84,19 +84,17 @@ void Initialize(GstBin& outputBin) {
 
 std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin) {
   std::vector<gstreamer::pipeline::Output> outputs;
-  ForEach<GstPad>(gst_element_iterate_src_pads(GetTee(outputBin).Get()), [&](GstPad& pad) {
-    if (!gst_pad_is_linked(&pad)) {
-      return true;
+  for (const auto& pad : Collect<GstPad>(gst_element_iterate_src_pads(GetTee(outputBin).Get()))) {
+    if (!gst_pad_is_linked(pad.Get())) {
+      continue;
     }
-    auto queue = check::pad::GetParentElement(*check::pad::GetPeer(pad, kPadError), kPadError);
+    auto queue = check::pad::GetParentElement(*check::pad::GetPeer(*pad, kPadError), kPadError);
     if (element::GetName(*queue) == kDummy) {
-      outputs.clear();
-      return false;
+      return {};
     }
     auto element = Next(*queue);
     outputs.push_back({std::move(queue), std::move(element)});
-    return true;
-  });
+  }
   return outputs;
 }
 

@@ -28,8 +28,8 @@ bool MayPreroll(GstElement& queue) noexcept {
     return false;
   }
   GST_OBJECT_LOCK(output_bin.Get());
-  const bool plays = GST_STATE(output_bin.Get()) == GST_STATE_PLAYING &&
-                     GST_STATE_PENDING(output_bin.Get()) == GST_STATE_VOID_PENDING;
+  const bool plays =
+      GST_STATE(output_bin.Get()) == GST_STATE_PLAYING && GST_STATE_PENDING(output_bin.Get()) == GST_STATE_VOID_PENDING;
   GST_OBJECT_UNLOCK(output_bin.Get());
   return !plays;
 }

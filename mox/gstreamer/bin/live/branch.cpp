@@ -113,13 +113,13 @@ class UnlimitedQueue {
 // where other outputs may wait for it while it waits for the buffers that they hold up.
 class NoPreroll {
  public:
-  explicit NoPreroll(GstElement& output) {
-    Collect(output);
-    if (GST_IS_BIN(&output)) {
-      ForEach<GstElement>(gst_bin_iterate_recurse(GST_BIN(&output)), [this](GstElement& element) {
-        Collect(element);
-        return true;
-      });
+  explicit NoPreroll(const Ptr<GstElement>& output) {
+    auto elements = GST_IS_BIN(output.Get()) ? Collect<GstElement>(gst_bin_iterate_recurse(GST_BIN(output.Get())))
+                                             : std::vector<Ptr<GstElement>>{output};
+    for (auto& element : elements) {
+      if (GST_IS_BASE_SINK(element.Get()) && gst_base_sink_is_async_enabled(GST_BASE_SINK(element.Get()))) {
+        sinks_.push_back(std::move(element));
+      }
     }
     Set(FALSE);
   }
@@ -128,12 +128,6 @@ class NoPreroll {
   ~NoPreroll() { Set(TRUE); }
 
  private:
-  void Collect(GstElement& element) {
-    if (GST_IS_BASE_SINK(&element) && gst_base_sink_is_async_enabled(GST_BASE_SINK(&element))) {
-      sinks_.emplace_back(GST_ELEMENT(gst_object_ref(&element)));
-    }
-  }
-
   void Set(gboolean prerolls) {
     for (const auto& sink : sinks_) {
       gst_base_sink_set_async_enabled(GST_BASE_SINK(sink.Get()), prerolls);
@@ -143,16 +137,16 @@ class NoPreroll {
   std::vector<Ptr<GstElement>> sinks_;
 };
 
-void Start(GstElement& output) {
+void Start(const Ptr<GstElement>& output) {
   const NoPreroll no_preroll(output);
-  Sync(output);
+  Sync(*output);
 }
 
 // Starts a branch again whose output refused to stop. Returns false if it cannot run any more.
 bool Restart(const Branch& branch) noexcept {
   try {
     // The output first: in PAUSED it keeps a buffer, and the queue could not stop.
-    Start(*branch.back());
+    Start(branch.back());
     check::element::SetNullState(*branch.front(), kElementError);
     Sync(*branch.front());
     return true;
@@ -232,7 +226,7 @@ void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
   Add(outputBin, branch.back());
   try {
     Add(outputBin, branch.front());
-    Start(output);
+    Start(branch.back());
     Sync(queue);
     lock.reset();
     check::element::LinkElement(queue, output, kElementError);
@@ -249,7 +243,7 @@ void AttachPlaceholder(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>
   {
     const StateLock lock(*GST_ELEMENT(&outputBin));
     Add(outputBin, placeholder);
-    Start(*placeholder);
+    Start(placeholder);
   }
   BlockedTee blocked(tee, Waits::Of(outputBin));
   blocked.WaitUnlessStopped();

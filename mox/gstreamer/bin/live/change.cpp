@@ -76,7 +76,7 @@ void Attempt(const Step& step) noexcept {
 }
 
 // Makes the change on the drained filter bin and leaves the bin running, even if the change fails.
-void ChangeDrained(GstBin& filterBin, GstPad& feeding, const Change& change) {
+void ChangeDrained(GstBin& filterBin, GstPad& feeding, GstPad& sink, const Change& change) {
   GstElement& element = *GST_ELEMENT(&filterBin);
   // A pipeline that is still starting must not start the bin in the middle of the change.
   const StateLock lock(element);
@@ -84,7 +84,7 @@ void ChangeDrained(GstBin& filterBin, GstPad& feeding, const Change& change) {
     check::element::SetNullState(element, kElementError);
     change.make();
     Sync(element);
-    CheckFlowingCaps(feeding, change.named);
+    CheckFlowingCaps(feeding, sink, change.named);
   } catch (...) {
     const auto error = std::current_exception();
     Attempt([&] {
@@ -99,14 +99,14 @@ void ChangeDrained(GstBin& filterBin, GstPad& feeding, const Change& change) {
 // Lets data flow again through filters that refused to stop.
 void Reopen(GstBin& filterBin, GstPad& feeding, GstPad& sink, GstPad& source) {
   // A bin deactivates its source pads before its children refuse, and does not activate them again.
-  const auto activate = [](GstPad& pad) { return gst_pad_set_active(&pad, TRUE) != FALSE; };
-  activate(source);
-  ForEach<GstElement>(gst_bin_iterate_elements(&filterBin), [&](GstElement& filter) {
-    if (GST_IS_BIN(&filter)) {
-      ForEach<GstPad>(gst_element_iterate_src_pads(&filter), activate);
+  gst_pad_set_active(&source, TRUE);
+  for (const auto& filter : Collect<GstElement>(gst_bin_iterate_elements(&filterBin))) {
+    for (const auto& pad : Collect<GstPad>(gst_element_iterate_src_pads(filter.Get()))) {
+      if (GST_IS_BIN(filter.Get())) {
+        gst_pad_set_active(pad.Get(), TRUE);
+      }
     }
-    return true;
-  });
+  }
   // The filters still have the EOS on their pads. Only a stream-start event removes it.
   if (const Ptr<GstEvent> start(gst_pad_get_sticky_event(&feeding, GST_EVENT_STREAM_START, 0)); start) {
     gst_pad_send_event(&sink, gst_event_copy(start.Get()));
@@ -130,7 +130,7 @@ void RunDrained(GstBin& filterBin, const std::shared_ptr<Waits>& waits, const Ch
   std::exception_ptr error;
   try {
     Drain(*sink, *source, waits);
-    ChangeDrained(filterBin, *feeding, change);
+    ChangeDrained(filterBin, *feeding, *sink, change);
   } catch (...) {
     error = std::current_exception();
     Reopen(filterBin, *feeding, *sink, *source);

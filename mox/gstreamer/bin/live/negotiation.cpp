@@ -6,6 +6,7 @@
 #include "mox/gstreamer/check/pad.h"
 #include "mox/gstreamer/name.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -34,14 +35,10 @@ Ptr<GstTask> GetTask(GstPad& pad) {
 }
 
 std::vector<Ptr<GstPad>> GetLinkedSinks(GstElement& element) {
-  std::vector<Ptr<GstPad>> linked;
-  ForEach<GstPad>(gst_element_iterate_sink_pads(&element), [&](GstPad& sink) {
-    if (gst_pad_is_linked(&sink)) {
-      linked.emplace_back(GST_PAD(gst_object_ref(&sink)));
-    }
-    return true;
-  });
-  return linked;
+  auto sinks = Collect<GstPad>(gst_element_iterate_sink_pads(&element));
+  const auto is_unlinked = [](const Ptr<GstPad>& sink) { return !gst_pad_is_linked(sink.Get()); };
+  sinks.erase(std::remove_if(sinks.begin(), sinks.end(), is_unlinked), sinks.end());
+  return sinks;
 }
 
 /** The task whose thread pushes what comes to a pad, and the pad of its element that it comes from. */
@@ -117,10 +114,15 @@ bool AcceptsCaps(GstPad& sink, GstCaps& caps) {
   return !gst_caps_is_empty(accepted.Get());
 }
 
-void CheckFlowingCaps(GstPad& feeding, GstElement& changed) {
+void CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
+  // Usually nothing needs to be converted in another way. To ask the converter costs as much as all the rest.
+  const Ptr<GstCaps> converted(gst_pad_get_current_caps(check::pad::GetPeer(sink, kPadError).Get()));
+  if (converted && AcceptsCaps(sink, *converted)) {
+    return;
+  }
   const Ptr<GstCaps> flowing(gst_pad_get_current_caps(&feeding));
-  const auto sink = check::pad::GetPeer(feeding, kPadError);
-  if (flowing && !AcceptsCaps(*sink, *flowing) && !CanRenegotiate(feeding, *sink)) {
+  const auto fed = check::pad::GetPeer(feeding, kPadError);
+  if (flowing && !AcceptsCaps(*fed, *flowing) && !CanRenegotiate(feeding, *fed)) {
     FailToLink(*check::pad::GetParentElement(feeding, kPadError), changed);
   }
 }

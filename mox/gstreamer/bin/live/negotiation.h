@@ -23,12 +23,12 @@ bool HasStreamEnded(GstPad& feeding);
 bool AcceptsCaps(GstPad& sink, GstCaps& caps);
 
 /**
- * Checks that the caps that flow at the feeding pad pass through the changed elements, or that their source can
- * renegotiate. Otherwise the next buffer would end the stream with not-negotiated.
+ * Checks that the caps that flow at the feeding pad can be converted for the filter bin's `sink`, or that their source
+ * can renegotiate. Otherwise the next buffer would end the stream with not-negotiated.
  *
  * @throws std::runtime_error that names the feeding element and `changed`
  */
-void CheckFlowingCaps(GstPad& feeding, GstElement& changed);
+void CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed);
 
 /**
  * Checks that upstream, the branches of the tee and a new branch have caps in common. A tee links a branch without
