@@ -83,8 +83,18 @@ GstFlowReturn TransformFrame(GstVideoFilter* filter, GstVideoFrame* frame) noexc
   return GST_FLOW_OK;
 }
 
+// Neither a class nor an instance can refuse to be initialised, so without memory the program ends, as GLib has it.
+template <typename Step>
+void InitializeOrAbort(const Step& step) noexcept {
+  try {
+    step();
+  } catch (const std::exception& error) {
+    g_error("Could not initialise moxlevels: %s", error.what());
+  }
+}
+
 void InitializeInstance(GTypeInstance* instance, gpointer /*klass*/) noexcept {
-  new (&StateOf(instance)) State;
+  InitializeOrAbort([&] { new (&StateOf(instance)) State; });
 }
 
 void Finalize(GObject* object) noexcept {
@@ -97,7 +107,7 @@ void InitializeClass(gpointer klass, gpointer /*data*/) noexcept {
   object->set_property = SetProperty;
   object->get_property = GetProperty;
   object->finalize = Finalize;
-  Settings().binder.InstallProperties(object);
+  InitializeOrAbort([&] { Settings().binder.InstallProperties(object); });
   g_signal_new_class_handler("describe", G_TYPE_FROM_CLASS(klass),
                              static_cast<GSignalFlags>(G_SIGNAL_RUN_LAST | G_SIGNAL_ACTION), G_CALLBACK(Describe),
                              nullptr, nullptr, nullptr, G_TYPE_STRING, 0);

@@ -71,8 +71,9 @@ class PadProbe::Impl {
     ProbeData* const handed_over = data.release();
     id_ = gst_pad_add_probe(pad_, type, ProbeCallback, handed_over, DataDestroyNotify);
     if (id_ == 0) {
-      // A refused probe leaves the data behind; that of an idle probe that ran and asked to be removed is GStreamer's.
-      if ((type & GST_PAD_PROBE_TYPE_IDLE) == 0) {
+      // The data of a refused probe is still there and shares the result. That of an idle probe which ran and asked to
+      // be removed is gone.
+      if (result_.use_count() > 1) {
         DataDestroyNotify(handed_over);
       }
       std::ostringstream message;

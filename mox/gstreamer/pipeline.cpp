@@ -143,6 +143,9 @@ class Pipeline::Impl {
         throw;
       }
     }
+    if (target == GST_STATE_NULL) {
+      ForgetStreams();
+    }
     // As a whole, so that all elements share one base time; then each bin for itself, which tells what fails.
     gst_element_set_state(&pipeline, target);
     for (GstElement* const bin : GetBins()) {
@@ -229,7 +232,7 @@ class Pipeline::Impl {
     // stream may have failed.
     const bool is_late =
         gst_util_seqnum_compare(gst_message_get_seqnum(const_cast<GstMessage*>(&message)), stopped_at_) <= 0;
-    if (enable_ || (!is_late && !HasFailed(*GST_ELEMENT(pipeline_.Get())))) {
+    if (enable_ || (!is_late && !start_failed_)) {
       state_ = State::Playing;
     }
   }
@@ -263,14 +266,8 @@ class Pipeline::Impl {
   } catch (...) {  // NOLINT(bugprone-empty-catch): there is no memory, and nobody to tell
   }
 
-  // The state that the pipeline is to have, as this class or the program set it last. A start that failed does not
-  // count.
-  GstState GetTarget() const {
-    if (!enable_ && state_ == State::Stopped && HasFailed(*GST_ELEMENT(pipeline_.Get()))) {
-      return GST_STATE_NULL;
-    }
-    return GST_STATE_TARGET(pipeline_.Get());
-  }
+  // The state that the pipeline is to have, as this class or the program set it last.
+  GstState GetTarget() const { return start_failed_ ? GST_STATE_NULL : GST_STATE_TARGET(pipeline_.Get()); }
 
   void Start() {
     if (!bin::input::GetInput(InputBin())) {
@@ -290,6 +287,7 @@ class Pipeline::Impl {
     }
     const auto result =
         gst_element_set_state(GST_ELEMENT(pipeline_.Get()), enable ? GST_STATE_PLAYING : GST_STATE_NULL);
+    start_failed_ = enable && result == GST_STATE_CHANGE_FAILURE;
     switch (result) {
       case GST_STATE_CHANGE_SUCCESS:
         state_ = done;
@@ -304,8 +302,14 @@ class Pipeline::Impl {
     }
     enable_ = enable;
     if (!enable) {
-      stopped_at_ = gst_util_seqnum_next();
+      ForgetStreams();
     }
+  }
+
+  // The pipeline is stopped. A message that tells of the start of a stream before is late.
+  void ForgetStreams() {
+    start_failed_ = false;
+    stopped_at_ = gst_util_seqnum_next();
   }
 
   void StopBins() {
@@ -326,7 +330,7 @@ class Pipeline::Impl {
     if (target == GST_STATE_NULL) {
       const auto blocked_eos = BlockEos(FilterBin());
       gst_element_set_state(&pipeline, GST_STATE_NULL);
-      stopped_at_ = gst_util_seqnum_next();
+      ForgetStreams();
       return;
     }
     for (GstElement* const bin : GetBins()) {
@@ -374,6 +378,7 @@ class Pipeline::Impl {
   type::Binding on_latency_;
   State state_ = State::Stopped;
   bool enable_ = false;
+  bool start_failed_ = false;
   mutable std::mutex mutex_;
   // When the pipeline was last stopped, in the numbers that GStreamer gives to events and messages one after the other.
   guint32 stopped_at_ = gst_util_seqnum_next();

@@ -33,6 +33,25 @@ TEST_F(Bins, HandlesCountExactlyAndNeverSink) {
             "The GStreamer pointer was not the correct type.");
 }
 
+struct Base {
+  GstMiniObject object;
+};
+struct Derived {
+  Base base;
+  int more;
+};
+
+TEST_F(Bins, HandlesCountStructsThatStartWithAMiniObject) {
+  auto* const derived = g_new0(Derived, 1);
+  const auto free = [](GstMiniObject* object) { g_free(object); };
+  gst_mini_object_init(&derived->base.object, 0, GST_TYPE_CAPS, nullptr, nullptr, free);
+  const Ptr<Derived> owner(derived);
+  const Ptr<Derived> copy(owner);
+  EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(derived), 2);
+  EXPECT_FALSE(Ptr<GstTocEntry>());
+  EXPECT_FALSE(Ptr<GstDeviceProviderFactory>());
+}
+
 TEST_F(Bins, FailuresAreTold) {
   // A view into a longer text: what follows it must not be read.
   const auto prefix = boost::string_view("Bin Error: and more").substr(0, 11);

@@ -152,6 +152,7 @@ class Watch {
     lost += number > expected ? number - expected : 0;
     misplaced += number < expected ? 1 : 0;
     next_ = number + 1;
+    was_flushed_ = false;
     ++frames;
   }
 
@@ -160,13 +161,16 @@ class Watch {
     eos += GST_EVENT_TYPE(&event) == GST_EVENT_EOS ? 1 : 0;
     if (Starts(event, stream_)) {
       misplaced += stream_ < before ? 1 : 0;
-      next_ = before == 0 ? GST_BUFFER_OFFSET_NONE : 0;
+      next_ = before == 0 || was_flushed_ ? GST_BUFFER_OFFSET_NONE : 0;
     } else if (GST_EVENT_TYPE(&event) == GST_EVENT_FLUSH_STOP) {
-      next_ = GST_BUFFER_OFFSET_NONE;  // a flush discards frames
+      // Frames have been discarded, maybe the first ones of a stream whose start is still to come.
+      was_flushed_ = true;
+      next_ = GST_BUFFER_OFFSET_NONE;
     }
   }
 
   guint stream_ = 0;  // of the streaming thread
+  std::atomic<bool> was_flushed_ = false;
   std::atomic<guint64> next_ = GST_BUFFER_OFFSET_NONE;
   Ptr<GstPad> pad_;
   gulong probe_ = 0;

@@ -257,12 +257,10 @@ TEST_F(Live, ProbesDoNotPileUpWhileAnOutputWaitsForItsPreroll) {
   stream.pipeline.AddOutputs({Parse("valve drop=true ! fakesink")});
   stream.pipeline.SetEnable(true);
   stream.watch.AwaitFrames(1);
-  AddAndEraseFilter(stream.pipeline, "edgetv");
-  const int before = CountProbes(stream);
   for (int i = 0; i < 50; ++i) {
     AddAndEraseFilter(stream.pipeline, i % 2 == 0 ? "edgetv" : "identity");
   }
-  EXPECT_EQ(CountProbes(stream), before);
+  EXPECT_LE(CountProbes(stream), 2) << "more than one at each output's queue";
 }
 
 GstState SettledState(Pipeline& pipeline) {

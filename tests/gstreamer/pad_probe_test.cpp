@@ -55,6 +55,14 @@ TEST_F(PadProbeTest, AnswersOnceAndMovesAndRefuses) {
   g_test_assert_expected_messages();
 }
 
+TEST_F(PadProbeTest, ARefusedIdleProbeReleasesItsCallback) {
+  auto& no_pad = reinterpret_cast<GstPad&>(*harness->element);
+  g_test_expect_message("GStreamer", G_LOG_LEVEL_CRITICAL, "gst_pad_add_probe: assertion*");
+  EXPECT_THROW(PadProbe(no_pad, GST_PAD_PROBE_TYPE_IDLE, [token = token](auto&...) { return GST_PAD_PROBE_OK; }),
+               std::runtime_error);
+  g_test_assert_expected_messages();
+}
+
 TEST_F(PadProbeTest, DestroyedWhileItsCallbackRuns) {
   std::promise<void> entered;
   std::promise<void> gate;

@@ -50,18 +50,19 @@ struct MiniObjectReference {
   ///@}
 };
 
-/** How `Ptr` counts references to a `T`: as a GstObject, unless its first member tells that it is a mini object. */
+/** Whether a `T` starts with a GstMiniObject, or with a struct that does. */
+///@{
 template <typename T, typename = void>
-struct Reference : ObjectReference<T> {
+struct StartsWithMiniObject : std::false_type {};
+template <typename T>
+struct StartsWithMiniObject<T, std::void_t<decltype(T{std::declval<GstMiniObject>()})>> : std::true_type {};
+///@}
+
+/** How `Ptr` counts references to a `T`: as a mini object if it starts with one, else as a GstObject. */
+template <typename T>
+struct Reference : std::conditional_t<StartsWithMiniObject<T>::value, MiniObjectReference<T>, ObjectReference<T>> {
   static_assert(sizeof(T) != 0, "The kind of an opaque type must be told by a specialisation");
 };
-
-template <typename T>
-struct Reference<T, std::enable_if_t<std::is_same_v<decltype(T::mini_object), GstMiniObject>>>
-    : MiniObjectReference<T> {};
-
-template <>
-struct Reference<GstMiniObject> : MiniObjectReference<GstMiniObject> {};
 
 template <>
 struct Reference<GstContext> : MiniObjectReference<GstContext> {};
@@ -82,6 +83,9 @@ template <>
 struct Reference<GstToc> : MiniObjectReference<GstToc> {};
 
 template <>
+struct Reference<GstTocEntry> : MiniObjectReference<GstTocEntry> {};
+
+template <>
 struct Reference<GstUri> : MiniObjectReference<GstUri> {};
 
 template <>
@@ -95,6 +99,18 @@ struct Reference<GstElementFactory> : ObjectReference<GstElementFactory> {};
 
 template <>
 struct Reference<GstTypeFindFactory> : ObjectReference<GstTypeFindFactory> {};
+
+template <>
+struct Reference<GstDeviceProviderFactory> : ObjectReference<GstDeviceProviderFactory> {};
+
+template <>
+struct Reference<GstDynamicTypeFactory> : ObjectReference<GstDynamicTypeFactory> {};
+
+template <>
+struct Reference<GstTracerRecord> : ObjectReference<GstTracerRecord> {};
+
+template <>
+struct Reference<GstTracerFactory> : ObjectReference<GstTracerFactory> {};
 
 /**
  * Owns one reference to a GstObject or GstMiniObject, or nothing.

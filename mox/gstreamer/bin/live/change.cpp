@@ -123,6 +123,7 @@ void RunDrained(GstBin& filterBin, const std::shared_ptr<Waits>& waits, const Ch
   const BlockedPad blocked(*feeding, waits);
   waits->Until([&] { return blocked.IsBlocked() || HasStreamEnded(*feeding); });
   if (!blocked.IsBlocked()) {
+    waits->Check();  // a change that a stop has ended may have ended the stream
     throw std::runtime_error("Cannot change the filters because the stream has ended");
   }
 

@@ -35,6 +35,13 @@ void Waits::Until(const std::function<bool()>& condition) {
   }
 }
 
+void Waits::Check() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (stops_ > 0) {
+    throw Stopped();
+  }
+}
+
 void Flag::Raise() {
   const std::lock_guard<std::mutex> lock(waits_->mutex_);
   raised_ = true;

@@ -30,6 +30,9 @@ class Waits {
    */
   void Until(const std::function<bool()>& condition);
 
+  /** @throws Stopped if a stop is requested */
+  void Check();
+
  private:
   friend class Flag;
   friend class StopRequest;
