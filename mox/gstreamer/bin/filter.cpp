@@ -2,7 +2,6 @@
 
 #include "mox/gstreamer/bin/element.h"
 #include "mox/gstreamer/bin/live/change.h"
-#include "mox/gstreamer/bin/live/wait.h"
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/name.h"
@@ -135,16 +134,13 @@ namespace {
 using Change = std::function<void(GstBin&, Filters)>;
 
 // Puts back the chain that was there before a change, whatever the failed change has left.
-void Restore(GstBin& filterBin, const Filters& before, const Filters& added) {
+void Restore(GstBin& filterBin, const Filters& before) {
   const auto sink_filter = GetEnd(filterBin, kSinkFilter);
   const auto source_filter = GetEnd(filterBin, kSourceFilter);
   gst_element_unlink(sink_filter.Get(), source_filter.Get());
-  for (const Filters* filters : {&before, &added}) {
-    for (const auto& filter : *filters) {
-      if (filter && filter != sink_filter && filter != source_filter &&
-          GST_OBJECT_PARENT(filter.Get()) == GST_OBJECT_CAST(&filterBin)) {
-        check::bin::RemoveElement(filterBin, *filter, kBinError);
-      }
+  for (const auto& element : Collect<GstElement>(gst_bin_iterate_elements(&filterBin))) {
+    if (element != sink_filter && element != source_filter) {
+      check::bin::RemoveElement(filterBin, *element, kBinError);
     }
   }
   SetFilters(filterBin, before);
@@ -162,12 +158,12 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
   // A change that raised after it closed the chain itself stands.
   const auto undo = [&] {
     if (!raised || !IsClosed(*GetEnd(filterBin, kSinkFilter))) {
-      Restore(filterBin, before, filters);
+      Restore(filterBin, before);
     }
   };
   GstElement& named = filters.empty() || !filters.front() ? *GST_ELEMENT(&filterBin) : *filters.front();
   try {
-    live::RunDrained(filterBin, live::Waits::Of(filterBin), {make, undo, named});
+    live::RunDrained(filterBin, {filterBin, named, make, undo});
   } catch (const live::Stopped&) {
     throw std::runtime_error("Cannot change the filters because the pipeline is being stopped");
   }

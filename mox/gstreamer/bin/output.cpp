@@ -2,7 +2,7 @@
 
 #include "mox/gstreamer/bin/element.h"
 #include "mox/gstreamer/bin/live/branch.h"
-#include "mox/gstreamer/bin/live/wait.h"
+#include "mox/gstreamer/bin/live/change.h"
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/pad.h"
@@ -45,7 +45,7 @@ void AddOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& elemen
     live::Attach(outputBin, tee, {check::element::Make("queue", nullptr, kElementError), element});
   } catch (const live::Stopped&) {
     if (is_first) {
-      live::AttachPlaceholder(outputBin, tee, MakeDummy());
+      live::Attach(outputBin, tee, {MakeDummy()});
     }
     throw;
   }
@@ -60,7 +60,7 @@ void EraseOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& elem
   }
   live::Detach(outputBin, tee, {found->queue, found->element});
   if (outputs.size() == 1) {
-    live::AttachPlaceholder(outputBin, tee, MakeDummy());
+    live::Attach(outputBin, tee, {MakeDummy()});
   }
 }
 

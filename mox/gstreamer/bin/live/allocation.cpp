@@ -1,6 +1,7 @@
 #include "mox/gstreamer/bin/live/allocation.h"
 
 #include "mox/gstreamer/bin/element.h"
+#include "mox/gstreamer/bin/live/change.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/pad.h"
 #include "mox/gstreamer/pad_probe.h"
@@ -12,8 +13,6 @@
 
 namespace mox::gstreamer::bin::live {
 namespace {
-
-constexpr auto kSlice = std::chrono::milliseconds(10);
 
 /** What the sink pad of a queue keeps. Used by the one streaming thread that reaches the pad. */
 struct Allocation {

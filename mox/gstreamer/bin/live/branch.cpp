@@ -4,13 +4,11 @@
 #include "mox/gstreamer/bin/live/allocation.h"
 #include "mox/gstreamer/bin/live/change.h"
 #include "mox/gstreamer/bin/live/negotiation.h"
-#include "mox/gstreamer/bin/live/probe.h"
-#include "mox/gstreamer/bin/live/wait.h"
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/pad_probe.h"
 
-#include <memory>
 #include <optional>
 #include <utility>
 
@@ -22,6 +20,9 @@ namespace {
 Ptr<GstPad> GetSink(GstElement& element) {
   return check::element::GetPad(element, "sink", kElementError);
 }
+
+constexpr auto kIdleOrBlocked =
+    static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
 
 // Returns true if the sink has received every sticky event that was sent to it.
 bool HasAllEvents(GstPad& source, GstPad& sink) {
@@ -50,42 +51,33 @@ bool HasAllEvents(GstPad& source, GstPad& sink) {
 // and is not waited for, because it may stay long in the queue of a slow output.
 class BlockedTee {
  public:
-  BlockedTee(GstElement& tee, const std::shared_ptr<Waits>& waits)
-      : waits_(waits),
-        blocked_(std::make_shared<Flag>(waits)),
-        sink_(GetSink(tee)),
+  /** What a stop of the pipeline does to the wait. Once it has begun, an event that fails does no harm. */
+  enum class OnStop { Raise, GoOn };
+
+  BlockedTee(GstBin& outputBin, GstElement& tee, OnStop on_stop)
+      : sink_(GetSink(tee)),
         entrance_(check::pad::GetPeer(*sink_, kPadError)),
-        probe_(*entrance_, GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
-               [blocked = blocked_](GstPadProbeInfo&) {
-                 blocked->Raise();
-                 return GST_PAD_PROBE_OK;
-               }) {}
-
-  /** Blocks until no event is passing. @throws Stopped */
-  void Wait() {
-    if (!HasAllEvents(*entrance_, *sink_)) {
-      waits_->Until([&] { return blocked_->IsRaised(); });
-    }
-  }
-
-  /** `Wait`, but goes on if the pipeline is being stopped: then an event that fails does no harm. */
-  void WaitUnlessStopped() {
+        probe_(*entrance_, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; }) {
     try {
-      Wait();
-    } catch (const Stopped&) {  // NOLINT(bugprone-empty-catch)
+      if (!HasAllEvents(*entrance_, *sink_)) {
+        Await(outputBin, probe_.GetFuture());
+      }
+    } catch (const Stopped&) {
+      if (on_stop == OnStop::Raise) {
+        throw;
+      }
     }
   }
 
-  /** The caps that flow, those of a blocked caps event included; empty if there are none yet. */
+  /** Returns the caps that flow, those of a blocked caps event included; empty if there are none yet. */
   Ptr<GstCaps> GetCaps() const { return Ptr<GstCaps>(gst_pad_get_current_caps(entrance_.Get())); }
 
  private:
-  std::shared_ptr<Waits> waits_;
-  std::shared_ptr<Flag> blocked_;
   Ptr<GstPad> sink_;
   Ptr<GstPad> entrance_;
-  ScopedProbe probe_;
+  PadProbe probe_;
 };
+using OnStop = BlockedTee::OnStop;
 
 // Lifts the limits of a queue, so that a push that waits for a slow output returns at once.
 class UnlimitedQueue {
@@ -108,6 +100,16 @@ class UnlimitedQueue {
   guint bytes_ = 0;
   guint64 time_ = 0;
 };
+
+// Waits until nothing is passing the pad of the tee that leads to the branch.
+void WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch) {
+  std::optional<UnlimitedQueue> unlimited;
+  if (branch.size() > 1) {
+    unlimited.emplace(*branch.front());
+  }
+  PadProbe idle(pad, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+  Await(outputBin, idle.GetFuture());
+}
 
 // Lets the sinks of an output start without preroll. A sink that prerolls takes the whole pipeline back to PAUSED,
 // where other outputs may wait for it while it waits for the buffers that they hold up.
@@ -192,13 +194,11 @@ Ptr<GstElement> GetFilterBin(GstBin& outputBin) {
 }
 
 // Links a running branch to the tee.
-void Join(GstBin& outputBin, GstElement& tee, GstElement& first) {
-  const auto waits = Waits::Of(outputBin);
+void Join(GstBin& outputBin, GstElement& tee, GstElement& first, OnStop on_stop) {
   const auto filter_bin = GetFilterBin(outputBin);
   const auto link = [&] { check::element::LinkElement(tee, first, kElementError); };
   {
-    BlockedTee blocked(tee, waits);
-    blocked.Wait();
+    const BlockedTee blocked(outputBin, tee, on_stop);
     const auto caps = blocked.GetCaps();
     // Another branch may just have ruled out the caps that flow.
     const bool accepted = caps && AcceptsCaps(*GetSink(tee), *caps) && AcceptsCaps(*GetSink(first), *caps);
@@ -212,58 +212,45 @@ void Join(GstBin& outputBin, GstElement& tee, GstElement& first) {
   }
   // The stream renegotiates. What is inside the filters still has the old caps, and they would rather end the stream
   // than push it where it is not accepted.
-  RunDrained(*GST_BIN(filter_bin.Get()), waits, {link, [&] { Unlink(tee, first); }, first});
+  RunDrained(*GST_BIN(filter_bin.Get()), {outputBin, first, link, [&] { Unlink(tee, first); }});
 }
 
 }  // namespace
 
 void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
-  GstElement& queue = *branch.front();
-  GstElement& output = *branch.back();
-  LetAllocationOvertake(queue);
+  const auto& first = branch.front();
+  const auto& last = branch.back();
+  const bool is_placeholder = first == last;
   // A pipeline that is still starting must find the branch either not yet there or running.
   std::optional<StateLock> lock(*GST_ELEMENT(&outputBin));
-  Add(outputBin, branch.back());
+  Add(outputBin, last);
   try {
-    Add(outputBin, branch.front());
-    Start(branch.back());
-    Sync(queue);
+    Start(last);
+    if (!is_placeholder) {
+      LetAllocationOvertake(*first);
+      Add(outputBin, first);
+      Sync(*first);
+    }
     lock.reset();
-    check::element::LinkElement(queue, output, kElementError);
-    Join(outputBin, tee, queue);
+    if (!is_placeholder) {
+      check::element::LinkElement(*first, *last, kElementError);
+    }
+    Join(outputBin, tee, *first, is_placeholder ? OnStop::GoOn : OnStop::Raise);
   } catch (...) {
     lock.emplace(*GST_ELEMENT(&outputBin));
-    TakeOut(outputBin, output);
-    TakeOut(outputBin, queue);
+    TakeOut(outputBin, *last);
+    TakeOut(outputBin, *first);
     throw;
   }
 }
 
-void AttachPlaceholder(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& placeholder) {
-  {
-    const StateLock lock(*GST_ELEMENT(&outputBin));
-    Add(outputBin, placeholder);
-    Start(placeholder);
-  }
-  BlockedTee blocked(tee, Waits::Of(outputBin));
-  blocked.WaitUnlessStopped();
-  check::element::LinkElement(tee, *placeholder, kElementError);
-}
-
 void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
-  const auto waits = Waits::Of(outputBin);
   const auto pad = check::pad::GetPeer(*GetSink(*branch.front()), kPadError);
   std::optional<StateLock> lock;
   bool runs = true;
   StartDropping(*pad);
   try {
-    {
-      std::optional<UnlimitedQueue> unlimited;
-      if (branch.size() > 1) {
-        unlimited.emplace(*branch.front());
-      }
-      WaitUntilIdle(*pad, waits);
-    }
+    WaitUntilIdle(outputBin, *pad, branch);
     lock.emplace(*GST_ELEMENT(&outputBin));
     runs = false;
     for (auto element = branch.rbegin(); element != branch.rend(); ++element) {
@@ -276,8 +263,7 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
     throw;
   }
 
-  BlockedTee blocked(tee, waits);
-  blocked.WaitUnlessStopped();
+  const BlockedTee blocked(outputBin, tee, OnStop::GoOn);
   gst_element_unlink(branch.front().Get(), branch.back().Get());
   Unlink(tee, *branch.front());
   for (auto element = branch.rbegin(); element != branch.rend(); ++element) {

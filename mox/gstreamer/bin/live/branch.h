@@ -18,12 +18,9 @@ using Branch = std::vector<Ptr<GstElement>>;
  * drained and renegotiates. A branch that fails is taken out of the bin again, in NULL.
  *
  * @throws std::runtime_error if an element cannot be added, started or linked; or what `RunDrained` raises
- * @throws Stopped if the pipeline is stopped meanwhile
+ * @throws Stopped if the pipeline is stopped meanwhile, unless the branch is the placeholder
  */
 void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch);
-
-/** Attaches a branch that accepts all caps. Waits for nothing once the pipeline is being stopped. */
-void AttachPlaceholder(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& placeholder);
 
 /**
  * Stops the branch, unlinks it, releases its request pad and takes it out of the bin. The other branches lose nothing.

@@ -8,45 +8,69 @@
 #include "mox/gstreamer/check/pad.h"
 #include "mox/gstreamer/pad_probe.h"
 
-#include <exception>
+#include <atomic>
+#include <memory>
 #include <stdexcept>
 
 namespace mox::gstreamer::bin::live {
 namespace {
 
+constexpr auto kStops = "mox-stops";
+
 // Blocks a pad with the next item that a streaming thread brings. The thread stays in the probe until the change is
 // made, because its stream lock keeps the end of a flush from starting threads of filters that are just being stopped.
 class BlockedPad {
  public:
-  BlockedPad(GstPad& pad, const std::shared_ptr<Waits>& waits)
-      : blocked_(std::make_shared<Flag>(waits)),
-        changed_(std::make_shared<Flag>(waits)),
-        probe_(pad, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
-               [blocked = blocked_, changed = changed_](GstPad&, GstPadProbeInfo&) {
-                 blocked->Raise();
-                 changed->Wait();
+  explicit BlockedPad(GstPad& pad)
+      : probe_(pad, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
+               [blocked = blocked_, changed = changed_.get_future().share()](GstPad&, GstPadProbeInfo&) {
+                 blocked->set_value();
+                 changed.wait();
                  return GST_PAD_PROBE_OK;
                }) {}
   BlockedPad(const BlockedPad&) = delete;
   BlockedPad& operator=(const BlockedPad&) = delete;
-  ~BlockedPad() { changed_->Raise(); }
+  ~BlockedPad() { changed_.set_value(); }
 
-  bool IsBlocked() const noexcept { return blocked_->IsRaised(); }
+  std::future<void> GetBlocked() { return blocked_->get_future(); }
 
  private:
-  std::shared_ptr<Flag> blocked_;
-  std::shared_ptr<Flag> changed_;
+  const std::shared_ptr<std::promise<void>> blocked_ = std::make_shared<std::promise<void>>();
+  std::promise<void> changed_;
   PadProbe probe_;
+};
+
+// Waits until the pad is blocked. @throws std::runtime_error if nothing will reach it any more
+void AwaitItem(GstBin& changed, GstPad& feeding, BlockedPad& block) {
+  const auto blocked = block.GetBlocked();
+  while (blocked.wait_for(kSlice) != std::future_status::ready) {
+    CheckStop(changed);
+    if (HasStreamEnded(feeding)) {
+      throw std::runtime_error("Cannot change the filters because the stream has ended");
+    }
+  }
+}
+
+/** The end of a drain, shared with the probes, which may outlast it. */
+struct Drained {
+  void Raise() {
+    if (!raised.exchange(true)) {
+      promise.set_value();
+    }
+  }
+
+  std::atomic<bool> raised = false;
+  std::promise<void> promise;
 };
 
 // Sends an EOS through the filter bin and drops it where it leaves the bin, behind the last of the data. A flush ends
 // the drain too, because it discards the data and the EOS.
-void Drain(GstPad& sink, GstPad& source, const std::shared_ptr<Waits>& waits) {
+void Drain(GstBin& changed, GstPad& sink, GstPad& source) {
   // Without a segment no buffer has come. There is nothing to drain, and some filters would keep the EOS.
   if (!Ptr<GstEvent>(gst_pad_get_sticky_event(&sink, GST_EVENT_SEGMENT, 0))) {
     return;
   }
-  const auto drained = std::make_shared<Flag>(waits);
+  const auto drained = std::make_shared<Drained>();
   const ScopedProbe eos(source, GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
                         [drained](GstPadProbeInfo& info) {
                           // A filter may push events of its own first.
@@ -62,7 +86,7 @@ void Drain(GstPad& sink, GstPad& source, const std::shared_ptr<Waits>& waits) {
   });
   // A bin that refuses the EOS is open, has failed or is flushing, and has nothing left to drain.
   if (gst_pad_send_event(&sink, check::event::MakeEos("Event Error: ").Ref())) {
-    waits->Until([&] { return drained->IsRaised(); });
+    Await(changed, drained->promise.get_future());
   }
 }
 
@@ -115,22 +139,29 @@ void Reopen(GstBin& filterBin, GstPad& feeding, GstPad& sink, GstPad& source) {
 
 }  // namespace
 
-void RunDrained(GstBin& filterBin, const std::shared_ptr<Waits>& waits, const Change& change) {
+void StopRequest::Count(int more) {
+  auto* const bin = G_OBJECT(&bin_);
+  GST_OBJECT_LOCK(bin);
+  g_object_set_data(bin, kStops, GINT_TO_POINTER(GPOINTER_TO_INT(g_object_get_data(bin, kStops)) + more));
+  GST_OBJECT_UNLOCK(bin);
+}
+
+void CheckStop(GstBin& bin) {
+  if (g_object_get_data(G_OBJECT(&bin), kStops) != nullptr) {
+    throw Stopped();
+  }
+}
+
+void RunDrained(GstBin& filterBin, const Change& change) {
   const auto feeding = FindFeedingPad(filterBin);
   const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
   const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", kElementError);
+  BlockedPad block(*feeding);
+  AwaitItem(change.changed, *feeding, block);
 
-  const BlockedPad blocked(*feeding, waits);
-  waits->Until([&] { return blocked.IsBlocked() || HasStreamEnded(*feeding); });
-  if (!blocked.IsBlocked()) {
-    waits->Check();  // a change that a stop has ended may have ended the stream
-    throw std::runtime_error("Cannot change the filters because the stream has ended");
-  }
-
-  // Drain and change.
   std::exception_ptr error;
   try {
-    Drain(*sink, *source, waits);
+    Drain(change.changed, *sink, *source);
     ChangeDrained(filterBin, *feeding, *sink, change);
   } catch (...) {
     error = std::current_exception();

@@ -1,36 +1,67 @@
 #ifndef MOX_GSTREAMER_BIN_LIVE_CHANGE_H
 #define MOX_GSTREAMER_BIN_LIVE_CHANGE_H
 
-#include "mox/gstreamer/bin/live/wait.h"
-
+#include <chrono>
+#include <exception>
 #include <functional>
-#include <memory>
+#include <future>
 
 #include <gst/gst.h>
 
 // Private to the library.
 namespace mox::gstreamer::bin::live {
 
+/** Ends a change that waits while the pipeline is being stopped. */
+class Stopped : public std::exception {};
+
+/** Ends the changes of a bin that wait, and those that are going to, until it is destroyed. */
+class StopRequest {
+ public:
+  explicit StopRequest(GstBin& bin) : bin_(bin) { Count(1); }
+  StopRequest(const StopRequest&) = delete;
+  StopRequest& operator=(const StopRequest&) = delete;
+  ~StopRequest() { Count(-1); }
+
+ private:
+  void Count(int more);
+
+  GstBin& bin_;
+};
+
+/** @throws Stopped if a stop of the bin is requested */
+void CheckStop(GstBin& bin);
+
+/** How often a wait looks for what nobody announces: a stop, or a task that has paused. */
+inline constexpr auto kSlice = std::chrono::milliseconds(10);
+
+/** Waits for the future. @throws Stopped if a stop of the bin is requested first */
+template <typename Future>
+void Await(GstBin& bin, const Future& future) {
+  while (future.wait_for(kSlice) != std::future_status::ready) {
+    CheckStop(bin);
+  }
+}
+
 /** What is done to a drained filter bin, or downstream of it. */
 struct Change {
-  std::function<void()> make;  ///< Makes the change; called once, with the filter bin in NULL.
-  std::function<void()> undo;  ///< Puts back what was there; called with the bin in NULL if it does not play again.
+  GstBin& changed;             ///< The bin whose stop ends the change.
   GstElement& named;           ///< Named by the error if upstream cannot send the caps that are needed now.
+  std::function<void()> make;  ///< Makes the change; called once, with the filter bin in NULL.
+  std::function<void()> undo;  ///< Puts back what was there, with the filter bin in NULL if it stops.
 };
 
 /**
  * Makes a change while data flows: blocks upstream of the filter bin, drains it with an EOS, stops it, makes the
- * change, starts the bin and unblocks. Neither a buffer is lost nor does the EOS leave the bin. A change that fails is
+ * change, starts the bin and unblocks. No buffer is lost, and the EOS does not leave the bin. A change that fails is
  * undone, and the stream goes on.
  *
- * Waits for the next item to reach the bin, then until the bin is drained; `waits` end both. Not from a streaming
- * thread.
+ * Waits for the next item to reach the bin, then until the bin is drained. Not from a streaming thread.
  *
  * @throws std::runtime_error "Cannot change the filters because the stream has ended"; or what the change, a state
  * change or the negotiation of caps raises
  * @throws Stopped if the pipeline is stopped meanwhile; nothing is changed
  */
-void RunDrained(GstBin& filterBin, const std::shared_ptr<Waits>& waits, const Change& change);
+void RunDrained(GstBin& filterBin, const Change& change);
 
 }  // namespace mox::gstreamer::bin::live
 
