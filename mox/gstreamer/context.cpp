@@ -9,8 +9,6 @@ mox::glib::Value GetValue(GstContext& context, const std::string& key) noexcept 
   return field != nullptr ? mox::glib::Value(*field) : mox::glib::Value();
 }
 
-// The value is taken whole as the interface of this operation has it; the structure stores a copy of its own.
-// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void SetValue(GstContext& context, const std::string& key, mox::glib::Value value) {
   if (!gst_mini_object_is_writable(GST_MINI_OBJECT_CAST(&context))) {
     throw std::runtime_error("Could not set the value because the context is not writable");

@@ -205,7 +205,7 @@ TEST_F(Faulty, DestructionEndsBesideAnElementThatRefusesToStop) {
     }
     EXPECT_EQ(GST_STATE(told.Get()), GST_STATE_PAUSED);
     faulty::Of(told.Get()).fails = Faults::kNone;
-    EXPECT_EQ(gst_element_set_state(refusing.Get(), GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
+    EXPECT_EQ(gst_element_set_state(told.Get(), GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
   }
   gst_deinit();
 }

@@ -168,7 +168,9 @@ TEST_F(Live, AStopEndsAChangeThatWaits) {
       SCOPED_TRACE(std::string(row.waits_for) + (adds_output ? ", an output" : ", a filter"));
       std::atomic<bool> is_full = false;
       Stream stream(MakeSource(false, std::string(",format=I420") + row.input_end), {Parse(row.filter)});
-      const auto stuck = Parse("queue max-size-buffers=1 ! appsink max-buffers=1");
+      const auto stuck = Make("fakesink");
+      AddProbe(*PadOf(*stuck, "sink"), GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER,
+               [](auto&...) { return GST_PAD_PROBE_OK; });
       const auto valve = stream.Find("valve");
       if (row.has_stuck_output) {
         stream.pipeline.AddOutputs({stuck});

@@ -3,9 +3,6 @@
 
 #include "mox/gstreamer/check/ptr.h"
 
-#include <memory>
-#include <vector>
-
 #include <gst/gst.h>
 
 // What the bins do with their elements. Private to the library.
@@ -37,19 +34,6 @@ void TakeOut(GstBin& bin, GstElement& element) noexcept;
 
 /** The element linked behind the element's static "src" pad. */
 Ptr<GstElement> Next(GstElement& element);
-
-/** Returns the objects of the iterator, up to one that is added or removed meanwhile, and frees it. */
-template <typename T>
-std::vector<Ptr<T>> Collect(GstIterator* iterator) {
-  const std::unique_ptr<GstIterator, decltype(&gst_iterator_free)> owned(iterator, gst_iterator_free);
-  std::vector<Ptr<T>> objects;
-  GValue item = G_VALUE_INIT;
-  while (gst_iterator_next(iterator, &item) == GST_ITERATOR_OK) {
-    objects.emplace_back(static_cast<T*>(g_value_dup_object(&item)));
-    g_value_unset(&item);
-  }
-  return objects;
-}
 
 /**
  * Holds off every state change of an element by other threads, those by which a parent starts its children on the way

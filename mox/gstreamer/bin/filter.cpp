@@ -4,6 +4,7 @@
 #include "mox/gstreamer/bin/live/change.h"
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/iterator.h"
 #include "mox/gstreamer/name.h"
 
 #include <algorithm>
@@ -20,15 +21,16 @@ using Filters = std::vector<Ptr<GstElement>>;
 constexpr auto kSinkFilter = "sink_filter";
 constexpr auto kSourceFilter = "source_filter";
 
-Ptr<GstElement> GetEnd(GstBin& filterBin, const char* name) {
-  return check::bin::GetElement(filterBin, name, kBinError);
+// "sink_filter" and "source_filter".
+std::pair<Ptr<GstElement>, Ptr<GstElement>> GetEnds(GstBin& filterBin) {
+  return {check::bin::GetElement(filterBin, kSinkFilter, kBinError),
+          check::bin::GetElement(filterBin, kSourceFilter, kBinError)};
 }
 
 // Adds and links the chain between the fixed ends, which are unlinked. The upstream end is linked last, so a chain is
 // closed exactly when "sink_filter" is linked.
 void SetFilters(GstBin& filterBin, const Filters& filters) {
-  const auto sink_filter = GetEnd(filterBin, kSinkFilter);
-  const auto source_filter = GetEnd(filterBin, kSourceFilter);
+  const auto [sink_filter, source_filter] = GetEnds(filterBin);
   if (filters.empty()) {
     check::element::LinkElement(*sink_filter, *source_filter, kElementError);
     return;
@@ -44,8 +46,7 @@ void SetFilters(GstBin& filterBin, const Filters& filters) {
 
 // Takes the current chain apart and leaves the fixed ends unlinked.
 void UnsetFilters(GstBin& filterBin, const Filters& filters) {
-  const auto sink_filter = GetEnd(filterBin, kSinkFilter);
-  const auto source_filter = GetEnd(filterBin, kSourceFilter);
+  const auto [sink_filter, source_filter] = GetEnds(filterBin);
   if (filters.empty()) {
     gst_element_unlink(sink_filter.Get(), source_filter.Get());
     return;
@@ -61,6 +62,43 @@ void UnsetFilters(GstBin& filterBin, const Filters& filters) {
 
 bool IsClosed(GstElement& sinkFilter) {
   return gst_pad_is_linked(check::element::GetPad(sinkFilter, "src", kElementError).Get()) != FALSE;
+}
+
+using Change = std::function<void(GstBin&, Filters)>;
+
+// Puts back the chain that was there before a change, whatever the failed change has left.
+void Restore(GstBin& filterBin, const Filters& before) {
+  const auto [sink_filter, source_filter] = GetEnds(filterBin);
+  gst_element_unlink(sink_filter.Get(), source_filter.Get());
+  for (const auto& element : Collect<GstElement>(gst_bin_iterate_elements(&filterBin))) {
+    if (element != sink_filter && element != source_filter) {
+      check::bin::RemoveElement(filterBin, *element, kBinError);
+    }
+  }
+  SetFilters(filterBin, before);
+}
+
+// Makes a change of the chain while data flows.
+void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
+  const Filters before = GetFilters(filterBin);
+  bool raised = false;
+  const auto make = [&] {
+    raised = true;
+    change(filterBin, filters);
+    raised = false;
+  };
+  // A change that raised after it closed the chain itself stands.
+  const auto undo = [&] {
+    if (!raised || !IsClosed(*GetEnds(filterBin).first)) {
+      Restore(filterBin, before);
+    }
+  };
+  GstElement& named = filters.empty() || !filters.front() ? *GST_ELEMENT(&filterBin) : *filters.front();
+  try {
+    live::RunDrained(filterBin, {filterBin, named, make, undo});
+  } catch (const live::Stopped&) {
+    throw std::runtime_error("Cannot change the filters because the pipeline is being stopped");
+  }
 }
 
 }  // namespace
@@ -82,8 +120,7 @@ void Initialize(GstBin& filterBin) {
 }
 
 Filters GetFilters(GstBin& filterBin) {
-  const auto sink_filter = GetEnd(filterBin, kSinkFilter);
-  const auto source_filter = GetEnd(filterBin, kSourceFilter);
+  const auto [sink_filter, source_filter] = GetEnds(filterBin);
   if (!IsClosed(*sink_filter)) {
     return {};
   }
@@ -104,7 +141,6 @@ void AddFilters(GstBin& filterBin, Filters filters) {
   SetFilters(filterBin, current);
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the list is handed over
 void EraseFilters(GstBin& filterBin, Filters filters) {
   Filters current = GetFilters(filterBin);
   UnsetFilters(filterBin, current);
@@ -129,54 +165,10 @@ std::string GetGraph(GstBin& filterBin) {
   return graph + "]";
 }
 
-namespace {
-
-using Change = std::function<void(GstBin&, Filters)>;
-
-// Puts back the chain that was there before a change, whatever the failed change has left.
-void Restore(GstBin& filterBin, const Filters& before) {
-  const auto sink_filter = GetEnd(filterBin, kSinkFilter);
-  const auto source_filter = GetEnd(filterBin, kSourceFilter);
-  gst_element_unlink(sink_filter.Get(), source_filter.Get());
-  for (const auto& element : Collect<GstElement>(gst_bin_iterate_elements(&filterBin))) {
-    if (element != sink_filter && element != source_filter) {
-      check::bin::RemoveElement(filterBin, *element, kBinError);
-    }
-  }
-  SetFilters(filterBin, before);
-}
-
-// Makes a change of the chain while data flows.
-void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
-  const Filters before = GetFilters(filterBin);
-  bool raised = false;
-  const auto make = [&] {
-    raised = true;
-    change(filterBin, filters);
-    raised = false;
-  };
-  // A change that raised after it closed the chain itself stands.
-  const auto undo = [&] {
-    if (!raised || !IsClosed(*GetEnd(filterBin, kSinkFilter))) {
-      Restore(filterBin, before);
-    }
-  };
-  GstElement& named = filters.empty() || !filters.front() ? *GST_ELEMENT(&filterBin) : *filters.front();
-  try {
-    live::RunDrained(filterBin, {filterBin, named, make, undo});
-  } catch (const live::Stopped&) {
-    throw std::runtime_error("Cannot change the filters because the pipeline is being stopped");
-  }
-}
-
-}  // namespace
-
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the list is handed over
 void BlockAddFilters(GstBin& filterBin, Filters filters) {
   Block(filterBin, AddFilters, filters);
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the list is handed over
 void BlockEraseFilters(GstBin& filterBin, Filters filters) {
   Block(filterBin, EraseFilters, filters);
 }

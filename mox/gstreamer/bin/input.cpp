@@ -28,7 +28,6 @@ Ptr<GstElement> GetInput(GstBin& inputBin) {
   return check::pad::GetParentElement(*peer, kPadError);
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the handle is handed over, and lives as long as the call
 void SetInput(GstBin& inputBin, Ptr<GstElement> input) {
   const auto old = GetInput(inputBin);
   if (!old && !input) {

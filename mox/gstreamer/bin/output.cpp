@@ -6,6 +6,7 @@
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/iterator.h"
 #include "mox/gstreamer/name.h"
 
 #include <algorithm>
@@ -98,7 +99,6 @@ std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin) {
   return outputs;
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the list is handed over
 void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
   const auto tee = GetTee(outputBin);
   if (std::find(outputs.begin(), outputs.end(), Ptr<GstElement>()) != outputs.end()) {
@@ -109,7 +109,6 @@ void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
   }
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the list is handed over
 void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
   const auto tee = GetTee(outputBin);
   for (const auto& element : outputs) {

@@ -14,6 +14,8 @@
 namespace mox::gstreamer::bin::live {
 namespace {
 
+constexpr auto kBuffers = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST);
+
 /** What the sink pad of a queue keeps. Used by the one streaming thread that reaches the pad. */
 struct Allocation {
   GstPadQueryFunction own;   ///< The query function of the queue itself.
@@ -23,14 +25,10 @@ struct Allocation {
 // Returns true if the output bin does not play, or is about to stop playing: then an output may wait for preroll.
 bool MayPreroll(GstElement& queue) noexcept {
   const Ptr<GstObject> output_bin(gst_object_get_parent(GST_OBJECT_CAST(&queue)));
-  if (!output_bin) {
-    return false;
-  }
-  GST_OBJECT_LOCK(output_bin.Get());
-  const bool plays =
-      GST_STATE(output_bin.Get()) == GST_STATE_PLAYING && GST_STATE_PENDING(output_bin.Get()) == GST_STATE_VOID_PENDING;
-  GST_OBJECT_UNLOCK(output_bin.Get());
-  return !plays;
+  GstState state = GST_STATE_NULL;
+  return output_bin &&
+         (gst_element_get_state(GST_ELEMENT(output_bin.Get()), &state, nullptr, 0) != GST_STATE_CHANGE_SUCCESS ||
+          state != GST_STATE_PLAYING);
 }
 
 GstPadProbeReturn OnBuffer(GstPad* sink, GstPadProbeInfo* /*info*/, gpointer queue) noexcept {
@@ -42,24 +40,17 @@ GstPadProbeReturn OnBuffer(GstPad* sink, GstPadProbeInfo* /*info*/, gpointer que
   return GST_PAD_PROBE_REMOVE;
 }
 
-void AskAgainLater(GstPad& sink, GstElement& queue) {
-  constexpr auto buffers = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST);
-  if (!std::exchange(static_cast<Allocation*>(sink.querydata)->was_refused, true)) {
-    gst_pad_add_probe(&sink, buffers, OnBuffer, &queue, nullptr);
-  }
-}
-
 gboolean Answer(GstPad& sink, GstElement& queue, GstQuery& query) {
   const auto source = check::element::GetPad(queue, "src", kElementError);
   // Blocks the pad, so that the output stays idle while it answers.
-  constexpr auto idle_or_blocked =
-      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
-  PadProbe idle(*source, idle_or_blocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+  PadProbe idle(*source, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
   const auto is_idle = idle.GetFuture();
-  // A pause or a flush may take a playing output back to its preroll, so the state is looked at again and again.
+  // A pause or a flush may take a playing output back to its preroll, so the state is checked again and again.
   for (auto wait = std::chrono::milliseconds(0); is_idle.wait_for(wait) != std::future_status::ready; wait = kSlice) {
     if (MayPreroll(queue)) {
-      AskAgainLater(sink, queue);
+      if (!std::exchange(static_cast<Allocation*>(sink.querydata)->was_refused, true)) {
+        gst_pad_add_probe(&sink, kBuffers, OnBuffer, &queue, nullptr);
+      }
       return FALSE;
     }
   }

@@ -7,6 +7,7 @@
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/iterator.h"
 #include "mox/gstreamer/pad_probe.h"
 
 #include <optional>
@@ -21,29 +22,21 @@ Ptr<GstPad> GetSink(GstElement& element) {
   return check::element::GetPad(element, "sink", kElementError);
 }
 
-constexpr auto kIdleOrBlocked =
-    static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
-
 // Returns true if the sink has received every sticky event that was sent to it.
 bool HasAllEvents(GstPad& source, GstPad& sink) {
-  struct Walk {
-    GstPad& sink;
-    bool complete = true;
-  } walk{sink};
+  std::pair<GstPad*, bool> walk(&sink, true);
   const auto compare = [](GstPad* /*source*/, GstEvent** sent, gpointer data) noexcept -> gboolean {
-    auto& [sink_pad, complete] = *static_cast<Walk*>(data);
-    complete = false;
-    for (guint i = 0; !complete; ++i) {
-      const Ptr<GstEvent> received(gst_pad_get_sticky_event(&sink_pad, GST_EVENT_TYPE(*sent), i));
-      if (!received) {
-        break;
-      }
-      complete = received.Get() == *sent;
-    }
+    auto& [at, complete] = *static_cast<decltype(walk)*>(data);
+    Ptr<GstEvent> received;
+    guint i = 0;
+    do {
+      received = Ptr<GstEvent>(gst_pad_get_sticky_event(at, GST_EVENT_TYPE(*sent), i++));
+    } while (received && received.Get() != *sent);
+    complete = static_cast<bool>(received);
     return complete ? TRUE : FALSE;
   };
   gst_pad_sticky_events_foreach(&source, compare, &walk);
-  return walk.complete;
+  return walk.second;
 }
 
 // Blocks what is to enter the tee while its pads come and go. A pad that is requested while an event passes would miss

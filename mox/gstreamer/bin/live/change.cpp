@@ -2,11 +2,12 @@
 
 #include "mox/gstreamer/bin/element.h"
 #include "mox/gstreamer/bin/live/negotiation.h"
-#include "mox/gstreamer/bin/live/probe.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/event.h"
 #include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/iterator.h"
 #include "mox/gstreamer/pad_probe.h"
+#include "mox/gstreamer/scoped_probe.h"
 
 #include <atomic>
 #include <memory>
@@ -32,24 +33,22 @@ class BlockedPad {
   BlockedPad& operator=(const BlockedPad&) = delete;
   ~BlockedPad() { changed_.set_value(); }
 
-  std::future<void> GetBlocked() { return blocked_->get_future(); }
+  /** Waits for the item. */
+  void Wait(GstBin& changed) {
+    const auto blocked = blocked_->get_future();
+    while (blocked.wait_for(kSlice) != std::future_status::ready) {
+      CheckStop(changed);
+      if (HasStreamEnded(probe_.GetPad())) {
+        throw std::runtime_error("Cannot change the filters because the stream has ended");
+      }
+    }
+  }
 
  private:
   const std::shared_ptr<std::promise<void>> blocked_ = std::make_shared<std::promise<void>>();
   std::promise<void> changed_;
   PadProbe probe_;
 };
-
-// Waits until the pad is blocked. @throws std::runtime_error if nothing will reach it any more
-void AwaitItem(GstBin& changed, GstPad& feeding, BlockedPad& block) {
-  const auto blocked = block.GetBlocked();
-  while (blocked.wait_for(kSlice) != std::future_status::ready) {
-    CheckStop(changed);
-    if (HasStreamEnded(feeding)) {
-      throw std::runtime_error("Cannot change the filters because the stream has ended");
-    }
-  }
-}
 
 /** The end of a drain, shared with the probes, which may outlast it. */
 struct Drained {
@@ -71,15 +70,15 @@ void Drain(GstBin& changed, GstPad& sink, GstPad& source) {
     return;
   }
   const auto drained = std::make_shared<Drained>();
-  const ScopedProbe eos(source, GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
-                        [drained](GstPadProbeInfo& info) {
-                          // A filter may push events of its own first.
-                          if (!IsEvent(info, GST_EVENT_EOS)) {
-                            return GST_PAD_PROBE_PASS;
-                          }
-                          drained->Raise();
-                          return GST_PAD_PROBE_DROP;
-                        });
+  constexpr auto blocks_events = GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM;
+  const ScopedProbe eos(source, blocks_events, [drained](GstPadProbeInfo& info) {
+    // A filter may push events of its own first.
+    if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(&info)) != GST_EVENT_EOS) {
+      return GST_PAD_PROBE_PASS;
+    }
+    drained->Raise();
+    return GST_PAD_PROBE_DROP;
+  });
   const ScopedProbe flush(source, GST_PAD_PROBE_TYPE_EVENT_FLUSH, [drained](GstPadProbeInfo&) {
     drained->Raise();
     return GST_PAD_PROBE_OK;
@@ -87,15 +86,6 @@ void Drain(GstBin& changed, GstPad& sink, GstPad& source) {
   // A bin that refuses the EOS is open, has failed or is flushing, and has nothing left to drain.
   if (gst_pad_send_event(&sink, check::event::MakeEos("Event Error: ").Ref())) {
     Await(changed, drained->promise.get_future());
-  }
-}
-
-// Later steps are worth trying whether or not this one succeeds, and only the first error is raised.
-template <typename Step>
-void Attempt(const Step& step) noexcept {
-  try {
-    step();
-  } catch (...) {  // NOLINT(bugprone-empty-catch)
   }
 }
 
@@ -111,11 +101,14 @@ void ChangeDrained(GstBin& filterBin, GstPad& feeding, GstPad& sink, const Chang
     CheckFlowingCaps(feeding, sink, change.named);
   } catch (...) {
     const auto error = std::current_exception();
-    Attempt([&] {
+    // The bin is started even if the change cannot be undone. Only the first error is raised.
+    try {
       check::element::SetNullState(element, kElementError);
       change.undo();
-    });
-    Attempt([&] { Sync(element); });
+      Sync(element);
+    } catch (...) {
+      gst_element_sync_state_with_parent(&element);
+    }
     std::rethrow_exception(error);
   }
 }
@@ -126,9 +119,7 @@ void Reopen(GstBin& filterBin, GstPad& feeding, GstPad& sink, GstPad& source) {
   gst_pad_set_active(&source, TRUE);
   for (const auto& filter : Collect<GstElement>(gst_bin_iterate_elements(&filterBin))) {
     for (const auto& pad : Collect<GstPad>(gst_element_iterate_src_pads(filter.Get()))) {
-      if (GST_IS_BIN(filter.Get())) {
-        gst_pad_set_active(pad.Get(), TRUE);
-      }
+      gst_pad_set_active(pad.Get(), TRUE);
     }
   }
   // The filters still have the EOS on their pads. Only a stream-start event removes it.
@@ -156,8 +147,8 @@ void RunDrained(GstBin& filterBin, const Change& change) {
   const auto feeding = FindFeedingPad(filterBin);
   const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
   const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", kElementError);
-  BlockedPad block(*feeding);
-  AwaitItem(change.changed, *feeding, block);
+  BlockedPad blocked(*feeding);
+  blocked.Wait(change.changed);
 
   std::exception_ptr error;
   try {

@@ -42,6 +42,10 @@ void Await(GstBin& bin, const Future& future) {
   }
 }
 
+/** Reached as soon as a pad passes nothing, and blocks it from then on. */
+inline constexpr auto kIdleOrBlocked =
+    static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
+
 /** What is done to a drained filter bin, or downstream of it. */
 struct Change {
   GstBin& changed;             ///< The bin whose stop ends the change.

@@ -4,6 +4,7 @@
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/failure.h"
 #include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/iterator.h"
 #include "mox/gstreamer/name.h"
 
 #include <algorithm>
@@ -34,50 +35,31 @@ Ptr<GstTask> GetTask(GstPad& pad) {
   return owned;
 }
 
-std::vector<Ptr<GstPad>> GetLinkedSinks(GstElement& element) {
-  auto sinks = Collect<GstPad>(gst_element_iterate_sink_pads(&element));
-  const auto is_unlinked = [](const Ptr<GstPad>& sink) { return !gst_pad_is_linked(sink.Get()); };
-  sinks.erase(std::remove_if(sinks.begin(), sinks.end(), is_unlinked), sinks.end());
-  return sinks;
-}
-
-/** The task whose thread pushes what comes to a pad, and the pad of its element that it comes from. */
+/** The task whose thread pushes what comes to a pad. */
 struct Pusher {
   Ptr<GstTask> task;
-  Ptr<GstPad> source;
+  Ptr<GstPad> source;      ///< The pad of its element that it pushes from.
+  bool is_source = false;  ///< Whether the element has no input.
 };
 
-// Empty if an element upstream has several inputs, or data comes from a thread of the program.
+// Empty if an element upstream has several inputs, or if data comes from a thread of the program.
 Pusher FindPusher(GstPad& feeding) {
   auto source = Unwrap(Ptr<GstPad>(GST_PAD(gst_object_ref(&feeding))));
   while (source) {
-    if (auto task = GetTask(*source)) {
-      return {std::move(task), std::move(source)};
-    }
     const Ptr<GstElement> element(gst_pad_get_parent_element(source.Get()));
-    const auto sinks = element ? GetLinkedSinks(*element) : std::vector<Ptr<GstPad>>();
-    if (sinks.size() != 1) {
-      break;
+    auto sinks = element ? Collect<GstPad>(gst_element_iterate_sink_pads(element.Get())) : std::vector<Ptr<GstPad>>();
+    const auto is_unlinked = [](const Ptr<GstPad>& sink) { return !gst_pad_is_linked(sink.Get()); };
+    sinks.erase(std::remove_if(sinks.begin(), sinks.end(), is_unlinked), sinks.end());
+    auto task = GetTask(*source);
+    if (!task && sinks.size() == 1) {
+      task = GetTask(*sinks.front());  // an element that pulls
     }
-    // An element that pulls has its task at its sink pad.
-    if (auto task = GetTask(*sinks.front())) {
-      return {std::move(task), std::move(source)};
+    if (task || sinks.size() != 1) {
+      return {std::move(task), std::move(source), sinks.empty()};
     }
     source = Unwrap(Ptr<GstPad>(gst_pad_get_peer(sinks.front().Get())));
   }
   return {};
-}
-
-// A source that pushes itself drops the buffer that was refused and renegotiates. A queue or a decoder upstream keeps
-// the caps that it has.
-bool CanRenegotiate(GstPad& feeding, GstPad& sink) {
-  const auto pusher = FindPusher(feeding);
-  const Ptr<GstElement> element(pusher.source ? gst_pad_get_parent_element(pusher.source.Get()) : nullptr);
-  if (!element || !GetLinkedSinks(*element).empty()) {
-    return false;
-  }
-  const Ptr<GstCaps> possible(gst_pad_query_caps(&feeding, nullptr));
-  return AcceptsCaps(sink, *possible);
 }
 
 [[noreturn]] void FailToLink(GstElement& source, GstElement& sink) {
@@ -122,7 +104,12 @@ void CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
   }
   const Ptr<GstCaps> flowing(gst_pad_get_current_caps(&feeding));
   const auto fed = check::pad::GetPeer(feeding, kPadError);
-  if (flowing && !AcceptsCaps(*fed, *flowing) && !CanRenegotiate(feeding, *fed)) {
+  if (!flowing || AcceptsCaps(*fed, *flowing)) {
+    return;
+  }
+  // A source that pushes itself drops the buffer that is refused and renegotiates. A queue or a decoder keeps its caps.
+  const Ptr<GstCaps> possible(gst_pad_query_caps(&feeding, nullptr));
+  if (!FindPusher(feeding).is_source || !AcceptsCaps(*fed, *possible)) {
     FailToLink(*check::pad::GetParentElement(feeding, kPadError), changed);
   }
 }

@@ -1,0 +1,29 @@
+#ifndef MOX_GSTREAMER_ITERATOR_H
+#define MOX_GSTREAMER_ITERATOR_H
+
+#include "mox/gstreamer/check/ptr.h"
+
+#include <memory>
+#include <vector>
+
+#include <gst/gst.h>
+
+namespace mox::gstreamer {
+
+// Returns the objects of the iterator, up to one that is added or removed meanwhile, and frees it. Private to the
+// library.
+template <typename T>
+std::vector<Ptr<T>> Collect(GstIterator* iterator) {
+  const std::unique_ptr<GstIterator, decltype(&gst_iterator_free)> owned(iterator, gst_iterator_free);
+  std::vector<Ptr<T>> objects;
+  GValue item = G_VALUE_INIT;
+  while (gst_iterator_next(iterator, &item) == GST_ITERATOR_OK) {
+    objects.emplace_back(static_cast<T*>(g_value_dup_object(&item)));
+    g_value_unset(&item);
+  }
+  return objects;
+}
+
+}  // namespace mox::gstreamer
+
+#endif
