@@ -1,11 +1,11 @@
-# mox_library(<name> SOURCES <file>... HEADERS <file>... LINK <target>...)
+# mox_library(<name> SOURCES <file>... HEADERS <file>... PRIVATE <header>... LINK <target>...)
 #
 # One shared library of the tree: libmox_<name>.so with the target mox::<name>. HEADERS are the public ones, named as they
-# are included ("mox/logging/logger.h" is logger.h in mox/logging).
+# are included ("mox/logging/logger.h" is logger.h in mox/logging). PRIVATE lists the headers that are not installed.
 function(mox_library name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;HEADERS;LINK")
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;HEADERS;PRIVATE;LINK")
   set(target mox_${name})
-  add_library(${target} SHARED ${ARG_SOURCES})
+  add_library(${target} SHARED ${ARG_SOURCES} ${ARG_PRIVATE})
   add_library(mox::${name} ALIAS ${target})
   set_target_properties(${target} PROPERTIES
     EXPORT_NAME ${name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}

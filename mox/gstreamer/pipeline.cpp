@@ -18,6 +18,7 @@
 #include "mox/type/binding.h"
 
 #include <array>
+#include <atomic>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
@@ -85,9 +86,6 @@ class Pipeline::Impl {
     on_latency_ = bus_.Bind(GST_MESSAGE_LATENCY, [this](const GstMessage&) { gst_bin_recalculate_latency(&Whole()); });
   }
 
-  Impl(const Impl&) = delete;
-  Impl& operator=(const Impl&) = delete;
-
   ~Impl() {
     try {
       SetEnable(false);
@@ -114,8 +112,6 @@ class Pipeline::Impl {
   class Change {
    public:
     explicit Change(Impl& impl) : lock_(impl.mutex_), impl_(impl) { impl_.Recover(); }
-    Change(const Change&) = delete;
-    Change& operator=(const Change&) = delete;
     ~Change() {
       try {
         impl_.Recover();
@@ -168,22 +164,22 @@ class Pipeline::Impl {
   }
 
   void SetEnable(bool enable) {
-    Lock lock(mutex_, std::defer_lock);
-    if (enable) {
-      lock.lock();
-      if (!bin::input::GetInput(InputBin())) {
+    if (enable || !enable_) {
+      const Lock lock(mutex_);
+      if (enable && !bin::input::GetInput(InputBin())) {
         throw std::logic_error("Cannot set the state of the pipeline with ID '" + std::to_string(id_) +
                                "' to playing because it does not have an input");
       }
-      SetState(true);
-    } else {
-      const auto blocked_eos = BlockEos(FilterBin());
-      // End a change that waits for data and has the lock.
-      const bin::live::StopRequest filters(FilterBin());
-      const bin::live::StopRequest outputs(OutputBin());
-      lock.lock();
-      SetState(false);
+      SetState(enable);
+      return;
     }
+    Lock lock(mutex_, std::defer_lock);
+    const auto blocked_eos = BlockEos(FilterBin());
+    // End a change that waits for data and has the lock.
+    const bin::live::StopRequest filters(FilterBin());
+    const bin::live::StopRequest outputs(OutputBin());
+    lock.lock();
+    SetState(false);
   }
 
   void SetState(bool enable) {
@@ -225,13 +221,13 @@ class Pipeline::Impl {
   GstState GetTarget() const { return start_failed_ ? GST_STATE_NULL : GST_STATE_TARGET(pipeline_.Get()); }
 
   // Returns true if an element has posted an ERROR or refused a state since the bin was last given one. Until it is
-  // given one again, GStreamer ignores what its elements do, and brings none of them to PLAYING.
+  // given one again, GStreamer brings none of its elements to PLAYING.
   static bool HasFailed(GstElement& bin) {
     return gst_element_get_state(&bin, nullptr, nullptr, 0) == GST_STATE_CHANGE_FAILURE;
   }
 
-  // Reapplies the target state after an ERROR: a failed bin ignores its children. Elements that a failed start has left
-  // part of the way up are stopped, and the others go on without an element that failed and is gone.
+  // Reapplies the target state after an ERROR, because a failed bin ignores its children. Stops a pipeline that a
+  // failed start has left part of the way up.
   void Recover() {
     if (!HasFailed(Element())) {
       return;
@@ -275,7 +271,7 @@ class Pipeline::Impl {
   type::Binding on_error_;
   type::Binding on_latency_;
   State state_ = State::Stopped;
-  bool enable_ = false;
+  std::atomic<bool> enable_ = false;  // read without the lock by a stop
   bool start_failed_ = false;
   std::mutex mutex_;
   // When the pipeline was last stopped, in the numbers that GStreamer gives to events and messages one after the other.
@@ -312,7 +308,6 @@ Ptr<GstContext> Pipeline::GetContext() const {
 void Pipeline::SetEnable(bool enable) {
   Deref(impl_).SetEnable(enable);
 }
-
 Ptr<GstElement> Pipeline::GetInput() const {
   Impl& impl = Deref(impl_);
   const Impl::Lock lock(impl.mutex_);
@@ -321,7 +316,6 @@ Ptr<GstElement> Pipeline::GetInput() const {
 void Pipeline::SetInput(Ptr<GstElement> input) {
   Deref(impl_).SetInput(input);
 }
-
 std::vector<Ptr<GstElement>> Pipeline::GetFilters() const {
   Impl& impl = Deref(impl_);
   const Impl::Lock lock(impl.mutex_);
@@ -337,7 +331,6 @@ void Pipeline::EraseFilters(std::vector<Ptr<GstElement>> filters) {
   const auto erase = impl_->state_ == State::Stopped ? bin::filter::EraseFilters : bin::filter::BlockEraseFilters;
   erase(impl_->FilterBin(), std::move(filters));
 }
-
 std::vector<pipeline::Output> Pipeline::GetOutputs() const {
   Impl& impl = Deref(impl_);
   const Impl::Lock lock(impl.mutex_);

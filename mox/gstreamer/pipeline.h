@@ -16,15 +16,18 @@ namespace mox::gstreamer {
 
 /**
  * One video pipeline: an input, any number of filters in a row, any number of outputs side by side. Filters and outputs
- * come and go and the input is exchanged while video flows.
+ * are added and erased and the input is replaced while video flows.
  *
- * A `Session` must exist for as long as the pipeline does. The pipeline reads its own bus: its messages are not for
- * others to take, and those of end-of-stream and error change nothing. Its clock is the one of the system, whatever
- * elements bring one, for they come and go.
+ * A `Session` must exist for as long as the pipeline does. The pipeline consumes its own bus; do not pop messages from
+ * it. It recalculates the latency on LATENCY messages; EOS and ERROR messages change nothing. It always uses the system
+ * clock, because an element that provides one may be removed.
  *
  * Every operation may be called from any thread except the pipeline's streaming threads. Operations on one pipeline run
- * one after the other: each waits for the one before, also for a change that is waiting for data. Only `Get`, `GetId`
- * and `GetContext` wait for nothing. Elements are shared: the caller's handles stay the caller's.
+ * one after the other: each waits for the one before, even if that waits for data. `Get`, `GetId` and `GetContext` wait
+ * for nothing, and `SetEnable(false)` ends a change of filters or outputs that waits. Destroying a pipeline during a
+ * call on it is misuse. Elements are shared: the caller's handles stay the caller's.
+ *
+ * A program may set the state itself, through `Get()`: to PAUSED, for one. The pipeline keeps to that target state.
  *
  * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", destroying it does nothing.
  * Failing GStreamer calls raise std::runtime_error with a text that names the objects.
@@ -48,7 +51,10 @@ class MOX_EXPORT Pipeline {
   Pipeline& operator=(Pipeline&& other) noexcept;
   ///@}
 
-  /** Stops the pipeline and joins its bus reader: waits up to about 500 ms. A failure to stop is swallowed. */
+  /**
+   * Stops the pipeline and joins its bus reader: waits for every element to stop, and up to about 500 ms. An element
+   * that refuses to stop is taken out of its bin, and the others stop without it.
+   */
   ~Pipeline();
 
   /** The pipeline element, which the pipeline goes on owning. */
@@ -71,9 +77,8 @@ class MOX_EXPORT Pipeline {
 
   /**
    * Replaces the input, in any state; an empty handle removes it from a stopped pipeline. The input needs a source pad
-   * already. The whole pipeline is stopped for the exchange and brought back to its state: outputs and time start anew,
-   * and what was under way in the pipeline, messages on its bus included, is given up. Waits until every element has
-   * stopped.
+   * already. The whole pipeline is stopped for the exchange and brought back to its target state: time starts again at
+   * zero, and data and bus messages that are under way are dropped. Waits until every element has stopped.
    *
    * If the new element cannot be added or linked, the pipeline is left without input until the next `SetInput`; changes
    * of the filters are refused until then.
@@ -106,9 +111,12 @@ class MOX_EXPORT Pipeline {
   Ptr<GstContext> GetContext() const;
 
   /**
-   * Starts or stops the pipeline; nothing happens if it is enabled, or is in one of the states, that the request leads
-   * to. Stopping gives up what is under way, without an EOS for the outputs, and waits for every element; starting does
-   * not wait for the first frame.
+   * Starts or stops the pipeline. Does nothing if `enable` is already set, or if the pipeline is already in a state
+   * that the request leads to. Stopping drops what is under way, without an EOS for the outputs, and waits for every
+   * element; starting does not wait for the first frame.
+   *
+   * A stop first ends a change of filters or outputs that waits on another thread: the change raises
+   * std::runtime_error, and nothing is changed. Only an exchange of the input is waited for.
    *
    * @throws std::logic_error if it is to start without an input
    * @throws std::runtime_error if GStreamer refuses; state and enable stay as they were

@@ -48,25 +48,24 @@ MOX_EXPORT void EraseFilters(GstBin& filterBin, std::vector<Ptr<GstElement>> fil
 MOX_EXPORT std::string GetGraph(GstBin& filterBin);
 
 /**
- * `AddFilters` and `EraseFilters` while data flows, in a pipeline that is not stopped: what enters the bin is held,
- * what is inside is drained through the outputs, the chain is changed and runs again before what was held flows on. No
- * frame is lost or repeated, except that the one held frame is given up where the new chain does not take its format,
- * and what an input with a queue of its own has in there, where that cannot be converted: frames of another size.
+ * `AddFilters` and `EraseFilters` while data flows, in a pipeline that is not stopped. Blocks upstream of the colour
+ * converter that feeds the bin, or at the peer of its "sink" if it stands alone; drains the bin through the outputs,
+ * changes the chain and unblocks. No buffer is lost or repeated: the one that waits is converted for the new chain.
  *
- * They may be called from any thread but a streaming thread of the pipeline, and wait without a limit: first for the
- * next item to reach the bin, then until what is inside it has left. With a source that produces nothing they wait
- * until it does. A filter must let an EOS through, which is what shows that the bin is drained: one that does not
- * keeps them waiting for ever. A flush meanwhile, as of a flushing seek, takes away what is inside and what was held.
+ * A chain that needs another frame size brings a "videoscale". Otherwise the change is refused, unless the input is a
+ * source that can send that size, without a queue in between: it renegotiates and drops the frame that waits.
  *
- * The filters' new neighbours negotiate their buffers anew: the stream goes on as soon as every output is through with
- * the frame that it is busy with.
+ * Not from a streaming thread of the pipeline. The calls wait without a time limit: for the next item to reach the bin,
+ * then until the bin is drained. A filter must forward EOS, which marks the end of the drain; one that swallows it
+ * blocks the call. Only `Pipeline::SetEnable(false)` on another thread ends a wait. A flushing seek discards the data
+ * being drained and completes the change. The stream resumes once every output has finished its current frame.
  *
- * A change that fails raises what the plain form would, or the error of the state change that a filter refused; the
- * stream goes on. Where the plain form would leave the chain open, or the new chain does not start, the one before is
- * put back.
+ * A change that fails raises what the plain form would, or the error of the filter that refused a state; the stream
+ * goes on. If the plain form would leave the chain open, or the new chain does not start, the one before is put back.
  *
- * @throws std::runtime_error "Cannot change the filters because the stream has ended" if the end of the stream has
- * passed already, or the stream has failed, so that nothing can reach the bin any more; nothing is changed
+ * @throws std::runtime_error "Cannot change the filters because the stream has ended" if an EOS has passed or the
+ * stream has failed, "Cannot change the filters because the pipeline is being stopped", or the names of the input and
+ * of the first new filter if their caps have nothing in common; nothing is changed
  */
 ///@{
 MOX_EXPORT void BlockAddFilters(GstBin& filterBin, std::vector<Ptr<GstElement>> filters);

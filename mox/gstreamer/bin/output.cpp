@@ -27,16 +27,6 @@ Ptr<GstElement> MakeDummy() {
   return check::element::Make("fakesink", kDummy, kElementError);
 }
 
-// Makes a change of the outputs, which waits if data flows.
-template <typename Change>
-void Run(const Change& change) {
-  try {
-    change();
-  } catch (const live::Stopped&) {
-    throw std::runtime_error("Cannot change the outputs because the pipeline is being stopped");
-  }
-}
-
 void AddOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element) {
   const bool is_first = GetOutputs(outputBin).empty();
   if (is_first) {
@@ -62,6 +52,19 @@ void EraseOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& elem
   live::Detach(outputBin, tee, {found->queue, found->element});
   if (outputs.size() == 1) {
     live::Attach(outputBin, tee, {MakeDummy()});
+  }
+}
+
+// Makes the change for each output, in the order given.
+void Change(GstBin& outputBin, const std::vector<Ptr<GstElement>>& outputs,
+            void (&change)(GstBin&, GstElement&, const Ptr<GstElement>&)) {
+  const auto tee = GetTee(outputBin);
+  try {
+    for (const auto& element : outputs) {
+      change(outputBin, *tee, element);
+    }
+  } catch (const live::Stopped&) {
+    throw std::runtime_error("Cannot change the outputs because the pipeline is being stopped");
   }
 }
 
@@ -100,20 +103,14 @@ std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin) {
 }
 
 void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
-  const auto tee = GetTee(outputBin);
   if (std::find(outputs.begin(), outputs.end(), Ptr<GstElement>()) != outputs.end()) {
     throw std::invalid_argument("Cannot add an output that is null");
   }
-  for (const auto& element : outputs) {
-    Run([&] { AddOutput(outputBin, *tee, element); });
-  }
+  Change(outputBin, outputs, AddOutput);
 }
 
 void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
-  const auto tee = GetTee(outputBin);
-  for (const auto& element : outputs) {
-    Run([&] { EraseOutput(outputBin, *tee, element); });
-  }
+  Change(outputBin, outputs, EraseOutput);
 }
 
 }  // namespace mox::gstreamer::bin::output

@@ -23,7 +23,7 @@ struct Output {
  * there is no output the placeholder "dummy_output" hangs on the tee.
  *
  * An output needs a sink pad that a queue links to by a plain element link, and a name unique within the bin. All
- * outputs share one format; one that needs a format of its own brings its own converter, as a bin. The functions lock
+ * outputs share the same caps; one that needs caps of its own brings its own converter, as a bin. The functions lock
  * nothing and must not run at the same time on one output bin, but data may be flowing through it. They must not be
  * called from a streaming thread of the pipeline. A failing GStreamer call raises std::runtime_error.
  */
@@ -40,31 +40,30 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
 
 /**
  * Attaches each element as a new branch, in the order given, and brings it to the state of the bin. A new branch starts
- * with the first whole frame; the others lose nothing. With data flowing, removing the placeholder waits for the frame
- * that is just passing it.
+ * with the first whole frame; the others lose nothing. Waits for the frame that is passing the placeholder, if any.
  *
- * The elements before one that fails stay attached; the one that fails is left outside the bin. If it was to be the
- * first output there is neither output nor placeholder from then on, and no output can be attached any more.
+ * If the new output accepts the caps that flow, the stream resumes once every output has finished its current frame. If
+ * not, the stream renegotiates to caps that all accept, which waits like a change of the filters and loses no frame. An
+ * output that shares no caps with the others, or needs a size that the input does not send, is refused.
  *
- * The new output takes part in the negotiation of buffers: with data flowing, the stream goes on as soon as every
- * output is through with the frame that it is busy with. Where it does not take the format that flows, the stream gets
- * another one that all take: as for a change of the filters, the call then waits for the next item from the input and
- * until the filters are drained, and one frame is given up.
+ * The elements before one that fails stay attached; the one that fails is left outside the bin, in NULL. If it was to
+ * be the first output, there is neither output nor placeholder from then on, and no output can be attached any more.
  *
  * @throws std::invalid_argument if one of the handles is empty; nothing is changed
- * @throws std::runtime_error if an element does not start, or cannot be linked: to its queue, or to the tee since it
- * shares no format with the input and the others; or what `filter::BlockAddFilters` throws while the stream gets
- * another format
+ * @throws std::runtime_error if an element does not start, or cannot be linked to its queue or to the tee; or what
+ * `filter::BlockAddFilters` raises while the stream renegotiates
+ * @throws std::runtime_error "Cannot change the outputs because the pipeline is being stopped"; nothing is changed
  */
 MOX_EXPORT void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs);
 
 /**
  * Detaches the branch of each element, in the order given. The element and its queue are stopped where they are,
- * without an EOS: frames still in the queue are not shown. The other branches lose nothing and are not held up, also
- * when this one is slow or has not prerolled; the call itself waits until the element has stopped.
+ * without an EOS: frames still in the queue are dropped. The other branches lose nothing and do not wait, even if this
+ * one is slow or has not prerolled. The call waits until the element has stopped.
  *
  * @throws std::runtime_error "Cannot remove an output that has not been added to the bin", after those listed before
- * have been detached; or the error of an element that cannot be stopped, which stays attached
+ * have been detached; or the error of an element that refuses to stop, which stays attached
+ * @throws std::runtime_error "Cannot change the outputs because the pipeline is being stopped"; the output stays
  */
 MOX_EXPORT void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs);
 

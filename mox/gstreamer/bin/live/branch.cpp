@@ -32,21 +32,20 @@ bool HasAllEvents(GstPad& source, GstPad& sink) {
     do {
       received = Ptr<GstEvent>(gst_pad_get_sticky_event(at, GST_EVENT_TYPE(*sent), i++));
     } while (received && received.Get() != *sent);
-    complete = static_cast<bool>(received);
-    return complete ? TRUE : FALSE;
+    return complete = static_cast<bool>(received);
   };
   gst_pad_sticky_events_foreach(&source, compare, &walk);
   return walk.second;
 }
+
+/** What a stop of the pipeline does to a wait. Once it has begun, an event that fails does no harm. */
+enum class OnStop { Raise, GoOn };
 
 // Blocks what is to enter the tee while its pads come and go. A pad that is requested while an event passes would miss
 // it, and at one that is released the event would fail, and with it the stream. A buffer inside the tee does no harm
 // and is not waited for, because it may stay long in the queue of a slow output.
 class BlockedTee {
  public:
-  /** What a stop of the pipeline does to the wait. Once it has begun, an event that fails does no harm. */
-  enum class OnStop { Raise, GoOn };
-
   BlockedTee(GstBin& outputBin, GstElement& tee, OnStop on_stop)
       : sink_(GetSink(tee)),
         entrance_(check::pad::GetPeer(*sink_, kPadError)),
@@ -70,7 +69,6 @@ class BlockedTee {
   Ptr<GstPad> entrance_;
   PadProbe probe_;
 };
-using OnStop = BlockedTee::OnStop;
 
 // Lifts the limits of a queue, so that a push that waits for a slow output returns at once.
 class UnlimitedQueue {
@@ -178,12 +176,8 @@ void Unlink(GstElement& tee, GstElement& first) {
 // alone, and at the end of the stream.
 Ptr<GstElement> GetFilterBin(GstBin& outputBin) {
   const Ptr<GstPad> upstream(gst_pad_get_peer(GetSink(*GST_ELEMENT(&outputBin)).Get()));
-  if (!upstream || GST_PAD_IS_EOS(upstream.Get())) {
-    return {};
-  }
-  Ptr<GstElement> parent(gst_pad_get_parent_element(upstream.Get()));
-  return GST_IS_BIN(parent.Get()) && Ptr<GstPad>(gst_element_get_static_pad(parent.Get(), "sink")) ? std::move(parent)
-                                                                                                   : Ptr<GstElement>();
+  Ptr<GstElement> parent(upstream ? gst_pad_get_parent_element(upstream.Get()) : nullptr);
+  return GST_IS_BIN(parent.Get()) && !GST_PAD_IS_EOS(upstream.Get()) ? std::move(parent) : Ptr<GstElement>();
 }
 
 // Links a running branch to the tee.

@@ -29,15 +29,13 @@ class BlockedPad {
                  changed.wait();
                  return GST_PAD_PROBE_OK;
                }) {}
-  BlockedPad(const BlockedPad&) = delete;
-  BlockedPad& operator=(const BlockedPad&) = delete;
   ~BlockedPad() { changed_.set_value(); }
 
   /** Waits for the item. */
   void Wait(GstBin& changed) {
     const auto blocked = blocked_->get_future();
     while (blocked.wait_for(kSlice) != std::future_status::ready) {
-      CheckStop(changed);
+      CheckStop(changed);  // first, because a change that a stop has ended may end the stream
       if (HasStreamEnded(probe_.GetPad())) {
         throw std::runtime_error("Cannot change the filters because the stream has ended");
       }
@@ -144,6 +142,8 @@ void CheckStop(GstBin& bin) {
 }
 
 void RunDrained(GstBin& filterBin, const Change& change) {
+  // A change that a stop has ended may have left its EOS in the filters, where it would end another drain too early.
+  CheckStop(change.changed);
   const auto feeding = FindFeedingPad(filterBin);
   const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
   const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", kElementError);
@@ -163,8 +163,7 @@ void RunDrained(GstBin& filterBin, const Change& change) {
   if (GST_PAD_IS_FLUSHING(feeding.Get())) {
     gst_pad_send_event(sink.Get(), gst_event_new_flush_start());
   }
-  // The converter and everything upstream negotiate caps and buffers for the new chain.
-  gst_pad_send_event(check::pad::GetPeer(*sink, kPadError).Get(), gst_event_new_reconfigure());
+  Renegotiate(*sink);
   if (error) {
     std::rethrow_exception(error);
   }

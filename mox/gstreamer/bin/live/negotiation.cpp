@@ -114,6 +114,13 @@ void CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
   }
 }
 
+void Renegotiate(GstPad& sink) {
+  const auto upstream = check::pad::GetPeer(sink, kPadError);
+  // Marked as well, because a pad that is being flushed drops the event.
+  gst_pad_mark_reconfigure(Unwrap(upstream).Get());
+  gst_pad_send_event(upstream.Get(), gst_event_new_reconfigure());
+}
+
 void CheckSharedCaps(GstElement& tee, GstElement& first) {
   const auto sink = check::element::GetPad(tee, "sink", kElementError);
   // Without a filter, because some elements answer "any" for no caps at all.

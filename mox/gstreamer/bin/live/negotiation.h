@@ -9,8 +9,8 @@
 namespace mox::gstreamer::bin::live {
 
 /**
- * Returns the pad that feeds a filter bin: the one upstream of the colour converter, or the peer of the bin's "sink" if
- * there is no converter. A buffer that waits there can still be converted to other caps.
+ * Returns the pad that feeds a filter bin: the one upstream of the colour converter, so that a buffer that waits there
+ * can still be converted, or the peer of the bin's "sink" if there is no converter.
  *
  * @throws std::runtime_error if nothing is linked there
  */
@@ -29,6 +29,9 @@ bool AcceptsCaps(GstPad& sink, GstCaps& caps);
  * @throws std::runtime_error that names the feeding element and `changed`
  */
 void CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed);
+
+/** Lets everything upstream of the pad negotiate caps and buffers again. */
+void Renegotiate(GstPad& sink);
 
 /**
  * Checks that upstream, the branches of the tee and a new branch have caps in common. A tee links a branch without
