@@ -4,6 +4,7 @@
 #include "mox/gstreamer/check/ptr.h"
 
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <gst/gst.h>
@@ -18,8 +19,9 @@ std::vector<Ptr<T>> Collect(GstIterator* iterator) {
   std::vector<Ptr<T>> objects;
   GValue item = G_VALUE_INIT;
   while (gst_iterator_next(iterator, &item) == GST_ITERATOR_OK) {
-    objects.emplace_back(static_cast<T*>(g_value_dup_object(&item)));
+    Ptr<T> object(static_cast<T*>(g_value_dup_object(&item)));
     g_value_unset(&item);
+    objects.push_back(std::move(object));
   }
   return objects;
 }

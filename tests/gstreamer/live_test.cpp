@@ -150,6 +150,19 @@ TEST_F(Live, AnotherSizeIsScaledOrFollowedByTheSourceOrRefused) {
   }
 }
 
+// Whether a queue that has its second of frames keeps the thread that pushes into it.
+bool HasWaitingPush(GstElement& queue) {
+  guint64 frames = 0;
+  guint64 most = 0;
+  g_object_get(&queue, "current-level-time", &frames, "max-size-time", &most, nullptr);
+  const auto sink = PadOf(queue, "sink");
+  if (GST_PAD_STREAM_TRYLOCK(sink.Get())) {
+    GST_PAD_STREAM_UNLOCK(sink.Get());
+    return false;
+  }
+  return frames >= most;
+}
+
 TEST_F(Live, AStopEndsAChangeThatWaits) {
   struct Row {
     const char* waits_for;
@@ -166,18 +179,17 @@ TEST_F(Live, AStopEndsAChangeThatWaits) {
   for (const auto& row : kRows) {
     for (const bool adds_output : {false, true}) {
       SCOPED_TRACE(std::string(row.waits_for) + (adds_output ? ", an output" : ", a filter"));
-      std::atomic<bool> is_full = false;
+      std::atomic<bool> is_taken = false;
       Stream stream(MakeSource(false, std::string(",format=I420") + row.input_end), {Parse(row.filter)});
       const auto stuck = Make("fakesink");
-      AddProbe(*PadOf(*stuck, "sink"), GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER,
-               [](auto&...) { return GST_PAD_PROBE_OK; });
       const auto valve = stream.Find("valve");
       if (row.has_stuck_output) {
+        AddProbe(*PadOf(*stuck, "sink"), GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER, [&](auto&...) {
+          is_taken = true;
+          return GST_PAD_PROBE_OK;
+        });
         stream.pipeline.AddOutputs({stuck});
-        const auto overrun = [](std::atomic<bool>* full) { *full = true; };
-        g_signal_connect_swapped(stream.pipeline.GetOutputs().at(1).queue.Get(), "overrun", G_CALLBACK(+overrun),
-                                 &is_full);
-        Await([&] { return is_full.load(); });
+        Await([&, queue = stream.pipeline.GetOutputs().at(1).queue] { return is_taken && HasWaitingPush(*queue); });
       } else {
         g_object_set(valve.Get(), "drop", TRUE, nullptr);
       }
@@ -189,7 +201,7 @@ TEST_F(Live, AStopEndsAChangeThatWaits) {
                       : stream.pipeline.AddFilters({Make("identity")});
         });
       });
-      ASSERT_EQ(change.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+      ASSERT_EQ(change.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout) << change.get();
       stream.pipeline.SetEnable(false);
 
       EXPECT_EQ(change.get(), std::string("Cannot change the ") + (adds_output ? "outputs" : "filters") +

@@ -21,8 +21,12 @@ using Filters = std::vector<Ptr<GstElement>>;
 constexpr auto kSinkFilter = "sink_filter";
 constexpr auto kSourceFilter = "source_filter";
 
-// "sink_filter" and "source_filter".
-std::pair<Ptr<GstElement>, Ptr<GstElement>> GetEnds(GstBin& filterBin) {
+struct Ends {
+  Ptr<GstElement> sink;    ///< "sink_filter", the upstream one.
+  Ptr<GstElement> source;  ///< "source_filter".
+};
+
+Ends GetEnds(GstBin& filterBin) {
   return {check::bin::GetElement(filterBin, kSinkFilter, kBinError),
           check::bin::GetElement(filterBin, kSourceFilter, kBinError)};
 }
@@ -30,9 +34,9 @@ std::pair<Ptr<GstElement>, Ptr<GstElement>> GetEnds(GstBin& filterBin) {
 // Adds and links the chain between the fixed ends, which are unlinked. The upstream end is linked last, so a chain is
 // closed exactly when "sink_filter" is linked.
 void SetFilters(GstBin& filterBin, const Filters& filters) {
-  const auto [sink_filter, source_filter] = GetEnds(filterBin);
+  const Ends ends = GetEnds(filterBin);
   if (filters.empty()) {
-    check::element::LinkElement(*sink_filter, *source_filter, kElementError);
+    check::element::LinkElement(*ends.sink, *ends.source, kElementError);
     return;
   }
   Add(filterBin, filters.front());
@@ -40,23 +44,23 @@ void SetFilters(GstBin& filterBin, const Filters& filters) {
     Add(filterBin, filters[i]);
     check::element::LinkElement(*filters[i - 1], *filters[i], kElementError);
   }
-  check::element::LinkElement(*filters.back(), *source_filter, kElementError);
-  check::element::LinkElement(*sink_filter, *filters.front(), kElementError);
+  check::element::LinkElement(*filters.back(), *ends.source, kElementError);
+  check::element::LinkElement(*ends.sink, *filters.front(), kElementError);
 }
 
 // Takes the current chain apart and leaves the fixed ends unlinked.
 void UnsetFilters(GstBin& filterBin, const Filters& filters) {
-  const auto [sink_filter, source_filter] = GetEnds(filterBin);
+  const Ends ends = GetEnds(filterBin);
   if (filters.empty()) {
-    gst_element_unlink(sink_filter.Get(), source_filter.Get());
+    gst_element_unlink(ends.sink.Get(), ends.source.Get());
     return;
   }
-  gst_element_unlink(sink_filter.Get(), filters.front().Get());
+  gst_element_unlink(ends.sink.Get(), filters.front().Get());
   for (std::size_t i = 1; i < filters.size(); ++i) {
     gst_element_unlink(filters[i - 1].Get(), filters[i].Get());
     check::bin::RemoveElement(filterBin, *filters[i - 1], kBinError);
   }
-  gst_element_unlink(filters.back().Get(), source_filter.Get());
+  gst_element_unlink(filters.back().Get(), ends.source.Get());
   check::bin::RemoveElement(filterBin, *filters.back(), kBinError);
 }
 
@@ -68,10 +72,10 @@ using Change = std::function<void(GstBin&, Filters)>;
 
 // Puts back the chain that was there before a change, whatever the failed change has left.
 void Restore(GstBin& filterBin, const Filters& before) {
-  const auto [sink_filter, source_filter] = GetEnds(filterBin);
-  gst_element_unlink(sink_filter.Get(), source_filter.Get());
+  const Ends ends = GetEnds(filterBin);
+  gst_element_unlink(ends.sink.Get(), ends.source.Get());
   for (const auto& element : Collect<GstElement>(gst_bin_iterate_elements(&filterBin))) {
-    if (element != sink_filter && element != source_filter) {
+    if (element != ends.sink && element != ends.source) {
       check::bin::RemoveElement(filterBin, *element, kBinError);
     }
   }
@@ -89,7 +93,7 @@ void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
   };
   // A change that raised after it closed the chain itself stands.
   const auto undo = [&] {
-    if (!raised || !IsClosed(*GetEnds(filterBin).first)) {
+    if (!raised || !IsClosed(*GetEnds(filterBin).sink)) {
       Restore(filterBin, before);
     }
   };
@@ -120,12 +124,12 @@ void Initialize(GstBin& filterBin) {
 }
 
 Filters GetFilters(GstBin& filterBin) {
-  const auto [sink_filter, source_filter] = GetEnds(filterBin);
-  if (!IsClosed(*sink_filter)) {
+  const Ends ends = GetEnds(filterBin);
+  if (!IsClosed(*ends.sink)) {
     return {};
   }
   Filters filters;
-  for (auto current = Next(*sink_filter); current != source_filter; current = Next(*current)) {
+  for (auto current = Next(*ends.sink); current != ends.source; current = Next(*current)) {
     filters.push_back(current);
   }
   return filters;

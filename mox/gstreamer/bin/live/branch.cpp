@@ -38,15 +38,13 @@ bool HasAllEvents(GstPad& source, GstPad& sink) {
   return walk.second;
 }
 
-/** What a stop of the pipeline does to a wait. Once it has begun, an event that fails does no harm. */
-enum class OnStop { Raise, GoOn };
-
 // Blocks what is to enter the tee while its pads come and go. A pad that is requested while an event passes would miss
 // it, and at one that is released the event would fail, and with it the stream. A buffer inside the tee does no harm
 // and is not waited for, because it may stay long in the queue of a slow output.
 class BlockedTee {
  public:
-  BlockedTee(GstBin& outputBin, GstElement& tee, OnStop on_stop)
+  // A stop ends the wait. It raises `Stopped` or goes on, because by then an event that fails does no harm.
+  BlockedTee(GstBin& outputBin, GstElement& tee, bool raises)
       : sink_(GetSink(tee)),
         entrance_(check::pad::GetPeer(*sink_, kPadError)),
         probe_(*entrance_, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; }) {
@@ -55,7 +53,7 @@ class BlockedTee {
         Await(outputBin, probe_.GetFuture());
       }
     } catch (const Stopped&) {
-      if (on_stop == OnStop::Raise) {
+      if (raises) {
         throw;
       }
     }
@@ -166,29 +164,31 @@ void StopDropping(GstPad& pad) {
   gst_pad_remove_probe(&pad, GPOINTER_TO_SIZE(g_object_steal_data(G_OBJECT(&pad), kDrops)));
 }
 
+// Unlinks a branch, if it is linked, and releases its request pad.
 void Unlink(GstElement& tee, GstElement& first) {
-  const Ptr<GstPad> pad(gst_pad_get_peer(GetSink(first).Get()));
-  gst_element_unlink(&tee, &first);
-  gst_element_release_request_pad(&tee, pad.Get());
+  if (const Ptr<GstPad> pad(gst_pad_get_peer(GetSink(first).Get())); pad) {
+    gst_element_unlink(&tee, &first);
+    gst_element_release_request_pad(&tee, pad.Get());
+  }
 }
 
-// Returns the filter bin upstream of the output bin while data flows through it; empty for an output bin that stands
-// alone, and at the end of the stream.
+// Returns the filter bin that feeds the output bin; empty if there is none, or at the end of the stream.
 Ptr<GstElement> GetFilterBin(GstBin& outputBin) {
   const Ptr<GstPad> upstream(gst_pad_get_peer(GetSink(*GST_ELEMENT(&outputBin)).Get()));
   Ptr<GstElement> parent(upstream ? gst_pad_get_parent_element(upstream.Get()) : nullptr);
   return GST_IS_BIN(parent.Get()) && !GST_PAD_IS_EOS(upstream.Get()) ? std::move(parent) : Ptr<GstElement>();
 }
 
-// Links a running branch to the tee.
-void Join(GstBin& outputBin, GstElement& tee, GstElement& first, OnStop on_stop) {
+// Links a running branch to the tee. The placeholder accepts all caps, and is linked even if the pipeline is stopped.
+void Join(GstBin& outputBin, GstElement& tee, GstElement& first, bool is_placeholder) {
   const auto filter_bin = GetFilterBin(outputBin);
   const auto link = [&] { check::element::LinkElement(tee, first, kElementError); };
   {
-    const BlockedTee blocked(outputBin, tee, on_stop);
+    const BlockedTee blocked(outputBin, tee, !is_placeholder);
     const auto caps = blocked.GetCaps();
     // Another branch may just have ruled out the caps that flow.
-    const bool accepted = caps && AcceptsCaps(*GetSink(tee), *caps) && AcceptsCaps(*GetSink(first), *caps);
+    const bool accepted =
+        is_placeholder || (caps && AcceptsCaps(*GetSink(tee), *caps) && AcceptsCaps(*GetSink(first), *caps));
     if (!accepted) {
       CheckSharedCaps(tee, first);
     }
@@ -222,7 +222,7 @@ void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
     if (!is_placeholder) {
       check::element::LinkElement(*first, *last, kElementError);
     }
-    Join(outputBin, tee, *first, is_placeholder ? OnStop::GoOn : OnStop::Raise);
+    Join(outputBin, tee, *first, is_placeholder);
   } catch (...) {
     lock.emplace(*GST_ELEMENT(&outputBin));
     TakeOut(outputBin, *last);
@@ -250,7 +250,7 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
     throw;
   }
 
-  const BlockedTee blocked(outputBin, tee, OnStop::GoOn);
+  const BlockedTee blocked(outputBin, tee, false);
   gst_element_unlink(branch.front().Get(), branch.back().Get());
   Unlink(tee, *branch.front());
   for (auto element = branch.rbegin(); element != branch.rend(); ++element) {

@@ -38,8 +38,8 @@ Ptr<GstTask> GetTask(GstPad& pad) {
 /** The task whose thread pushes what comes to a pad. */
 struct Pusher {
   Ptr<GstTask> task;
-  Ptr<GstPad> source;      ///< The pad of its element that it pushes from.
-  bool is_source = false;  ///< Whether the element has no input.
+  Ptr<GstPad> source;      ///< The pad that it pushes from.
+  bool is_source = false;  ///< Whether its element has no input.
 };
 
 // Empty if an element upstream has several inputs, or if data comes from a thread of the program.
