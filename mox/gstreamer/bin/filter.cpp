@@ -68,8 +68,6 @@ bool IsClosed(GstElement& sinkFilter) {
   return gst_pad_is_linked(check::element::GetPad(sinkFilter, "src", kElementError).Get()) != FALSE;
 }
 
-using Change = std::function<void(GstBin&, Filters)>;
-
 // Puts back the chain that was there before a change, whatever the failed change has left.
 void Restore(GstBin& filterBin, const Filters& before) {
   const Ends ends = GetEnds(filterBin);
@@ -83,7 +81,7 @@ void Restore(GstBin& filterBin, const Filters& before) {
 }
 
 // Makes a change of the chain while data flows.
-void Block(GstBin& filterBin, const Change& change, const Filters& filters) {
+void Block(GstBin& filterBin, const std::function<void(GstBin&, Filters)>& change, const Filters& filters) {
   const Filters before = GetFilters(filterBin);
   bool raised = false;
   const auto make = [&] {

@@ -71,14 +71,11 @@ Pusher FindPusher(GstPad& feeding) {
 
 Ptr<GstPad> FindFeedingPad(GstBin& filterBin) {
   const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
-  auto peer = check::pad::GetPeer(*sink, kPadError);
+  const auto peer = check::pad::GetPeer(*sink, kPadError);
   const auto upstream = check::pad::GetParentElement(*peer, kPadError);
   const Ptr<GstElement> converter(
       GST_IS_BIN(upstream.Get()) ? gst_bin_get_by_name(GST_BIN(upstream.Get()), kColorConverter) : nullptr);
-  if (!converter) {
-    return peer;
-  }
-  return check::pad::GetPeer(*check::element::GetPad(*converter, "sink", kElementError), kPadError);
+  return converter ? check::pad::GetPeer(*check::element::GetPad(*converter, "sink", kElementError), kPadError) : peer;
 }
 
 bool HasStreamEnded(GstPad& feeding) {
