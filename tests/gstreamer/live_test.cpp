@@ -173,8 +173,8 @@ TEST_F(Live, AStopEndsAChangeThatWaits) {
   constexpr Row kRows[] = {
       {"a frame of a silent source", " ! valve name=valve", "identity", false},
       {"the EOS that a closed filter drops", "", "identity ! valve name=valve", false},
-      {"a frame behind one that an output does not take", "", "identity", true},
-      {"the EOS in a queue behind such a frame", "", "queue max-size-buffers=1", true},
+      {"a frame after one that an output does not take", "", "identity", true},
+      {"the EOS in a queue after such a frame", "", "queue max-size-buffers=1", true},
   };
   for (const auto& row : kRows) {
     for (const bool adds_output : {false, true}) {

@@ -60,7 +60,7 @@ struct Drained {
   std::promise<void> promise;
 };
 
-// Sends an EOS through the filter bin and drops it where it leaves the bin, behind the last of the data. A flush ends
+// Sends an EOS through the filter bin and drops it where it leaves the bin, after the last of the data. A flush ends
 // the drain too, because it discards the data and the EOS.
 void Drain(GstBin& changed, GstPad& sink, GstPad& source) {
   // Without a segment no buffer has come. There is nothing to drain, and some filters would keep the EOS.
