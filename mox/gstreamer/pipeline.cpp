@@ -137,14 +137,16 @@ class Pipeline::Impl {
     // The pipeline stops around its bins. It must not start one while another is still being stopped.
     LockBins(TRUE);
     gst_element_set_state(&Element(), GST_STATE_NULL);
+    bool stopped = false;
     try {
       const auto blocked_eos = BlockEos(FilterBin());
       for (GstElement* const bin : GetBins()) {
         check::element::SetNullState(*bin, bin::kElementError);
       }
+      stopped = true;
       bin::input::SetInput(InputBin(), input);
     } catch (...) {
-      if (input) {
+      if (stopped && input) {
         bin::TakeOut(InputBin(), *input);
       }
       // The next exchange starts the bins again.
@@ -206,7 +208,7 @@ class Pipeline::Impl {
     const Lock lock(mutex_);
     // The reader may have taken the message off the bus before its stream was stopped, or as its start failed.
     const guint32 sent_at = gst_message_get_seqnum(const_cast<GstMessage*>(&message));
-    if (enable_ || (gst_util_seqnum_compare(sent_at, stopped_at_) > 0 && !start_failed_)) {
+    if (enable_ || (gst_util_seqnum_compare(sent_at, stopped_at_) > 0 && !HasStartFailed())) {
       state_ = State::Playing;
     }
   }
@@ -218,7 +220,10 @@ class Pipeline::Impl {
   }
 
   // The state that the pipeline is to have, as this class or the program set it last.
-  GstState GetTarget() const { return start_failed_ ? GST_STATE_NULL : GST_STATE_TARGET(pipeline_.Get()); }
+  GstState GetTarget() const { return HasStartFailed() ? GST_STATE_NULL : GST_STATE_TARGET(pipeline_.Get()); }
+
+  // Returns true until the pipeline is stopped, or the program gives it a state itself.
+  bool HasStartFailed() const { return start_failed_ && HasFailed(Element()); }
 
   // Returns true if an element has posted an ERROR or refused a state since the bin was last given one. Until it is
   // given one again, GStreamer brings none of its elements to PLAYING.

@@ -7,12 +7,9 @@
 namespace mox::gstreamer::bin::live {
 
 /**
- * Lets allocation queries overtake what an output's queue holds. Queued up, a query would block the stream until a slow
- * output has taken everything in front of it; here it waits for the buffer that the output is busy with.
- *
- * While the output bin goes to PLAYING the query is refused if the output is busy: the output may be waiting for the
- * preroll of another one, which needs the buffers that the query holds up. The queue sends a reconfigure event upstream
- * once the bin plays, so that allocation is negotiated again.
+ * Lets allocation queries overtake what an output's queue holds: they wait for the buffer that the output is busy with.
+ * If the output may be waiting for the preroll of another, which needs what the query holds up, the query is refused,
+ * and the queue lets upstream ask again once the output bin plays.
  */
 void LetAllocationOvertake(GstElement& queue);
 

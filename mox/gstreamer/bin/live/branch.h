@@ -14,8 +14,8 @@ namespace mox::gstreamer::bin::live {
 using Branch = std::vector<Ptr<GstElement>>;
 
 /**
- * Starts the branch and links it to the tee while data flows. If the caps that flow are not accepted, the stream is
- * drained and renegotiates. A branch that fails is taken out of the bin again, in NULL.
+ * Starts the branch and links it to the tee while data flows. If it rejects the caps that flow, the stream is drained
+ * and renegotiates. A branch that fails is taken out of the bin again, in NULL.
  *
  * @throws std::runtime_error if an element cannot be added, started or linked; or what `RunDrained` raises
  * @throws Stopped if the pipeline is stopped meanwhile, unless the branch is the placeholder
@@ -23,10 +23,9 @@ using Branch = std::vector<Ptr<GstElement>>;
 void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch);
 
 /**
- * Stops the branch, unlinks it, releases its request pad and takes it out of the bin. The other branches lose nothing.
+ * Stops the branch, releases its request pad and takes it out of the bin. The other branches lose nothing.
  *
- * @throws std::runtime_error if an element refuses to stop; the branch stays
- * @throws Stopped if the pipeline is stopped before the branch is; the branch stays
+ * @throws std::runtime_error if an element refuses to stop, Stopped if the pipeline stops first; the branch stays
  */
 void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch);
 

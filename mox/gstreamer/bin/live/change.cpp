@@ -6,10 +6,11 @@
 #include "mox/gstreamer/check/event.h"
 #include "mox/gstreamer/check/pad.h"
 #include "mox/gstreamer/iterator.h"
-#include "mox/gstreamer/pad_probe.h"
 #include "mox/gstreamer/scoped_probe.h"
 
 #include <atomic>
+#include <exception>
+#include <future>
 #include <memory>
 #include <stdexcept>
 
@@ -18,74 +19,103 @@ namespace {
 
 constexpr auto kStops = "mox-stops";
 
-// Blocks a pad with the next item that a streaming thread brings. The thread stays in the probe until the change is
-// made, because its stream lock keeps the end of a flush from starting threads of filters that are just being stopped.
-class BlockedPad {
- public:
-  explicit BlockedPad(GstPad& pad)
-      : probe_(pad, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
-               [blocked = blocked_, changed = changed_.get_future().share()](GstPad&, GstPadProbeInfo&) {
-                 blocked->set_value();
-                 changed.wait();
-                 return GST_PAD_PROBE_OK;
-               }) {}
-  ~BlockedPad() { changed_.set_value(); }
-
-  /** Waits for the item. */
-  void Wait(GstBin& changed) {
-    const auto blocked = blocked_->get_future();
-    while (blocked.wait_for(kSlice) != std::future_status::ready) {
-      CheckStop(changed);  // first, because a change that a stop has ended may end the stream
-      if (HasStreamEnded(probe_.GetPad())) {
-        throw std::runtime_error("Cannot change the filters because the stream has ended");
-      }
+/** What the thread that makes a change shares with probes, which may outlast it. */
+struct Shared {
+  void End() {
+    if (!has_ended.exchange(true)) {
+      end.set_value();
     }
   }
 
- private:
-  const std::shared_ptr<std::promise<void>> blocked_ = std::make_shared<std::promise<void>>();
-  std::promise<void> changed_;
-  PadProbe probe_;
-};
-
-/** The end of a drain, shared with the probes, which may outlast it. */
-struct Drained {
-  void Raise() {
-    if (!raised.exchange(true)) {
-      promise.set_value();
-    }
-  }
-
-  std::atomic<bool> raised = false;
-  std::promise<void> promise;
+  std::atomic<bool> is_taken = false;  ///< An item is blocked, or none is waited for any more.
+  std::atomic<bool> has_ended = false;
+  std::promise<void> end;      ///< The EOS, or a flush, has left the bin.
+  std::promise<void> drained;  ///< Or has failed to.
+  std::promise<void> changed;  ///< The change has been made or has failed.
 };
 
 // Sends an EOS through the filter bin and drops it where it leaves the bin, after the last of the data. A flush ends
 // the drain too, because it discards the data and the EOS.
-void Drain(GstBin& changed, GstPad& sink, GstPad& source) {
+void Drain(GstPad& sink, GstPad& source, const std::shared_ptr<Shared>& shared) {
   // Without a segment no buffer has come. There is nothing to drain, and some filters would keep the EOS.
   if (!Ptr<GstEvent>(gst_pad_get_sticky_event(&sink, GST_EVENT_SEGMENT, 0))) {
     return;
   }
-  const auto drained = std::make_shared<Drained>();
   constexpr auto blocks_events = GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM;
-  const ScopedProbe eos(source, blocks_events, [drained](GstPadProbeInfo& info) {
+  const ScopedProbe eos(source, blocks_events, [shared](GstPadProbeInfo& info) {
     // A filter may push events of its own first.
     if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(&info)) != GST_EVENT_EOS) {
       return GST_PAD_PROBE_PASS;
     }
-    drained->Raise();
+    shared->End();
     return GST_PAD_PROBE_DROP;
   });
-  const ScopedProbe flush(source, GST_PAD_PROBE_TYPE_EVENT_FLUSH, [drained](GstPadProbeInfo&) {
-    drained->Raise();
+  const ScopedProbe flush(source, GST_PAD_PROBE_TYPE_EVENT_FLUSH, [shared](GstPadProbeInfo&) {
+    shared->End();
     return GST_PAD_PROBE_OK;
   });
   // A bin that refuses the EOS is open, has failed or is flushing, and has nothing left to drain.
   if (gst_pad_send_event(&sink, check::event::MakeEos("Event Error: ").Ref())) {
-    Await(changed, drained->promise.get_future());
+    shared->end.get_future().wait();
   }
 }
+
+// Blocks the feeding pad with the next item and drains the filter bin. The streaming thread that brings the item sends
+// the EOS, which a stop must be able to end, and stays in the probe until the change is made: its stream lock keeps the
+// end of a flush from starting threads of filters that are just being stopped.
+class Block {
+ public:
+  Block(GstPad& feeding, const Ptr<GstPad>& sink, const Ptr<GstPad>& source)
+      : feeding_(feeding),
+        sink_(sink),
+        probe_(feeding, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [shared = shared_, sink, source](GstPadProbeInfo& info) {
+          const bool is_event = (info.type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) != 0;
+          if (is_event && !GST_EVENT_IS_SERIALIZED(GST_PAD_PROBE_INFO_EVENT(&info))) {
+            return GST_PAD_PROBE_PASS;  // comes from any thread, maybe while a buffer is on its way
+          }
+          if (!shared->is_taken.exchange(true)) {
+            try {
+              Drain(*sink, *source, shared);
+              shared->drained.set_value();
+            } catch (...) {
+              shared->drained.set_exception(std::current_exception());
+            }
+            shared->changed.get_future().wait();
+          }
+          return GST_PAD_PROBE_OK;
+        }) {}
+  ~Block() { shared_->changed.set_value(); }
+
+  /** Waits until the bin is drained. A stop, or the end of the stream, ends the wait. */
+  void Wait(GstBin& changed) try {
+    auto drained = shared_->drained.get_future();
+    while (drained.wait_for(kSlice) != std::future_status::ready) {
+      CheckStop(changed);
+      if (HasStreamEnded(feeding_) && !shared_->is_taken.exchange(true)) {
+        throw std::runtime_error("Cannot change the filters because the stream has ended");
+      }
+    }
+    drained.get();
+  } catch (const Stopped&) {
+    if (shared_->is_taken.exchange(true)) {
+      // Discard the EOS of the drain. It would reach the outputs, or end the next drain too early.
+      gst_pad_send_event(sink_.Get(), gst_event_new_flush_start());
+      shared_->End();
+      gst_pad_send_event(sink_.Get(), gst_event_new_flush_stop(FALSE));
+      const auto upstream = check::pad::GetPeer(*sink_, kPadError);
+      if (const Ptr<GstEvent> segment(gst_pad_get_sticky_event(upstream.Get(), GST_EVENT_SEGMENT, 0)); segment) {
+        gst_pad_send_event(sink_.Get(), segment.Ref());
+      }
+    }
+    throw;
+  }
+
+ private:
+  GstPad& feeding_;
+  const Ptr<GstPad> sink_;
+  const std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
+  ScopedProbe probe_;
+};
 
 // Makes the change on the drained filter bin and leaves the bin running, even if the change fails.
 void ChangeDrained(GstBin& filterBin, GstPad& feeding, GstPad& sink, const Change& change) {
@@ -112,7 +142,7 @@ void ChangeDrained(GstBin& filterBin, GstPad& feeding, GstPad& sink, const Chang
 }
 
 // Lets data flow again through filters that refused to stop.
-void Reopen(GstBin& filterBin, GstPad& feeding, GstPad& sink, GstPad& source) {
+void Reopen(GstBin& filterBin, GstPad& feeding, GstPad& sink, GstPad& source) noexcept try {
   // A bin deactivates its source pads before its children refuse, and does not activate them again.
   gst_pad_set_active(&source, TRUE);
   for (const auto& filter : Collect<GstElement>(gst_bin_iterate_elements(&filterBin))) {
@@ -124,6 +154,7 @@ void Reopen(GstBin& filterBin, GstPad& feeding, GstPad& sink, GstPad& source) {
   if (const Ptr<GstEvent> start(gst_pad_get_sticky_event(&feeding, GST_EVENT_STREAM_START, 0)); start) {
     gst_pad_send_event(&sink, gst_event_copy(start.Get()));
   }
+} catch (...) {  // the change itself raises what is amiss
 }
 
 }  // namespace
@@ -142,17 +173,14 @@ void CheckStop(GstBin& bin) {
 }
 
 void RunDrained(GstBin& filterBin, const Change& change) {
-  // A change that a stop has ended may have left its EOS in the filters, where it would end another drain too early.
-  CheckStop(change.changed);
   const auto feeding = FindFeedingPad(filterBin);
   const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
   const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", kElementError);
-  BlockedPad blocked(*feeding);
-  blocked.Wait(change.changed);
+  Block block(*feeding, sink, source);
+  block.Wait(change.changed);
 
   std::exception_ptr error;
   try {
-    Drain(change.changed, *sink, *source);
     ChangeDrained(filterBin, *feeding, *sink, change);
   } catch (...) {
     error = std::current_exception();

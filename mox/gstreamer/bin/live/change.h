@@ -49,7 +49,7 @@ inline constexpr auto kIdleOrBlocked =
 /** What is done to a drained filter bin, or downstream of it. */
 struct Change {
   GstBin& changed;             ///< The bin whose stop ends the change.
-  GstElement& named;           ///< Named by the error if upstream cannot send the caps that are needed now.
+  GstElement& named;           ///< Named if upstream cannot send the caps that it needs.
   std::function<void()> make;  ///< Makes the change; called once, with the filter bin in NULL.
   std::function<void()> undo;  ///< Puts back what was there, with the filter bin in NULL if it stops.
 };
@@ -57,9 +57,7 @@ struct Change {
 /**
  * Makes a change while data flows: blocks upstream of the filter bin, drains it with an EOS, stops it, makes the
  * change, starts the bin and unblocks. No buffer is lost, and the EOS does not leave the bin. A change that fails is
- * undone, and the stream goes on.
- *
- * Waits for the next item to reach the bin, then until the bin is drained. Not from a streaming thread.
+ * undone, and the stream goes on. Waits for the next item to reach the bin, then until the bin is drained.
  *
  * @throws std::runtime_error "Cannot change the filters because the stream has ended"; or what the change, a state
  * change or the negotiation of caps raises

@@ -10,9 +10,7 @@ namespace mox::gstreamer::bin::live {
 
 /**
  * Returns the pad that feeds a filter bin: the one upstream of the colour converter, so that a buffer that waits there
- * can still be converted, or the peer of the bin's "sink" if there is no converter.
- *
- * @throws std::runtime_error if nothing is linked there
+ * can still be converted, or the peer of the bin's "sink". @throws std::runtime_error if nothing is linked there
  */
 Ptr<GstPad> FindFeedingPad(GstBin& filterBin);
 
@@ -23,10 +21,8 @@ bool HasStreamEnded(GstPad& feeding);
 bool AcceptsCaps(GstPad& sink, GstCaps& caps);
 
 /**
- * Checks that the caps that flow at the feeding pad can be converted for the filter bin's `sink`, or that their source
- * can renegotiate. Otherwise the next buffer would end the stream with not-negotiated.
- *
- * @throws std::runtime_error that names the feeding element and `changed`
+ * Checks that the caps at the feeding pad can be converted for the filter bin's `sink`, or that their source can
+ * renegotiate. Otherwise the next buffer would end the stream. @throws std::runtime_error with the names of the two
  */
 void CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed);
 
@@ -34,10 +30,8 @@ void CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed);
 void Renegotiate(GstPad& sink);
 
 /**
- * Checks that upstream, the branches of the tee and a new branch have caps in common. A tee links a branch without
- * asking the others.
- *
- * @throws std::runtime_error that names the tee and `first`, the upstream end of the branch
+ * Checks that upstream, the branches of the tee and a new branch have caps in common, because a tee links a branch
+ * without asking the others. @throws std::runtime_error with the names of the two
  */
 void CheckSharedCaps(GstElement& tee, GstElement& first);
 
