@@ -91,8 +91,7 @@ class Pipeline::Impl {
       SetEnable(false);
     } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell
     }
-    // A start that failed leaves elements part of the way up. Beside an element that refuses to stop, the threads of
-    // others would go on, and the end of the session would wait for them.
+    // A failed start leaves elements part of the way up; beside one that refuses to stop, the threads of others go on.
     if (gst_element_set_state(&Element(), GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
       StopEach(Whole());
       gst_element_set_state(&Element(), GST_STATE_NULL);
@@ -213,7 +212,7 @@ class Pipeline::Impl {
     }
   }
 
-  // The pipeline is stopped: a message that tells of the start of an earlier stream is late.
+  // A stream-start message of a stopped pipeline is late.
   void ForgetStreams() {
     start_failed_ = false;
     stopped_at_ = gst_util_seqnum_next();
@@ -239,7 +238,6 @@ class Pipeline::Impl {
     }
     const GstState target = GetTarget();
     if (target == GST_STATE_NULL) {
-      const auto blocked_eos = BlockEos(FilterBin());
       gst_element_set_state(&Element(), GST_STATE_NULL);
       ForgetStreams();
       return;

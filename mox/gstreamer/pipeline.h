@@ -28,6 +28,7 @@ namespace mox::gstreamer {
  * call on it is misuse. Elements are shared: the caller's handles stay the caller's.
  *
  * A program may set the state itself, through `Get()`: to PAUSED, for one. The pipeline keeps to that target state.
+ * Only `SetEnable` may stop it during another call.
  *
  * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", destroying it does nothing.
  * Failing GStreamer calls raise std::runtime_error with a text that names the objects.

@@ -220,6 +220,30 @@ TEST_F(Live, AStopEndsAChangeThatWaits) {
   }
 }
 
+// As an encoder that pushes what it has kept.
+TEST_F(Live, AStopEndsTheEosOfAFilterThatPushesMore) {
+  std::atomic<bool> is_pushing = false;
+  const auto filter = Make("identity");
+  const auto stuck = Make("fakesink");
+  Stream stream(MakeSource(true), {filter});
+  AddProbe(*PadOf(*stuck, "sink"), GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER,
+           [](auto&...) { return GST_PAD_PROBE_OK; });
+  stream.pipeline.AddOutputs({stuck});
+  AddProbe(*PadOf(*filter, "sink"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [&](GstPad&, auto& info) {
+    is_pushing = GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(&info)) == GST_EVENT_EOS;
+    while (is_pushing) {
+      is_pushing = gst_pad_push(PadOf(*filter, "src").Get(), gst_buffer_new()) == GST_FLOW_OK;
+    }
+    return GST_PAD_PROBE_OK;
+  });
+  auto change =
+      std::async(std::launch::async, [&] { return ErrorOf([&] { stream.pipeline.AddFilters({Make("identity")}); }); });
+  Await([&] { return is_pushing.load(); });
+  SetDeadline(15);
+  stream.pipeline.SetEnable(false);
+  EXPECT_EQ(change.get(), "Cannot change the filters because the pipeline is being stopped");
+}
+
 TEST_F(Live, AStopLeavesThePlaceholderOfAnOutputThatWasToBeTheFirst) {
   Stream stream(MakeSource(false, ",format=I420 ! valve name=valve"), {}, false);
   const auto second = Parse("capsfilter caps=video/x-raw,format=RGB ! fakesink");

@@ -39,8 +39,8 @@ MOX_EXPORT void Initialize(GstBin& outputBin);
 MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin);
 
 /**
- * Attaches each element as a new branch, in the order given, and brings it to the state of the bin. A new branch starts
- * with the first whole frame; the others lose nothing. Waits for the frame that is passing the placeholder, if any.
+ * Attaches each element as a new branch, in the order given, in the state of the bin. It starts with the first whole
+ * frame; the others lose nothing. The first waits for the frame in the placeholder: if paused, until the bin plays.
  *
  * If the new output accepts the caps that flow, the stream resumes once every output has finished its current frame. If
  * not, the stream renegotiates to caps that all accept, which waits like a change of the filters and loses no frame. An

@@ -100,8 +100,8 @@ void WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch) {
   Await(outputBin, idle.GetFuture());
 }
 
-// Lets the sinks of an output start without preroll. A sink that prerolls takes the whole pipeline back to PAUSED,
-// where other outputs may wait for it while it waits for the buffers that they hold up.
+// Lets the sinks of an output start without preroll. One that prerolls takes the whole pipeline back to PAUSED, where
+// other outputs may wait for it while it waits for the buffers that they hold up.
 class NoPreroll {
  public:
   explicit NoPreroll(const Ptr<GstElement>& output) {

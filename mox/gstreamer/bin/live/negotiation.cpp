@@ -27,22 +27,14 @@ Ptr<GstPad> Unwrap(Ptr<GstPad> pad) {
   return pad;
 }
 
-Ptr<GstTask> GetTask(GstPad& pad) {
-  GST_OBJECT_LOCK(&pad);
-  GstTask* const task = GST_PAD_TASK(&pad);
-  Ptr<GstTask> owned(task != nullptr ? GST_TASK(gst_object_ref(task)) : nullptr);
-  GST_OBJECT_UNLOCK(&pad);
-  return owned;
-}
-
 /** The task whose thread pushes what comes to a pad. */
 struct Pusher {
-  Ptr<GstTask> task;
+  GstTaskState state = GST_TASK_STOPPED;
   Ptr<GstPad> source;      ///< The pad that it pushes from.
   bool is_source = false;  ///< Whether its element has no input.
 };
 
-// Empty if an element upstream has several inputs, or if data comes from a thread of the program.
+// Stopped if an element upstream has several inputs, or if data comes from a thread of the program.
 Pusher FindPusher(GstPad& feeding) {
   auto source = Unwrap(Ptr<GstPad>(GST_PAD(gst_object_ref(&feeding))));
   while (source) {
@@ -50,12 +42,12 @@ Pusher FindPusher(GstPad& feeding) {
     auto sinks = element ? Collect<GstPad>(gst_element_iterate_sink_pads(element.Get())) : std::vector<Ptr<GstPad>>();
     const auto is_unlinked = [](const Ptr<GstPad>& sink) { return !gst_pad_is_linked(sink.Get()); };
     sinks.erase(std::remove_if(sinks.begin(), sinks.end(), is_unlinked), sinks.end());
-    auto task = GetTask(*source);
-    if (!task && sinks.size() == 1) {
-      task = GetTask(*sinks.front());  // an element that pulls
+    auto state = gst_pad_get_task_state(source.Get());
+    if (state == GST_TASK_STOPPED && sinks.size() == 1) {
+      state = gst_pad_get_task_state(sinks.front().Get());  // an element that pulls
     }
-    if (task || sinks.size() != 1) {
-      return {std::move(task), std::move(source), sinks.empty()};
+    if (state != GST_TASK_STOPPED || sinks.size() != 1) {
+      return {state, std::move(source), sinks.empty()};
     }
     source = Unwrap(Ptr<GstPad>(gst_pad_get_peer(sinks.front().Get())));
   }
@@ -84,8 +76,7 @@ bool HasStreamEnded(GstPad& feeding) {
   }
   // A queue pauses its task without an EOS. A source tries again after not-negotiated and keeps its task running.
   const auto pusher = FindPusher(feeding);
-  return pusher.task && gst_task_get_state(pusher.task.Get()) != GST_TASK_STARTED &&
-         gst_pad_get_last_flow_return(pusher.source.Get()) <= GST_FLOW_EOS;
+  return pusher.state == GST_TASK_PAUSED && gst_pad_get_last_flow_return(pusher.source.Get()) <= GST_FLOW_EOS;
 }
 
 bool AcceptsCaps(GstPad& sink, GstCaps& caps) {
@@ -96,12 +87,9 @@ bool AcceptsCaps(GstPad& sink, GstCaps& caps) {
 void CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
   // Usually nothing needs to be converted in another way. To ask the converter costs as much as all the rest.
   const Ptr<GstCaps> converted(gst_pad_get_current_caps(check::pad::GetPeer(sink, kPadError).Get()));
-  if (converted && AcceptsCaps(sink, *converted)) {
-    return;
-  }
   const Ptr<GstCaps> flowing(gst_pad_get_current_caps(&feeding));
   const auto fed = check::pad::GetPeer(feeding, kPadError);
-  if (!flowing || AcceptsCaps(*fed, *flowing)) {
+  if ((converted && AcceptsCaps(sink, *converted)) || !flowing || AcceptsCaps(*fed, *flowing)) {
     return;
   }
   // A source that pushes itself drops the buffer that is refused and renegotiates. A queue or a decoder keeps its caps.
