@@ -60,18 +60,17 @@ ScopedProbe BlockEos(GstBin& filterBin) {
 }
 
 // Stops every element of the bin, sinks first. One that refuses to is taken out, because its bin could not stop either.
-void StopEach(GstBin& bin) {
+void StopEach(GstBin& bin) noexcept try {
   for (const auto& element : Collect<GstElement>(gst_bin_iterate_sorted(&bin))) {
-    if (gst_element_set_state(element.Get(), GST_STATE_NULL) != GST_STATE_CHANGE_FAILURE) {
-      continue;
-    }
-    if (GST_IS_BIN(element.Get())) {
+    const bool refuses = gst_element_set_state(element.Get(), GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE;
+    if (refuses && GST_IS_BIN(element.Get())) {
       StopEach(*GST_BIN(element.Get()));
       gst_element_set_state(element.Get(), GST_STATE_NULL);
-    } else {
+    } else if (refuses) {
       gst_bin_remove(&bin, element.Get());
     }
   }
+} catch (...) {  // there is no memory, and nobody to tell
 }
 
 }  // namespace
@@ -221,7 +220,6 @@ class Pipeline::Impl {
   // The state that the pipeline is to have, as this class or the program set it last.
   GstState GetTarget() const { return HasStartFailed() ? GST_STATE_NULL : GST_STATE_TARGET(pipeline_.Get()); }
 
-  // Returns true until the pipeline is stopped, or the program gives it a state itself.
   bool HasStartFailed() const { return start_failed_ && HasFailed(Element()); }
 
   // Returns true if an element has posted an ERROR or refused a state since the bin was last given one. Until it is

@@ -69,8 +69,7 @@ class Block {
       : feeding_(feeding),
         sink_(sink),
         probe_(feeding, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [shared = shared_, sink, source](GstPadProbeInfo& info) {
-          const bool is_event = (info.type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) != 0;
-          if (is_event && !GST_EVENT_IS_SERIALIZED(GST_PAD_PROBE_INFO_EVENT(&info))) {
+          if (GST_IS_EVENT(info.data) && !GST_EVENT_IS_SERIALIZED(info.data)) {
             return GST_PAD_PROBE_PASS;  // comes from any thread, maybe while a buffer is on its way
           }
           if (!shared->is_taken.exchange(true)) {
@@ -84,7 +83,10 @@ class Block {
           }
           return GST_PAD_PROBE_OK;
         }) {}
-  ~Block() { shared_->changed.set_value(); }
+  ~Block() {
+    shared_->is_taken = true;
+    shared_->changed.set_value();
+  }
 
   /** Waits until the bin is drained. A stop, or the end of the stream, ends the wait. */
   void Wait(GstBin& changed) try {
