@@ -21,7 +21,6 @@ void Add(GstBin& bin, const Ptr<GstElement>& element) {
 
 void Sync(GstElement& element) {
   check::element::SyncWithParent(element, kElementError);
-  // A bin that loses a sink on its way to PLAYING is back at PAUSED until its own parent moves it on.
   const Ptr<GstObject> parent(gst_object_get_parent(GST_OBJECT_CAST(&element)));
   GST_OBJECT_LOCK(parent.Get());
   const GstState target = GST_STATE_TARGET(parent.Get());

@@ -20,7 +20,7 @@ bool Holds(GstBin& bin, const char* name) noexcept;
 /** Adds the element to the bin, which ends up owning exactly one reference; the handle keeps its own. */
 void Add(GstBin& bin, const Ptr<GstElement>& element);
 
-/** Brings an element to the target state of its bin, even if the bin itself is still on its way there. */
+/** Brings an element to the target state of its bin, even if the bin has lost a sink and is back at PAUSED. */
 void Sync(GstElement& element);
 
 /** Stops an element that could not be linked and removes it from the bin, if it is in there. */

@@ -69,7 +69,8 @@ class Block {
       : feeding_(feeding),
         sink_(sink),
         probe_(feeding, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [shared = shared_, sink, source](GstPadProbeInfo& info) {
-          if (GST_IS_EVENT(info.data) && !GST_EVENT_IS_SERIALIZED(info.data)) {
+          if (GST_IS_EVENT(info.data) &&
+              (gst_event_type_get_flags(GST_EVENT_TYPE(info.data)) & GST_EVENT_TYPE_SERIALIZED) == 0) {
             return GST_PAD_PROBE_PASS;  // comes from any thread, maybe while a buffer is on its way
           }
           if (!shared->is_taken.exchange(true)) {

@@ -31,7 +31,7 @@ class StopRequest {
 /** @throws Stopped if a stop of the bin is requested */
 void CheckStop(GstBin& bin);
 
-/** How often a wait looks for what nobody announces: a stop, or a task that has paused. */
+/** How often a wait checks for what nobody announces: a stop, or a task that has paused. */
 inline constexpr auto kSlice = std::chrono::milliseconds(10);
 
 /** Waits for the future. @throws Stopped if a stop of the bin is requested first */
