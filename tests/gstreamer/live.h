@@ -103,7 +103,8 @@ void Await(const Condition& condition) {
   }
 }
 
-/** Whether the event starts another stream, of another group, than this. A pad linked anew hears it again. */
+/** Whether the event starts another stream, of another group, than this. A pad that is linked again receives it again.
+ */
 inline bool Starts(GstEvent& event, guint& stream) {
   const guint before = stream;
   return GST_EVENT_TYPE(&event) == GST_EVENT_STREAM_START && gst_event_parse_group_id(&event, &stream) != FALSE &&
@@ -132,10 +133,10 @@ class Watch {
     Await([this, target = frames + count] { return frames >= target; });
   }
 
-  /** Expects the stream to go on, and no more frames to be lost than were given up. */
-  void ExpectWhole(std::size_t given_up = 0) const {
+  /** Expects the stream to go on, and no more frames to be lost than may be dropped. */
+  void ExpectWhole(std::size_t dropped = 0) const {
     AwaitFrames(10);
-    EXPECT_LE(lost, given_up);
+    EXPECT_LE(lost, dropped);
     EXPECT_EQ(misplaced + eos, 0U);
   }
 

@@ -189,7 +189,12 @@ TEST_F(Live, AStopEndsAChangeThatWaits) {
           return GST_PAD_PROBE_OK;
         });
         stream.pipeline.AddOutputs({stuck});
-        Await([&, queue = stream.pipeline.GetOutputs().at(1).queue] { return is_taken && HasWaitingPush(*queue); });
+        // A push that has just filled the queue is over by the next look.
+        int looks = 0;
+        Await([&, queue = stream.pipeline.GetOutputs().at(1).queue] {
+          looks = is_taken && HasWaitingPush(*queue) ? looks + 1 : 0;
+          return looks > 20;
+        });
       } else {
         g_object_set(valve.Get(), "drop", TRUE, nullptr);
       }
@@ -347,7 +352,7 @@ TEST_F(Live, AFilterChangeOutlastsAFlushingSeek) {
     stream.watch.AwaitFrames();
     next = true;
     auto change = std::async(std::launch::async, [&] { AddAndEraseFilter(stream.pipeline, "identity"); });
-    Await([&] { return !next; });
+    Await([&] { return !next || change.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
     gst_element_seek_simple(GST_ELEMENT(&stream.pipeline.Get()), GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, 0);
     change.get();
   }
