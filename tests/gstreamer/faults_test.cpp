@@ -268,10 +268,12 @@ TEST_F(Faulty, AnAllocationMayFail) {
   const auto have = [&](bool with_filter, bool with_output) {
     stream.watch.AwaitFrames();
     if (pipeline.GetFilters().empty() == with_filter) {
-      with_filter ? pipeline.AddFilters(filter) : pipeline.EraseFilters(filter);
+      const auto change = with_filter ? &Pipeline::AddFilters : &Pipeline::EraseFilters;
+      (pipeline.*change)(filter);
     }
     if ((pipeline.GetOutputs().size() == 2) != with_output) {
-      with_output ? pipeline.AddOutputs(output) : pipeline.EraseOutputs(output);
+      const auto change = with_output ? &Pipeline::AddOutputs : &Pipeline::EraseOutputs;
+      (pipeline.*change)(output);
     }
   };
   FailEachAllocation([&] { pipeline.AddFilters(filter); }, [&] { have(false, false); });

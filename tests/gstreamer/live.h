@@ -121,8 +121,11 @@ class Watch {
     constexpr auto items =
         GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM | GST_PAD_PROBE_TYPE_EVENT_FLUSH;
     probe_ = AddProbe(*pad_, items, [this](GstPad&, GstPadProbeInfo& info) {
-      const bool is_frame = (info.type & GST_PAD_PROBE_TYPE_BUFFER) != 0;
-      is_frame ? OnFrame(*GST_PAD_PROBE_INFO_BUFFER(&info)) : OnEvent(*GST_PAD_PROBE_INFO_EVENT(&info));
+      if ((info.type & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
+        OnFrame(*GST_PAD_PROBE_INFO_BUFFER(&info));
+      } else {
+        OnEvent(*GST_PAD_PROBE_INFO_EVENT(&info));
+      }
       return GST_PAD_PROBE_OK;
     });
   }

@@ -43,7 +43,11 @@ TEST_F(Live, ThousandsOfChangesBackToBackInTheMiddleOfEvents) {
         return GST_PAD_PROBE_OK;
       });
       stream.pipeline.AddOutputs({output.element});
-      alone ? output.AwaitFrames(1) : AddAndEraseFilter(stream.pipeline, i % 2 == 0 ? "identity" : "queue");
+      if (alone) {
+        output.AwaitFrames(1);
+      } else {
+        AddAndEraseFilter(stream.pipeline, i % 2 == 0 ? "identity" : "queue");
+      }
       stream.pipeline.EraseOutputs({output.element});
       EXPECT_EQ(output.lost + output.misplaced + output.eos, 0U);
     }
@@ -202,8 +206,11 @@ TEST_F(Live, AStopEndsAChangeThatWaits) {
 
       auto change = std::async(std::launch::async, [&] {
         return ErrorOf([&] {
-          adds_output ? stream.pipeline.AddOutputs({Parse("capsfilter caps=video/x-raw,format=RGB ! fakesink")})
-                      : stream.pipeline.AddFilters({Make("identity")});
+          if (adds_output) {
+            stream.pipeline.AddOutputs({Parse("capsfilter caps=video/x-raw,format=RGB ! fakesink")});
+          } else {
+            stream.pipeline.AddFilters({Make("identity")});
+          }
         });
       });
       ASSERT_EQ(change.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout) << change.get();
