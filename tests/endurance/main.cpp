@@ -177,9 +177,11 @@ struct Walker {
     }
   }
 
-  // A seek that does not flush waits for the streaming thread, which must not be waiting for a preroll.
+  // A seek that does not flush waits for the streaming thread, which must not be waiting for a preroll. A flush that
+  // meets the first events of a stream is an error for its source, so they have to be through.
   void Seek() {
     const std::unique_lock lock(ground.stopping);
+    ground.leaving.AwaitFrames(1);
     GstState state = GST_STATE_NULL;
     const auto settled = gst_element_get_state(GST_ELEMENT(&ground.whole), &state, nullptr, 0);
     const bool flushes = settled == GST_STATE_CHANGE_ASYNC || state != GST_STATE_PLAYING || Below(2) == 0;

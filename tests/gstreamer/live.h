@@ -150,10 +150,22 @@ class Watch {
   std::atomic<std::size_t> eos = 0;
 
  private:
+  // Returns true while the element, or a bin around it, stops. Sinks that have stopped make queues upstream drop
+  // buffers, and those that are still in PAUSED may receive later ones, which they never render.
+  bool IsStopping() const {
+    Ptr<GstObject> object(GST_OBJECT(gst_object_ref(element.Get())));
+    while (object && GST_STATE_TARGET(object.Get()) >= GST_STATE_PAUSED) {
+      object = Ptr<GstObject>(gst_object_get_parent(object.Get()));
+    }
+    return static_cast<bool>(object);
+  }
+
   void OnFrame(const GstBuffer& frame) {
     const guint64 number = GST_BUFFER_OFFSET(&frame);
     const guint64 expected = next_ == GST_BUFFER_OFFSET_NONE ? number : next_.load();
-    lost += number > expected ? number - expected : 0;
+    if (number > expected && !IsStopping()) {
+      lost += number - expected;
+    }
     misplaced += number < expected ? 1 : 0;
     next_ = number + 1;
     was_flushed_ = false;
