@@ -6,7 +6,6 @@
 #include "mox/gstreamer/bin/input.h"
 #include "mox/gstreamer/bin/live/change.h"
 #include "mox/gstreamer/bin/pipeline.h"
-#include "mox/gstreamer/bus.h"
 #include "mox/gstreamer/check/context.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/failure.h"
@@ -344,6 +343,13 @@ void Pipeline::AddOutputs(std::vector<Ptr<GstElement>> outputs) {
 void Pipeline::EraseOutputs(std::vector<Ptr<GstElement>> outputs) {
   const Impl::Change change(Deref(impl_));
   bin::output::EraseOutputs(impl_->OutputBin(), std::move(outputs));
+}
+void Pipeline::FinishOutputs(std::vector<Ptr<GstElement>> outputs, std::chrono::nanoseconds timeout) {
+  const Impl::Change change(Deref(impl_));
+  bin::output::FinishOutputs(impl_->OutputBin(), std::move(outputs), timeout);
+}
+Bus& Pipeline::GetBus() {
+  return Deref(impl_).bus_;
 }
 
 }  // namespace mox::gstreamer

@@ -3,8 +3,10 @@
 
 #include "mox/export.h"
 #include "mox/gstreamer/bin/output.h"
+#include "mox/gstreamer/bus.h"
 #include "mox/gstreamer/check/ptr.h"
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -19,8 +21,8 @@ namespace mox::gstreamer {
  * are added and erased and the input is replaced while video flows.
  *
  * A `Session` must exist for as long as the pipeline does. The pipeline consumes its own bus; do not pop messages from
- * it. It recalculates the latency on LATENCY messages; EOS and ERROR messages change nothing. It always uses the system
- * clock, because an element that provides one may be removed.
+ * it, but bind callbacks to `GetBus()`. It recalculates the latency on LATENCY messages; EOS and ERROR messages change
+ * nothing. It always uses the system clock, because an element that provides one may be removed.
  *
  * Every operation may be called from any thread except the pipeline's streaming threads. Operations on one pipeline run
  * one after the other: each waits for the one before, even if that waits for data. `Get`, `GetId` and `GetContext` wait
@@ -105,16 +107,32 @@ class MOX_EXPORT Pipeline {
   /** `bin::output::AddOutputs`, in every state. */
   void AddOutputs(std::vector<Ptr<GstElement>> outputs);
 
-  /** `bin::output::EraseOutputs`, in every state. */
+  /** `bin::output::EraseOutputs`, in every state. Sends no EOS: `FinishOutputs` ends a recording. */
   void EraseOutputs(std::vector<Ptr<GstElement>> outputs);
+
+  /**
+   * `bin::output::FinishOutputs`, in every state. Video plays on meanwhile, but other operations wait, except
+   * `SetEnable(false)`, which ends the call.
+   */
+  void FinishOutputs(std::vector<Ptr<GstElement>> outputs, std::chrono::nanoseconds timeout);
+
+  /**
+   * The reader of the pipeline's bus, borrowed until the pipeline is destroyed, to bind callbacks by message type:
+   * ERROR, EOS, WARNING, ELEMENT. They run on the reader thread, in the order in which the messages were posted.
+   *
+   * A callback may call every operation of the pipeline, but no message is read while it runs: hand what waits for
+   * data, or for elements to stop, to another thread. It would wait for itself if it destroyed the pipeline or the bus,
+   * bound or released a binding, or waited for a thread that does.
+   */
+  Bus& GetBus();
 
   /** The GStreamer context of type "context" whose field "id" holds the identifier; empty if it was taken off. */
   Ptr<GstContext> GetContext() const;
 
   /**
    * Starts or stops the pipeline. Does nothing if `enable` is already set, or if the pipeline is already in a state
-   * that the request leads to. Stopping drops what is under way, without an EOS for the outputs, and waits for every
-   * element; starting does not wait for the first frame.
+   * that the request leads to. Stopping drops what is under way, sends the outputs no EOS (finish recordings first,
+   * with `FinishOutputs`), and waits for every element; starting does not wait for the first frame.
    *
    * A stop first ends a change of filters or outputs that waits on another thread: the change raises
    * std::runtime_error, and nothing is changed. Only an exchange of the input is waited for.

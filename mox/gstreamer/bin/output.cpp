@@ -5,12 +5,15 @@
 #include "mox/gstreamer/bin/live/change.h"
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/failure.h"
 #include "mox/gstreamer/check/pad.h"
 #include "mox/gstreamer/iterator.h"
 #include "mox/gstreamer/name.h"
 
 #include <algorithm>
+#include <exception>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace mox::gstreamer::bin::output {
@@ -42,15 +45,22 @@ void AddOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& elemen
   }
 }
 
-void EraseOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element) {
-  const auto outputs = GetOutputs(outputBin);
+// Takes the branch of an output out of the list.
+live::Branch Take(std::vector<gstreamer::pipeline::Output>& outputs, const Ptr<GstElement>& element) {
   const auto found = std::find_if(outputs.begin(), outputs.end(),
                                   [&](const gstreamer::pipeline::Output& output) { return output.element == element; });
   if (found == outputs.end()) {
     throw std::runtime_error("Cannot remove an output that has not been added to the bin");
   }
-  live::Detach(outputBin, tee, {found->queue, found->element});
-  if (outputs.size() == 1) {
+  live::Branch branch{found->queue, found->element};
+  outputs.erase(found);
+  return branch;
+}
+
+void EraseOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element) {
+  auto outputs = GetOutputs(outputBin);
+  live::Detach(outputBin, tee, Take(outputs, element));
+  if (outputs.empty() && !Holds(outputBin, kDummy)) {
     live::Attach(outputBin, tee, {MakeDummy()});
   }
 }
@@ -93,11 +103,10 @@ std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin) {
       continue;
     }
     auto queue = check::pad::GetParentElement(*check::pad::GetPeer(*pad, kPadError), kPadError);
-    if (element::GetName(*queue) == kDummy) {
-      return {};
+    if (element::GetName(*queue) != kDummy) {
+      auto element = Next(*queue);
+      outputs.push_back({std::move(queue), std::move(element)});
     }
-    auto element = Next(*queue);
-    outputs.push_back({std::move(queue), std::move(element)});
   }
   return outputs;
 }
@@ -111,6 +120,47 @@ void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
 
 void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
   Change(outputBin, outputs, EraseOutput);
+}
+
+void FinishOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs, std::chrono::nanoseconds timeout) {
+  const auto tee = GetTee(outputBin);
+  auto others = GetOutputs(outputBin);
+  std::vector<live::Branch> branches;
+  for (const auto& element : outputs) {
+    branches.push_back(Take(others, element));
+  }
+  // Without another sink the output bin would post EOS, although the stream goes on.
+  if (others.empty() && !Holds(outputBin, kDummy)) {
+    live::Attach(outputBin, *tee, {MakeDummy()});
+  }
+
+  std::exception_ptr error;
+  const auto keep_first_error = [&error](const auto& step) {
+    try {
+      step();
+    } catch (const live::Stopped&) {
+      error = error ? error
+                    : std::make_exception_ptr(
+                          std::runtime_error("Cannot finish the outputs because the pipeline is being stopped"));
+    } catch (...) {
+      error = error ? error : std::current_exception();
+    }
+  };
+  keep_first_error([&] {
+    std::string names;
+    for (const auto& failed : live::Finish(outputBin, branches, timeout)) {
+      names += (names.empty() ? "'" : ", '") + element::GetFullName(*failed) + "'";
+    }
+    if (!names.empty()) {
+      check::Fail(kBinError, "Failed to finish the output ", names, " in time");
+    }
+  });
+  for (const auto& branch : branches) {
+    keep_first_error([&] { live::Detach(outputBin, *tee, branch); });
+  }
+  if (error) {
+    std::rethrow_exception(error);
+  }
 }
 
 }  // namespace mox::gstreamer::bin::output

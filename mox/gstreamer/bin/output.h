@@ -4,6 +4,7 @@
 #include "mox/export.h"
 #include "mox/gstreamer/check/ptr.h"
 
+#include <chrono>
 #include <vector>
 
 #include <gst/gst.h>
@@ -58,14 +59,38 @@ MOX_EXPORT void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outpu
 
 /**
  * Detaches the branch of each element, in the order given. The element and its queue are stopped where they are,
- * without an EOS: frames still in the queue are dropped. The other branches lose nothing and do not wait, even if this
- * one is slow or has not prerolled. The call waits until the element has stopped.
+ * without an EOS: frames still in the queue are dropped, and a recording has no end (see `FinishOutputs`). The other
+ * branches lose nothing and do not wait, even if this one is slow or has not prerolled. The call waits until the
+ * element has stopped.
  *
  * @throws std::runtime_error "Cannot remove an output that has not been added to the bin", after those listed before
  * have been detached; or the error of an element that refuses to stop, which stays attached
  * @throws std::runtime_error "Cannot change the outputs because the pipeline is being stopped"; the output stays
  */
 MOX_EXPORT void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs);
+
+/**
+ * Detaches the branch of each element as `EraseOutputs` does, but ends it first, so that a recording is whole: sends an
+ * EOS behind what the queue holds and waits until every sink of the output has received it. The other branches lose
+ * nothing and do not wait.
+ *
+ * - All outputs of the list receive their EOS at once, and share the timeout. They are detached in the order given.
+ * - An output that is a bin has ended once it posts EOS: after all of its sinks, and all files of a splitmuxsink.
+ * - A stopped pipeline, or a branch that no segment has reached, has nothing to end: it is detached at once.
+ * - Sinks end only while they play. If the pipeline is paused, the call waits until it plays.
+ * - A flushing seek discards the EOS, which is sent again.
+ *
+ * Every output is detached, even if the call throws; unless one of the list is not attached, or refuses to stop.
+ *
+ * @param timeout how long to wait for the sinks; zero or less does not wait
+ * @throws std::runtime_error "Cannot remove an output that has not been added to the bin"; nothing is changed
+ * @throws std::runtime_error with the names of the outputs that have not ended in time: a sink that is stuck, an
+ * element that drops EOS, a branch that has failed, an output without a sink
+ * @throws std::runtime_error "Cannot finish the outputs because the pipeline is being stopped"
+ * @throws std::runtime_error if an element refuses to stop; it stays attached
+ */
+MOX_EXPORT void FinishOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs,
+                              std::chrono::nanoseconds timeout);
 
 }  // namespace mox::gstreamer::bin::output
 

@@ -22,13 +22,17 @@ struct Allocation {
   bool was_refused = false;  ///< Whether a probe waits for the output bin to play.
 };
 
-// Returns true if the output bin does not play, or is about to stop playing: then an output may wait for preroll.
+// Returns true if a bin around the queue does not play, or is about to stop playing: then an output may wait for preroll.
 bool MayPreroll(GstElement& queue) noexcept {
-  const Ptr<GstObject> output_bin(gst_object_get_parent(GST_OBJECT_CAST(&queue)));
-  GstState state = GST_STATE_NULL;
-  return output_bin &&
-         (gst_element_get_state(GST_ELEMENT(output_bin.Get()), &state, nullptr, 0) != GST_STATE_CHANGE_SUCCESS ||
-          state != GST_STATE_PLAYING);
+  Ptr<GstObject> bin(gst_object_get_parent(GST_OBJECT_CAST(&queue)));
+  GstState state = GST_STATE_PLAYING;
+  while (bin && state == GST_STATE_PLAYING) {
+    if (gst_element_get_state(GST_ELEMENT(bin.Get()), &state, nullptr, 0) != GST_STATE_CHANGE_SUCCESS) {
+      return true;
+    }
+    bin = Ptr<GstObject>(gst_object_get_parent(bin.Get()));
+  }
+  return state != GST_STATE_PLAYING;
 }
 
 GstPadProbeReturn OnBuffer(GstPad* sink, GstPadProbeInfo* /*info*/, gpointer queue) noexcept {
@@ -72,6 +76,9 @@ gboolean OnQuery(GstPad* sink, GstObject* queue, GstQuery* query) noexcept {
 
 void LetAllocationOvertake(GstElement& queue) {
   const auto sink = check::element::GetPad(queue, "sink", kElementError);
+  if (GST_PAD_QUERYFUNC(sink.Get()) == OnQuery) {
+    return;  // the queue of an output that was attached before
+  }
   auto kept = std::make_unique<Allocation>();
   kept->own = GST_PAD_QUERYFUNC(sink.Get());
   gst_pad_set_query_function_full(sink.Get(), OnQuery, kept.release(),

@@ -7,7 +7,8 @@
 namespace mox::gstreamer::bin::live {
 
 /**
- * Lets allocation queries overtake what an output's queue holds: they wait for the buffer that the output is busy with.
+ * Lets allocation queries overtake what a queue of an output holds, be it the library's queue or one that the output
+ * brings: they wait for the buffer that is being pushed downstream of the queue.
  * If the output may be waiting for the preroll of another, which needs what the query holds up, the query is refused,
  * and the queue lets upstream ask again once the output bin plays.
  */

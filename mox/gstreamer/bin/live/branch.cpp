@@ -6,11 +6,15 @@
 #include "mox/gstreamer/bin/live/negotiation.h"
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
+#include "mox/gstreamer/check/event.h"
 #include "mox/gstreamer/check/pad.h"
 #include "mox/gstreamer/iterator.h"
 #include "mox/gstreamer/pad_probe.h"
 
+#include <algorithm>
 #include <optional>
+#include <string_view>
+#include <thread>
 #include <utility>
 
 #include <gst/base/gstbasesink.h>
@@ -100,14 +104,18 @@ void WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch) {
   Await(outputBin, idle.GetFuture());
 }
 
+// Returns the elements of an output: itself, or what is inside of it if it is a bin.
+std::vector<Ptr<GstElement>> GetElements(const Ptr<GstElement>& output) {
+  return GST_IS_BIN(output.Get()) ? Collect<GstElement>(gst_bin_iterate_recurse(GST_BIN(output.Get())))
+                                  : std::vector<Ptr<GstElement>>{output};
+}
+
 // Lets the sinks of an output start without preroll. One that prerolls takes the whole pipeline back to PAUSED, where
 // other outputs may wait for it while it waits for the buffers that they hold up.
 class NoPreroll {
  public:
   explicit NoPreroll(const Ptr<GstElement>& output) {
-    auto elements = GST_IS_BIN(output.Get()) ? Collect<GstElement>(gst_bin_iterate_recurse(GST_BIN(output.Get())))
-                                             : std::vector<Ptr<GstElement>>{output};
-    for (auto& element : elements) {
+    for (auto& element : GetElements(output)) {
       if (GST_IS_BASE_SINK(element.Get()) && gst_base_sink_is_async_enabled(GST_BASE_SINK(element.Get()))) {
         sinks_.push_back(std::move(element));
       }
@@ -172,6 +180,23 @@ void Unlink(GstElement& tee, GstElement& first) {
   }
 }
 
+// Sends the branch an EOS, unless it has one. Returns false if the branch has failed. A flush discards the EOS.
+bool SendEos(GstPad& sink) {
+  return GST_PAD_IS_EOS(&sink) || gst_pad_send_event(&sink, check::event::MakeEos("Event Error: ").Ref()) != FALSE ||
+         GST_PAD_IS_FLUSHING(&sink);
+}
+
+// Returns true if the output has posted EOS. Its bin keeps the message until the next change to PLAYING.
+bool HasPostedEos(GstBin& outputBin, GstElement& output) {
+  const auto is_eos = [](gconstpointer message, gconstpointer source) noexcept -> gint {
+    return GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS && GST_MESSAGE_SRC(message) == source ? 0 : 1;
+  };
+  GST_OBJECT_LOCK(&outputBin);
+  const bool found = g_list_find_custom(outputBin.messages, &output, is_eos) != nullptr;
+  GST_OBJECT_UNLOCK(&outputBin);
+  return found;
+}
+
 // Returns the filter bin that feeds the output bin; empty if there is none, or at the end of the stream.
 Ptr<GstElement> GetFilterBin(GstBin& outputBin) {
   const Ptr<GstPad> upstream(gst_pad_get_peer(GetSink(*GST_ELEMENT(&outputBin)).Get()));
@@ -215,6 +240,11 @@ void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
     Start(last);
     if (!is_placeholder) {
       LetAllocationOvertake(*first);
+      for (const auto& element : GetElements(last)) {
+        if (std::string_view(G_OBJECT_TYPE_NAME(element.Get())) == "GstQueue") {
+          LetAllocationOvertake(*element);
+        }
+      }
       Add(outputBin, first);
       Sync(*first);
     }
@@ -256,6 +286,40 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
   for (auto element = branch.rbegin(); element != branch.rend(); ++element) {
     check::bin::RemoveElement(outputBin, **element, kBinError);
   }
+}
+
+Branch Finish(GstBin& outputBin, const std::vector<Branch>& branches, std::chrono::nanoseconds timeout) {
+  const auto begin = std::chrono::steady_clock::now();
+  // All stop receiving before the first is waited for.
+  std::vector<Branch> running;
+  for (const auto& branch : branches) {
+    const auto sink = GetSink(*branch.front());
+    const auto pad = check::pad::GetPeer(*sink, kPadError);
+    StartDropping(*pad);
+    WaitUntilIdle(outputBin, *pad, branch);
+    if (Ptr<GstEvent>(gst_pad_get_sticky_event(sink.Get(), GST_EVENT_SEGMENT, 0))) {
+      running.push_back(branch);
+    }
+  }
+
+  Branch failed;
+  const auto has_ended = [&](const Branch& branch) {
+    const bool accepted = SendEos(*GetSink(*branch.front()));
+    if (!accepted) {
+      failed.push_back(branch.back());
+    }
+    return !accepted || HasPostedEos(outputBin, *branch.back());
+  };
+  while (true) {
+    running.erase(std::remove_if(running.begin(), running.end(), has_ended), running.end());
+    if (running.empty() || std::chrono::steady_clock::now() - begin >= timeout) {
+      break;
+    }
+    CheckStop(outputBin);
+    std::this_thread::sleep_for(kSlice);
+  }
+  std::for_each(running.begin(), running.end(), [&](const Branch& late) { failed.push_back(late.back()); });
+  return failed;
 }
 
 }  // namespace mox::gstreamer::bin::live

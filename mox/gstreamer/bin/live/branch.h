@@ -3,6 +3,7 @@
 
 #include "mox/gstreamer/check/ptr.h"
 
+#include <chrono>
 #include <vector>
 
 #include <gst/gst.h>
@@ -28,6 +29,15 @@ void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch);
  * @throws std::runtime_error if an element refuses to stop, Stopped if the pipeline stops first; the branch stays
  */
 void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch);
+
+/**
+ * Sends each branch an EOS behind what its queue holds, and nothing from then on. Waits until each output has posted
+ * EOS, which it does once every sink in it has received one. Returns the outputs that have not by the end of the
+ * timeout, or that refuse the EOS. A branch that has received no segment, as in a stopped pipeline, has nothing to end.
+ *
+ * @throws Stopped if the pipeline is stopped meanwhile
+ */
+Branch Finish(GstBin& outputBin, const std::vector<Branch>& branches, std::chrono::nanoseconds timeout);
 
 }  // namespace mox::gstreamer::bin::live
 
