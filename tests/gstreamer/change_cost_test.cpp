@@ -28,8 +28,8 @@ struct Cost {
 // The most that adding and erasing a filter may cost, for each 1.x series of GStreamer.
 // Lower the limits when the cost falls.
 static const std::map<guint, Cost> kLimits{
-    {22, {11972, 4151}},
-    {26, {18973, 4149}},
+    {22, {10654, 4153}},
+    {26, {18973, 4153}},
 };
 
 // Counts each reference that is taken to an object, a buffer, an event, a query or caps.

@@ -120,6 +120,15 @@ class Block {
   ScopedProbe probe_;
 };
 
+// Sends the stream's events to filters that have been started again. Otherwise the next buffer brings them, and if a
+// flush meets them among the filters, the source posts an ERROR.
+void ResendEvents(GstPad& sink) {
+  const auto upstream = check::pad::GetPeer(sink, kPadError);
+  if (const Ptr<GstEvent> segment(gst_pad_get_sticky_event(upstream.Get(), GST_EVENT_SEGMENT, 0)); segment) {
+    gst_pad_push_event(upstream.Get(), segment.Ref());
+  }
+}
+
 // Makes the change on the drained filter bin and leaves the bin running, even if the change fails.
 void ChangeDrained(GstBin& filterBin, GstPad& feeding, GstPad& sink, const Change& change) {
   GstElement& element = *GST_ELEMENT(&filterBin);
@@ -129,7 +138,10 @@ void ChangeDrained(GstBin& filterBin, GstPad& feeding, GstPad& sink, const Chang
     check::element::SetNullState(element, kElementError);
     change.make();
     Sync(element);
-    CheckFlowingCaps(feeding, sink, change.named);
+    // Filters that need other caps receive them from the converter, with the next buffer.
+    if (CheckFlowingCaps(feeding, sink, change.named)) {
+      ResendEvents(sink);
+    }
   } catch (...) {
     const auto error = std::current_exception();
     // The bin is started even if the change cannot be undone. Only the first error is raised.

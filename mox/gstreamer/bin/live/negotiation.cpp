@@ -84,19 +84,23 @@ bool AcceptsCaps(GstPad& sink, GstCaps& caps) {
   return !gst_caps_is_empty(accepted.Get());
 }
 
-void CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
+bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
   // Usually nothing needs to be converted in another way. To ask the converter costs as much as all the rest.
   const Ptr<GstCaps> converted(gst_pad_get_current_caps(check::pad::GetPeer(sink, kPadError).Get()));
+  if (converted && AcceptsCaps(sink, *converted)) {
+    return true;
+  }
   const Ptr<GstCaps> flowing(gst_pad_get_current_caps(&feeding));
   const auto fed = check::pad::GetPeer(feeding, kPadError);
-  if ((converted && AcceptsCaps(sink, *converted)) || !flowing || AcceptsCaps(*fed, *flowing)) {
-    return;
+  if (!flowing || AcceptsCaps(*fed, *flowing)) {
+    return false;
   }
   // A source that pushes itself drops the buffer that is refused and renegotiates. A queue or a decoder keeps its caps.
   const Ptr<GstCaps> possible(gst_pad_query_caps(&feeding, nullptr));
   if (!FindPusher(feeding).is_source || !AcceptsCaps(*fed, *possible)) {
     FailToLink(*check::pad::GetParentElement(feeding, kPadError), changed);
   }
+  return false;
 }
 
 void Renegotiate(GstPad& sink) {

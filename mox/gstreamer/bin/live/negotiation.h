@@ -22,9 +22,11 @@ bool AcceptsCaps(GstPad& sink, GstCaps& caps);
 
 /**
  * Checks that the caps at the feeding pad can be converted for the filter bin's `sink`, or that their source can
- * renegotiate. Otherwise the next buffer would end the stream. @throws std::runtime_error with the names of the two
+ * renegotiate. Otherwise the next buffer would end the stream. Returns true if they are converted as they were before.
+ *
+ * @throws std::runtime_error with the names of the two
  */
-void CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed);
+bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed);
 
 /** Lets everything upstream of the pad negotiate caps and buffers again. */
 void Renegotiate(GstPad& sink);
