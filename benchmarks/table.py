@@ -92,7 +92,7 @@ def make_meaning(measured):
     return (
         f"One core feeds about {feeds[0]} pipelines of 60 frames a second, 4 filters and 1 output, {feeds[1]} with 4 outputs\n"
         f"or {feeds[2]} with 16, before the elements do any work of their own. A filter change in a chain of 1, 8, 64 or 256\n"
-        f"has the frame that it holds come {', '.join(late[:-1])} or {late[-1]} frames late."
+        f"delays the frame that it blocks by {', '.join(late[:-1])} or {late[-1]} frames."
     )
 
 
