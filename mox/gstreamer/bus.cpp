@@ -1,6 +1,6 @@
 #include "mox/gstreamer/bus.h"
 
-#include "mox/gstreamer/pimpl.h"
+#include "mox/gstreamer/moved_from.h"
 #include "mox/type/container/callbacks.h"
 
 #include <atomic>

@@ -1,15 +1,15 @@
 #include "mox/gstreamer/name.h"
 
-#include "mox/gstreamer/text.h"
+#include "mox/gstreamer/object_name.h"
 
 namespace mox::gstreamer::element {
 
 std::string GetName(GstElement& element) {
-  return text::NameOf(*GST_OBJECT_CAST(&element));
+  return GetObjectName(*GST_OBJECT_CAST(&element));
 }
 
 std::string GetFactoryName(GstElement& element) {
-  return text::NameOf(*GST_OBJECT(&element));
+  return GetObjectName(*GST_OBJECT(&element));
 }
 
 std::string GetFullName(GstElement& element) {

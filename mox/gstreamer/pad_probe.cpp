@@ -1,6 +1,6 @@
 #include "mox/gstreamer/pad_probe.h"
 
-#include "mox/gstreamer/pimpl.h"
+#include "mox/gstreamer/moved_from.h"
 
 #include <atomic>
 #include <mutex>

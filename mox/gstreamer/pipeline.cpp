@@ -12,7 +12,7 @@
 #include "mox/gstreamer/check/pipeline.h"
 #include "mox/gstreamer/context.h"
 #include "mox/gstreamer/iterator.h"
-#include "mox/gstreamer/pimpl.h"
+#include "mox/gstreamer/moved_from.h"
 #include "mox/gstreamer/scoped_probe.h"
 #include "mox/type/binding.h"
 

@@ -1,7 +1,7 @@
 #include "mox/gstreamer/session.h"
 
 #include "mox/gstreamer/check/ptr.h"
-#include "mox/gstreamer/or_null.h"
+#include "mox/gstreamer/exception_barrier.h"
 #include "mox/logging/logger.h"
 #include "mox/system/environment.h"
 #include "mox/system/path.h"
@@ -175,8 +175,9 @@ Session::~Session() {
 }  // namespace mox::gstreamer
 
 void* MoxGstreamerSessionCreate(void) {
-  return mox::gstreamer::OrNull(mox::gstreamer::Log, "Could not create gstreamer session: %0%",
-                                "Could not create gstreamer session", [] { return new mox::gstreamer::Session; });
+  return mox::gstreamer::NullOnException(mox::gstreamer::Log, "Could not create gstreamer session: %0%",
+                                         "Could not create gstreamer session",
+                                         [] { return new mox::gstreamer::Session; });
 }
 
 void MoxGstreamerSessionRelease(void* session) {

@@ -2,7 +2,7 @@
 
 #include "mox/gstreamer/check/failure.h"
 #include "mox/gstreamer/name.h"
-#include "mox/gstreamer/text.h"
+#include "mox/gstreamer/object_name.h"
 
 namespace mox::gstreamer::check::bin {
 
@@ -25,7 +25,7 @@ void RemoveElement(GstBin& bin, GstElement& element, boost::string_view prefix) 
 Ptr<GstElement> Make(const char* name, boost::string_view prefix) {
   Ptr<GstElement> bin(gst_bin_new(name));
   if (!bin) {
-    Fail(prefix, "Failed to create bin '", text::OrUnknown(name), "'");
+    Fail(prefix, "Failed to create bin '", OrUnknown(name), "'");
   }
   return bin;
 }
@@ -33,8 +33,8 @@ Ptr<GstElement> Make(const char* name, boost::string_view prefix) {
 Ptr<GstElement> GetElement(GstBin& bin, const char* name, boost::string_view prefix) {
   Ptr<GstElement> element(name != nullptr ? gst_bin_get_by_name(&bin, name) : nullptr);
   if (!element) {
-    Fail(prefix, "Failed to get '", text::OrUnknown(name), "' element from bin '",
-         element::GetFullName(*GST_ELEMENT(&bin)), "'");
+    Fail(prefix, "Failed to get '", OrUnknown(name), "' element from bin '", element::GetFullName(*GST_ELEMENT(&bin)),
+         "'");
   }
   return element;
 }

@@ -2,7 +2,7 @@
 
 #include "mox/gstreamer/check/failure.h"
 #include "mox/gstreamer/name.h"
-#include "mox/gstreamer/text.h"
+#include "mox/gstreamer/object_name.h"
 
 namespace mox::gstreamer::check::element {
 
@@ -34,14 +34,14 @@ void SetPlayingState(GstElement& element, boost::string_view prefix) {
 
 void GhostPad(GstElement& element, const char* name, GstPad& target, boost::string_view prefix) {
   if (!gst_element_add_pad(&element, gst_ghost_pad_new(name, &target))) {
-    Fail(prefix, "Failed to ghost pad '", text::OrUnknown(name), "' for element '", GetFullName(element), "'");
+    Fail(prefix, "Failed to ghost pad '", OrUnknown(name), "' for element '", GetFullName(element), "'");
   }
 }
 
 Ptr<GstElement> Make(const char* factory, const char* name, boost::string_view prefix) {
   Ptr<GstElement> element(factory != nullptr ? gst_element_factory_make(factory, name) : nullptr);
   if (!element) {
-    Fail(prefix, "Failed to create element '", text::OrUnknown(factory), "' ('", text::OrUnknown(name), "')");
+    Fail(prefix, "Failed to create element '", OrUnknown(factory), "' ('", OrUnknown(name), "')");
   }
   return element;
 }
@@ -49,7 +49,7 @@ Ptr<GstElement> Make(const char* factory, const char* name, boost::string_view p
 Ptr<GstPad> GetPad(GstElement& element, const char* name, boost::string_view prefix) {
   Ptr<GstPad> pad(name != nullptr ? gst_element_get_static_pad(&element, name) : nullptr);
   if (!pad) {
-    Fail(prefix, "Failed to get '", text::OrUnknown(name), "' pad from element '", GetFullName(element), "'");
+    Fail(prefix, "Failed to get '", OrUnknown(name), "' pad from element '", GetFullName(element), "'");
   }
   return pad;
 }

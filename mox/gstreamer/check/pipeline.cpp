@@ -2,14 +2,14 @@
 
 #include "mox/gstreamer/check/failure.h"
 #include "mox/gstreamer/name.h"
-#include "mox/gstreamer/text.h"
+#include "mox/gstreamer/object_name.h"
 
 namespace mox::gstreamer::check::pipeline {
 
 Ptr<GstPipeline> Make(const char* name, boost::string_view prefix) {
   Ptr<GstPipeline> pipeline(Cast<GstPipeline, GstElement>(gst_pipeline_new(name)));
   if (!pipeline) {
-    Fail(prefix, "Failed to create the pipeline '", text::OrUnknown(name), "'");
+    Fail(prefix, "Failed to create the pipeline '", OrUnknown(name), "'");
   }
   return pipeline;
 }

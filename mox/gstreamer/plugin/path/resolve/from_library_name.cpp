@@ -1,6 +1,6 @@
 #include "mox/gstreamer/plugin/path/resolve/from_library_name.h"
 
-#include "mox/gstreamer/or_null.h"
+#include "mox/gstreamer/exception_barrier.h"
 #include "mox/gstreamer/plugin/path/resolve/plugin_folder.h"
 #include "mox/logging/logger.h"
 #include "mox/system/path.h"
@@ -21,8 +21,9 @@ boost::filesystem::path FromLibraryName(const std::string& name) {
 
 char* MoxGstreamerPluginPathResolveFromLibraryName(const char* name) {
   using namespace mox::gstreamer::plugin::path::resolve;
-  return mox::gstreamer::OrNull(Log, "Could not resolve from library name: %0%", "Could not resolve from library name",
-                                [name] { return NewString(FromLibraryName(name)); });
+  return mox::gstreamer::NullOnException(Log, "Could not resolve from library name: %0%",
+                                         "Could not resolve from library name",
+                                         [name] { return NewString(FromLibraryName(name)); });
 }
 
 void MoxGstreamerPluginPathResolveFromLibraryNameRelease(char* path) {

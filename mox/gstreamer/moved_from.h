@@ -1,11 +1,12 @@
-#ifndef MOX_GSTREAMER_PIMPL_H
-#define MOX_GSTREAMER_PIMPL_H
+#ifndef MOX_GSTREAMER_MOVED_FROM_H
+#define MOX_GSTREAMER_MOVED_FROM_H
 
 #include <stdexcept>
 
+// Private to the library.
 namespace mox::gstreamer {
 
-// The implementation behind a move-only handle; std::logic_error if the handle was moved from. Private to the library.
+/** Returns the implementation of a move-only class. @throws std::logic_error if the object was moved from */
 template <typename Pointer>
 auto& Deref(const Pointer& impl) {
   if (!impl) {
