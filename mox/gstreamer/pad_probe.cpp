@@ -1,17 +1,16 @@
 #include "mox/gstreamer/pad_probe.h"
 
+#include "mox/gstreamer/check/failure.h"
 #include "mox/gstreamer/moved_from.h"
 
 #include <atomic>
 #include <mutex>
-#include <sstream>
-#include <stdexcept>
 #include <utility>
 
 namespace mox::gstreamer {
 namespace {
 
-// What GStreamer owns from gst_pad_add_probe until it calls DataDestroyNotify.
+// Owned by GStreamer from gst_pad_add_probe until it calls DataDestroyNotify.
 struct ProbeData {
   bool called = false;
   std::mutex mutex;
@@ -29,10 +28,8 @@ GstPadProbeReturn ProbeCallback(GstPad* pad, GstPadProbeInfo* info, gpointer use
   }
   try {
     if (pad == nullptr || info == nullptr) {
-      std::ostringstream message;
-      message << "The callback arguments pad (" << static_cast<void*>(pad) << ") and info (" << static_cast<void*>(info)
-              << ") were not valid";
-      throw std::runtime_error(message.str());
+      check::Fail("The callback arguments pad (", static_cast<void*>(pad), ") and info (", static_cast<void*>(info),
+                  ") were not valid");
     }
     return data.callback(*pad, *info);
   } catch (...) {
@@ -56,29 +53,14 @@ class PadProbe::Impl {
  public:
   Impl(GstPad& pad, GstPadProbeType type, std::function<GstPadProbeReturn(GstPad&, GstPadProbeInfo&)> callback)
       : result_(std::make_shared<Result>()), pad_(&pad) {
-    auto data = std::make_unique<ProbeData>();
-    {
-      // The thread that reaches the probe takes this mutex first, and so sees the data whole.
-      const std::lock_guard<std::mutex> lock(data->mutex);
-      data->callback = [result = result_, callback = std::move(callback)](GstPad& at, GstPadProbeInfo& info) {
-        const GstPadProbeReturn answer = callback(at, info);
-        result->removes = answer == GST_PAD_PROBE_REMOVE;
-        result->promise.set_value(answer);
-        return answer;
-      };
-      data->error = [result = result_](std::exception_ptr error) { result->promise.set_exception(std::move(error)); };
-    }
-    ProbeData* const handed_over = data.release();
-    id_ = gst_pad_add_probe(pad_, type, ProbeCallback, handed_over, DataDestroyNotify);
+    ProbeData* const data = MakeData(std::move(callback)).release();
+    id_ = gst_pad_add_probe(pad_, type, ProbeCallback, data, DataDestroyNotify);
     if (id_ == 0) {
-      // The data of a refused probe is still there and shares the result. That of an idle probe which ran and asked to
-      // be removed is gone.
+      // GStreamer has freed the data of an idle probe that removed itself. That of a refused probe shares the result.
       if (result_.use_count() > 1) {
-        DataDestroyNotify(handed_over);
+        DataDestroyNotify(data);
       }
-      std::ostringstream message;
-      message << "Failed to add probe to pad (" << static_cast<void*>(pad_) << ")";
-      throw std::runtime_error(message.str());
+      check::Fail("Failed to add probe to pad (", static_cast<void*>(pad_), ")");
     }
   }
 
@@ -86,7 +68,7 @@ class PadProbe::Impl {
   Impl& operator=(const Impl&) = delete;
 
   ~Impl() {
-    // A callback that asked for it has the probe removed, or soon will.
+    // Otherwise GStreamer removes the probe, or has done so.
     if (!result_->removes) {
       gst_pad_remove_probe(pad_, id_);
     }
@@ -97,7 +79,21 @@ class PadProbe::Impl {
   std::future<GstPadProbeReturn> GetFuture() { return result_->promise.get_future(); }
 
  private:
-  // Shared with the callback, which may outlast this object on another thread.
+  std::unique_ptr<ProbeData> MakeData(std::function<GstPadProbeReturn(GstPad&, GstPadProbeInfo&)> callback) const {
+    auto data = std::make_unique<ProbeData>();
+    // The thread that reaches the probe locks this mutex too, so it sees both functions.
+    const std::lock_guard<std::mutex> lock(data->mutex);
+    data->callback = [result = result_, callback = std::move(callback)](GstPad& pad, GstPadProbeInfo& info) {
+      const GstPadProbeReturn answer = callback(pad, info);
+      result->removes = answer == GST_PAD_PROBE_REMOVE;
+      result->promise.set_value(answer);
+      return answer;
+    };
+    data->error = [result = result_](std::exception_ptr error) { result->promise.set_exception(std::move(error)); };
+    return data;
+  }
+
+  // Shared with the callback, because a call on another thread may outlast this object.
   std::shared_ptr<Result> result_;
   GstPad* pad_;
   gulong id_ = 0;

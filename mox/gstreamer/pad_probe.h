@@ -12,49 +12,51 @@
 namespace mox::gstreamer {
 
 /**
- * A pad probe whose callback runs at most once, and whose outcome arrives through a future.
+ * A pad probe whose callback runs at most once and delivers its result through a future.
  *
- * The callback runs on the thread that reaches the probe: a streaming thread, or the constructing one for an idle probe
- * on an idle pad. Its answer decides what becomes of the first item; every later item is answered GST_PAD_PROBE_OK,
- * which holds it if the probe is a blocking one. An exception from the callback goes into the future and is answered
- * the same way.
+ * The callback runs on the thread that reaches the probe: a streaming thread, or the constructing thread for an idle
+ * probe on an idle pad. GStreamer gets its result for the first item. Every later item gets GST_PAD_PROBE_OK, which
+ * keeps the pad blocked if the probe is a blocking one. If the callback throws, the future gets the exception and
+ * GStreamer gets GST_PAD_PROBE_OK.
  *
- * The pad is borrowed and must outlive the probe. Destroying the probe removes it from the pad and releases what it
- * holds; it does not wait for a callback that is just running on another thread. That callback still delivers to the
- * future, so what it refers to must live until the future is ready. What the callback holds is released under the lock
- * of the pad, so it must not own another probe of that pad.
+ * The pad is borrowed and must outlive the probe. Destroying the probe removes it from the pad and ends
+ * its block. It waits for no callback: one that runs on another thread still delivers to the future, so what the
+ * callback refers to must live until the future is ready.
+ *
+ * GStreamer destroys the callback under the object lock of the pad. The destructors of what it owns must not touch that
+ * pad, not even to read its peer or to remove another probe; otherwise they deadlock.
  *
  * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", destroying it does nothing.
  */
 class MOX_EXPORT PadProbe {
  public:
   /**
-   * Installs the probe; `type` is GStreamer's mask, passed on unchanged.
+   * Adds the probe to the pad. `type` is GStreamer's mask.
    *
-   * @throws std::runtime_error if GStreamer gives no probe identifier: it refused the mask, or an idle probe ran at
-   * once and answered GST_PAD_PROBE_REMOVE, which leaves nothing to own
+   * @throws std::runtime_error if GStreamer returns no probe identifier: it refused the mask, or an idle probe ran at
+   * once and returned GST_PAD_PROBE_REMOVE
    */
   PadProbe(GstPad& pad, GstPadProbeType type, std::function<GstPadProbeReturn(GstPad&, GstPadProbeInfo&)> callback);
 
-  /** Takes over what the other one holds, which is empty afterwards. */
-  ///@{
+  /** Moves the probe; `other` is empty afterwards. */
   PadProbe(PadProbe&& other) noexcept;
+
+  /** Moves the probe, then destroys the one held before. Waits for the object lock of its pad, but for no callback. */
   PadProbe& operator=(PadProbe&& other) noexcept;
-  ///@}
 
   ~PadProbe();
 
-  /** The pad given at construction. */
+  /** Returns the pad given at construction. */
   ///@{
   GstPad& GetPad();
   const GstPad& GetPad() const;
   ///@}
 
   /**
-   * The outcome: the callback's answer or its exception; std::future_error (broken promise) if the probe is destroyed
-   * before it was ever reached.
+   * Returns the future of the callback's result or exception. It gets std::future_error (broken promise) if the probe
+   * is destroyed before an item reaches it.
    *
-   * @throws std::future_error the second time it is asked for
+   * @throws std::future_error if the future was taken before
    */
   std::future<GstPadProbeReturn> GetFuture();
 
@@ -65,7 +67,7 @@ class MOX_EXPORT PadProbe {
   std::unique_ptr<Impl> impl_;
 };
 
-/** Exchanges the two. */
+/** Swaps the two probes. */
 inline void swap(PadProbe& left, PadProbe& right) noexcept {
   left.impl_.swap(right.impl_);
 }
