@@ -10,14 +10,14 @@
 
 namespace mox::gstreamer::context {
 
-/** A copy of the field `key` of the context's structure, or an empty value if there is no such field. */
+/** Returns a copy of the field `key` of the context's structure, or an empty value if there is no such field. */
 MOX_EXPORT mox::glib::Value GetValue(GstContext& context, const std::string& key) noexcept;
 
 /**
- * Stores a copy of `value` as the field `key`, replacing an earlier one.
+ * Sets the field `key` to a copy of `value`.
  *
- * @throws std::runtime_error if the context is shared and so not writable; it is left as it was
- * @throws std::invalid_argument if the value is empty, which no field can hold
+ * @throws std::runtime_error if the context is not writable, because it has more than one reference
+ * @throws std::invalid_argument if the value is empty
  */
 MOX_EXPORT void SetValue(GstContext& context, const std::string& key, mox::glib::Value value);
 

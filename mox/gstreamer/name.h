@@ -9,13 +9,16 @@
 
 namespace mox::gstreamer::element {
 
-/** The element's object name, or "unknown" if it has none. Any thread. */
+/** Returns the object name of the element, or "unknown" if it has none. Any thread. */
 MOX_EXPORT std::string GetName(GstElement& element);
 
-/** The element's object name as its GstObject base tells it: the same text as `GetName`. Any thread. */
+/**
+ * Returns the object name of the element, read through its GstObject base: the same text as `GetName`, and not the name
+ * of its GstElementFactory. Any thread.
+ */
 MOX_EXPORT std::string GetFactoryName(GstElement& element);
 
-/** `GetFactoryName`, then the name in brackets: "tee0 [tee0]". Error messages name elements so. Any thread. */
+/** Returns `GetFactoryName`, then `GetName` in brackets: "tee0 [tee0]". Error texts name elements so. Any thread. */
 MOX_EXPORT std::string GetFullName(GstElement& element);
 
 }  // namespace mox::gstreamer::element

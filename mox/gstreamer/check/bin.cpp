@@ -7,7 +7,7 @@
 namespace mox::gstreamer::check::bin {
 
 void AddElement(GstBin& bin, GstElement& element, boost::string_view prefix) {
-  // A bin that refuses a floating element drops it, and the message is to name it.
+  // Keeps a floating element that the bin refuses, because the message names it.
   const Ptr<GstElement> kept(GST_ELEMENT(gst_object_ref(&element)));
   if (!gst_bin_add(&bin, &element)) {
     Fail(prefix, "Failed to add element '", element::GetFullName(element), "' to bin '",

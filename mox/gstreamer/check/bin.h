@@ -8,21 +8,24 @@
 #include <gst/gst.h>
 
 /**
- * Checked operations on bins. Each performs one GStreamer call and may be called from any thread. A failure raises
- * std::runtime_error: `prefix`, then a sentence that names the objects; nothing passed in is released or altered.
+ * Checked operations on bins, for any thread. Each makes one GStreamer call. A call that fails throws
+ * std::runtime_error with `prefix` and a sentence that names the objects.
  */
 namespace mox::gstreamer::check::bin {
 
-/** Puts the element into the bin, which sinks a floating reference or takes one of its own. */
+/**
+ * Adds the element to the bin, which sinks a floating reference or takes one of its own. If the bin refuses a floating
+ * element, GStreamer drops that reference: without another one the element is gone. `Ptr::Ref` keeps the handle valid.
+ */
 MOX_EXPORT void AddElement(GstBin& bin, GstElement& element, boost::string_view prefix);
 
-/** Takes the element out of the bin, which unlinks it and gives up its reference. */
+/** Removes the element from the bin, which unlinks it and drops its reference. */
 MOX_EXPORT void RemoveElement(GstBin& bin, GstElement& element, boost::string_view prefix);
 
-/** A new, empty bin, floating. A null name lets GStreamer choose one. */
+/** Creates an empty bin, floating. GStreamer chooses the name if it is null. */
 MOX_EXPORT Ptr<GstElement> Make(const char* name, boost::string_view prefix);
 
-/** The element of that name in the bin or in a bin below it. */
+/** Returns the element of that name in the bin or in a bin inside it. */
 MOX_EXPORT Ptr<GstElement> GetElement(GstBin& bin, const char* name, boost::string_view prefix);
 
 }  // namespace mox::gstreamer::check::bin

@@ -8,12 +8,12 @@
 #include <gst/gst.h>
 
 /**
- * Checked operations on contexts. Each performs one GStreamer call and may be called from any thread. A failure raises
- * std::runtime_error: `prefix`, then a sentence that names the objects; nothing passed in is released or altered.
+ * Checked operations on contexts, for any thread. Each makes one GStreamer call. A call that fails throws
+ * std::runtime_error with `prefix` and a sentence that names the objects, and leaves what was passed in as it was.
  */
 namespace mox::gstreamer::check::context {
 
-/** A new, persistent context of that type. */
+/** Creates a persistent context of that type. */
 MOX_EXPORT Ptr<GstContext> Make(const char* type, boost::string_view prefix);
 
 }  // namespace mox::gstreamer::check::context

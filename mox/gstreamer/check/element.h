@@ -8,31 +8,30 @@
 #include <gst/gst.h>
 
 /**
- * Checked operations on elements. Each performs one GStreamer call and may be called from any thread. A failure raises
- * std::runtime_error: `prefix`, then a sentence that names the objects; nothing passed in is released or altered.
+ * Checked operations on elements, for any thread. Each makes one GStreamer call. A call that fails throws
+ * std::runtime_error with `prefix` and a sentence that names the objects, and leaves what was passed in as it was.
  */
 namespace mox::gstreamer::check::element {
 
-/** Links two elements of one bin by the first pads that fit. */
+/** Links two elements of one bin by the first compatible pads. */
 MOX_EXPORT void LinkElement(GstElement& source, GstElement& sink, boost::string_view prefix);
 
-/** Brings the element to the state that its parent has or is on its way to. The change may still be completing on
- * return. */
+/** Sets the element to the target state of its parent. The state change may complete after the return. */
 MOX_EXPORT void SyncWithParent(GstElement& element, boost::string_view prefix);
 
-/** Stops the element; anything but immediate success is a failure. Waits for its streaming threads. */
+/** Sets the element to NULL. Waits for its streaming threads. Anything but immediate success is a failure. */
 MOX_EXPORT void SetNullState(GstElement& element, boost::string_view prefix);
 
-/** Starts the element. The change may still be completing on return. */
+/** Sets the element to PLAYING. The state change may complete after the return. */
 MOX_EXPORT void SetPlayingState(GstElement& element, boost::string_view prefix);
 
-/** Adds to a bin a ghost pad of that name that forwards to `target`. */
+/** Adds a ghost pad of that name for `target` to a bin. */
 MOX_EXPORT void GhostPad(GstElement& element, const char* name, GstPad& target, boost::string_view prefix);
 
-/** A new element, floating. A null name lets GStreamer choose one. */
+/** Creates an element, floating. GStreamer chooses the name if it is null. */
 MOX_EXPORT Ptr<GstElement> Make(const char* factory, const char* name, boost::string_view prefix);
 
-/** The static pad of that name. */
+/** Returns the static pad of that name. */
 MOX_EXPORT Ptr<GstPad> GetPad(GstElement& element, const char* name, boost::string_view prefix);
 
 }  // namespace mox::gstreamer::check::element

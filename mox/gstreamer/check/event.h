@@ -8,13 +8,12 @@
 #include <gst/gst.h>
 
 /**
- * Checked operations on the events that the library sends. Each performs one GStreamer call and may be called from any
- * thread. A failure raises std::runtime_error: `prefix`, then a sentence that names the objects; nothing passed in is
- * released or altered.
+ * Checked operations on the events that the library sends, for any thread. Each makes one GStreamer call. A call that
+ * fails throws std::runtime_error with `prefix` and a sentence.
  */
 namespace mox::gstreamer::check::event {
 
-/** A new end-of-stream event. */
+/** Creates an EOS event. */
 MOX_EXPORT Ptr<GstEvent> MakeEos(boost::string_view prefix);
 
 }  // namespace mox::gstreamer::check::event

@@ -8,15 +8,15 @@
 #include <gst/gst.h>
 
 /**
- * Checked operations on pads. Each performs one GStreamer call and may be called from any thread. A failure raises
- * std::runtime_error: `prefix`, then a sentence that names the objects; nothing passed in is released or altered.
+ * Checked operations on pads, for any thread. Each makes one GStreamer call. A call that fails throws
+ * std::runtime_error with `prefix` and a sentence that names the objects, and leaves what was passed in as it was.
  */
 namespace mox::gstreamer::check::pad {
 
-/** The pad that `pad` is linked to. */
+/** Returns the pad that `pad` is linked to. */
 MOX_EXPORT Ptr<GstPad> GetPeer(GstPad& pad, boost::string_view prefix);
 
-/** The element that `pad` belongs to; for a ghost pad, the bin. */
+/** Returns the element that `pad` belongs to; for a ghost pad, the bin. */
 MOX_EXPORT Ptr<GstElement> GetParentElement(GstPad& pad, boost::string_view prefix);
 
 }  // namespace mox::gstreamer::check::pad

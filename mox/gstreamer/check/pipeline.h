@@ -8,15 +8,15 @@
 #include <gst/gst.h>
 
 /**
- * Checked operations on pipelines. Each performs one GStreamer call and may be called from any thread. A failure raises
- * std::runtime_error: `prefix`, then a sentence that names the objects; nothing passed in is released or altered.
+ * Checked operations on pipelines, for any thread. Each makes one GStreamer call. A call that fails throws
+ * std::runtime_error with `prefix` and a sentence that names the objects, and leaves what was passed in as it was.
  */
 namespace mox::gstreamer::check::pipeline {
 
-/** A new pipeline, floating. A null name lets GStreamer choose one. */
+/** Creates a pipeline, floating. GStreamer chooses the name if it is null. */
 MOX_EXPORT Ptr<GstPipeline> Make(const char* name, boost::string_view prefix);
 
-/** The pipeline's bus. */
+/** Returns the pipeline's bus. */
 MOX_EXPORT Ptr<GstBus> GetBus(GstPipeline& pipeline, boost::string_view prefix);
 
 }  // namespace mox::gstreamer::check::pipeline

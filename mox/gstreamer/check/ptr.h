@@ -1,8 +1,9 @@
 #ifndef MOX_GSTREAMER_CHECK_PTR_H
 #define MOX_GSTREAMER_CHECK_PTR_H
 
+#include "mox/gstreamer/check/ptr_traits.h"
+
 #include <stdexcept>
-#include <type_traits>
 #include <utility>
 
 #include <gst/gst.h>
@@ -10,114 +11,12 @@
 namespace mox::gstreamer {
 
 /**
- * The GType of a GStreamer class that `Cast` converts to. Specialise it for a class of your own.
- */
-template <typename T>
-struct TypeOf;
-
-template <>
-struct TypeOf<GstPipeline> {
-  static GType Get() noexcept { return gst_pipeline_get_type(); }
-};
-
-template <>
-struct TypeOf<GstBin> {
-  static GType Get() noexcept { return gst_bin_get_type(); }
-};
-
-template <>
-struct TypeOf<GstElement> {
-  static GType Get() noexcept { return gst_element_get_type(); }
-};
-
-/** How `Ptr` counts references to a kind of GstObject. */
-template <typename T>
-struct ObjectReference {
-  /** Adds or drops one reference to the object, which is not null. */
-  ///@{
-  static void Add(T* object) noexcept { gst_object_ref(object); }
-  static void Drop(T* object) noexcept { gst_object_unref(object); }
-  ///@}
-};
-
-/** How `Ptr` counts references to a kind of GstMiniObject. */
-template <typename T>
-struct MiniObjectReference {
-  /** Adds or drops one reference to the object, which is not null. */
-  ///@{
-  static void Add(T* object) noexcept { gst_mini_object_ref(GST_MINI_OBJECT_CAST(object)); }
-  static void Drop(T* object) noexcept { gst_mini_object_unref(GST_MINI_OBJECT_CAST(object)); }
-  ///@}
-};
-
-/** Whether a `T` starts with a GstMiniObject, or with a struct that does. */
-///@{
-template <typename T, typename = void>
-struct StartsWithMiniObject : std::false_type {};
-template <typename T>
-struct StartsWithMiniObject<T, std::void_t<decltype(T{std::declval<GstMiniObject>()})>> : std::true_type {};
-///@}
-
-/** How `Ptr` counts references to a `T`: as a mini object if it starts with one, else as a GstObject. */
-template <typename T>
-struct Reference : std::conditional_t<StartsWithMiniObject<T>::value, MiniObjectReference<T>, ObjectReference<T>> {
-  static_assert(sizeof(T) != 0, "The kind of an opaque type must be told by a specialisation");
-};
-
-template <>
-struct Reference<GstContext> : MiniObjectReference<GstContext> {};
-
-template <>
-struct Reference<GstSample> : MiniObjectReference<GstSample> {};
-
-template <>
-struct Reference<GstPromise> : MiniObjectReference<GstPromise> {};
-
-template <>
-struct Reference<GstBufferList> : MiniObjectReference<GstBufferList> {};
-
-template <>
-struct Reference<GstDateTime> : MiniObjectReference<GstDateTime> {};
-
-template <>
-struct Reference<GstToc> : MiniObjectReference<GstToc> {};
-
-template <>
-struct Reference<GstTocEntry> : MiniObjectReference<GstTocEntry> {};
-
-template <>
-struct Reference<GstUri> : MiniObjectReference<GstUri> {};
-
-template <>
-struct Reference<GstPlugin> : ObjectReference<GstPlugin> {};
-
-template <>
-struct Reference<GstPluginFeature> : ObjectReference<GstPluginFeature> {};
-
-template <>
-struct Reference<GstElementFactory> : ObjectReference<GstElementFactory> {};
-
-template <>
-struct Reference<GstTypeFindFactory> : ObjectReference<GstTypeFindFactory> {};
-
-template <>
-struct Reference<GstDeviceProviderFactory> : ObjectReference<GstDeviceProviderFactory> {};
-
-template <>
-struct Reference<GstDynamicTypeFactory> : ObjectReference<GstDynamicTypeFactory> {};
-
-template <>
-struct Reference<GstTracerRecord> : ObjectReference<GstTracerRecord> {};
-
-template <>
-struct Reference<GstTracerFactory> : ObjectReference<GstTracerFactory> {};
-
-/**
  * Owns one reference to a GstObject or GstMiniObject, or nothing.
  *
- * A handle never sinks a floating reference: an object that a factory returned floating stays so. Borrowed pointers are
- * not wrapped; a function that only borrows takes a reference to the object itself. One handle belongs to one thread at
- * a time; handles to one object may live on several threads. No operation throws.
+ * `Ptr(p)` adopts a reference that you own. Wrap transfer-full results directly; take a reference before wrapping a
+ * borrowed pointer. A handle never sinks a floating reference. A function that only borrows an object takes it as `T&`.
+ *
+ * One thread at a time may use a handle; several threads may have handles of one object. No operation throws.
  */
 template <typename T>
 class Ptr {
@@ -125,42 +24,43 @@ class Ptr {
   /** Owns nothing. */
   Ptr() noexcept = default;
 
-  /** Takes over the reference that the caller owns. */
+  /** Adopts a reference that the caller owns, floating or not. Null makes an empty handle. */
   explicit Ptr(T* adopted) noexcept : object_(adopted) {}
 
   /** Adds a reference. */
   Ptr(const Ptr& other) noexcept : object_(other.object_) { Ref(); }
 
-  /** Takes the reference over; the other handle is empty afterwards. */
+  /** Moves the reference; `other` is empty afterwards. */
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
 
-  /** Stores the new object before the old one is released. */
+  /** Stores the new object, then drops the reference to the old one. */
   Ptr& operator=(Ptr&& other) noexcept {
-    // The source must be empty and this handle complete before the release, which may run foreign code.
+    // Complete both handles before the release, because it may run foreign code.
     const Ptr old(std::exchange(object_, std::exchange(other.object_, nullptr)));
     return *this;
   }
 
-  /** Adds a reference to the new object before the old one is released. */
+  /** Adds a reference to the new object, then drops the one to the old object. */
   Ptr& operator=(const Ptr& other) noexcept { return *this = Ptr(other); }
 
+  /** Drops the reference. */
   ~Ptr() {
     if (object_ != nullptr) {
       Reference<T>::Drop(object_);
     }
   }
 
-  /** The object, borrowed; null for an empty handle, which must not be dereferenced. */
+  /** Returns the object, borrowed: null for an empty handle, which must not be dereferenced. */
   ///@{
   T* Get() const noexcept { return object_; }
   T& operator*() const noexcept { return *object_; }
   T* operator->() const noexcept { return object_; }
   ///@}
 
-  /** Whether there is an object. */
+  /** Returns true if the handle owns an object. */
   explicit operator bool() const noexcept { return object_ != nullptr; }
 
-  /** Adds a reference, which belongs to whoever receives the returned pointer. Null for an empty handle. */
+  /** Adds a reference, which the receiver of the returned pointer owns. Returns null for an empty handle. */
   T* Ref() const noexcept {
     if (object_ != nullptr) {
       Reference<T>::Add(object_);
@@ -168,7 +68,7 @@ class Ptr {
     return object_;
   }
 
-  /** Whether both handles own the same object, or nothing. */
+  /** Compares the objects by identity. */
   ///@{
   friend bool operator==(const Ptr& left, const Ptr& right) noexcept { return left.object_ == right.object_; }
   friend bool operator!=(const Ptr& left, const Ptr& right) noexcept { return left.object_ != right.object_; }
@@ -179,7 +79,7 @@ class Ptr {
 };
 
 /**
- * Converts a GObject instance to `To` after checking what it is; null stays null. No reference changes hands.
+ * Converts a GObject instance to `To` after checking its type; null stays null. Adds no reference.
  *
  * @throws std::invalid_argument if the instance is not a `To`
  */
