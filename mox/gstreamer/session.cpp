@@ -7,15 +7,9 @@
 #include "mox/system/path.h"
 
 #include <array>
-#include <cerrno>
-#include <cstdint>
-#include <optional>
 #include <string>
 
 #include <gst/gst.h>
-
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace mox::gstreamer {
 namespace {
@@ -31,64 +25,16 @@ Level GstLevelToMoxLevel(GstDebugLevel level) noexcept {
   return index < levels.size() ? levels[index] : Level::None;
 }
 
-// Whether the word at the address can be read, which is not done here.
-bool IsReadable(const void* address) noexcept {
-  if (reinterpret_cast<std::uintptr_t>(address) % alignof(void*) != 0) {
-    return false;
-  }
-  // The kernel copies the signal set before it refuses the operation, and does not fault where it cannot.
-  const int error = errno;
-  const bool readable =
-      syscall(SYS_rt_sigprocmask, ~0, address, nullptr, sizeof(std::uint64_t)) != 0 && errno == EINVAL;
-  errno = error;
-  return readable;
-}
-
-// The word at the address, or none where nothing can be read.
-std::optional<const void*> Read(const void* address) noexcept {
-  return IsReadable(address) ? std::optional(*static_cast<const void* const*>(address)) : std::nullopt;
-}
-
-// Whether the address, which can be read itself, is followed by as much as GLib's description of a type takes.
-bool HoldsType(const void* address) noexcept {
-  constexpr std::size_t description = 9;  // words
-  return IsReadable(static_cast<const void* const*>(address) + description);
-}
-
-// Whether this is a registered type: a small number, or the address of GLib's description of the type.
-bool IsType(GType type) noexcept {
-  const char* const name = g_type_name(type);
-  return name != nullptr && g_type_from_name(name) == type;
-}
-
-// The name of the type of an object, or null where it has none. GStreamer hands over whatever the line is about: an
-// instance, which starts with the address of its class, which starts with the type; a caps, event or other boxed kind,
-// which starts with its type; or something else altogether.
-const char* GetTypeName(const GObject* object) noexcept {
-  const auto first = Read(object);
-  const auto second = first ? Read(*first) : std::nullopt;
-  if (!second) {
-    return nullptr;
-  }
-  if (const auto type = reinterpret_cast<GType>(*first); HoldsType(*first) && IsType(type)) {
-    return g_type_name(type);
-  }
-  const auto type = reinterpret_cast<GType>(*second);
-  const bool is_instance = (type <= G_TYPE_FUNDAMENTAL_MAX || (Read(*second) && HoldsType(*second))) && IsType(type) &&
-                           g_type_class_peek(type) == *first;
-  return is_instance ? g_type_name(type) : nullptr;
-}
-
 void LogGstreamerMessage(GstDebugCategory* /*category*/, GstDebugLevel level, const char* file, const char* function,
                          int line, GObject* object, GstDebugMessage* message, void* /*data*/) noexcept try {
   const Level mapped = GstLevelToMoxLevel(level);
-  // To name the object takes more than to log the line, and most lines are for nobody.
+  // Filter first, because GStreamer formats the message on demand and most lines are filtered out.
   if (!Log.Filter(Log.GetName(), mapped)) {
     return;
   }
   std::string type = "Unknown";
-  if (const char* const name = GetTypeName(object)) {
-    type = name;
+  if (G_IS_OBJECT(object)) {
+    type = G_OBJECT_TYPE_NAME(object);
   }
   const char* const text = gst_debug_message_get(message);
   if (text != nullptr) {
@@ -97,8 +43,34 @@ void LogGstreamerMessage(GstDebugCategory* /*category*/, GstDebugLevel level, co
     Log.Log(mapped, "[%0%:%1% (%2%)] GObject Type: %3%: gst_debug_message_get returned NULL", file, line, function,
             type);
   }
-} catch (...) {
-  // There is no memory for the line, nor a caller to tell.
+} catch (...) {  // no memory for the line
+}
+
+// Removes the log function when the process ends, before `Log` is destroyed, because other threads may still log.
+struct LogFunctionGuard {
+  ~LogFunctionGuard() { (gst_debug_remove_log_function)(LogGstreamerMessage); }
+};
+
+const LogFunctionGuard guard{};
+
+void ForwardDebugLog() {
+  if (system::environment::Get("GST_DEBUG", "").empty()) {
+    gst_debug_set_default_threshold(GST_LEVEL_WARNING);
+    // The threshold activates the log. Activating it again would make GStreamer evaluate the lines of every level,
+    // which nearly doubles the cost of a frame if the elements do little work.
+    if (!gst_debug_is_active()) {
+      gst_debug_set_active(TRUE);
+    }
+  }
+  // The functions, in parentheses, because the macros of the same names are not valid in C++.
+  (gst_debug_remove_log_function)(nullptr);
+  (gst_debug_add_log_function)(LogGstreamerMessage, nullptr, nullptr);
+}
+
+void LoadPlugins() {
+  const auto folder = system::GetLibraryPath("mox_integration_gstreamer").parent_path() / "gstreamer-1.0";
+  gst_registry_fork_set_enabled(FALSE);
+  gst_registry_scan_path(gst_registry_get(), folder.c_str());
 }
 
 Ptr<GstPlugin> FindPlugin(const char* name) {
@@ -146,23 +118,8 @@ Session::Session() {
   if (!gst_is_initialized()) {
     gst_init(nullptr, nullptr);
   }
-  if (system::environment::Get("GST_DEBUG", "").empty()) {
-    gst_debug_set_default_threshold(GST_LEVEL_WARNING);
-    // A threshold makes it active. To activate it again would have GStreamer look at every line of every level, of
-    // which there are many a frame: nearly twice the work where elements do little themselves.
-    if (gst_debug_is_active() == FALSE) {
-      gst_debug_set_active(TRUE);
-    }
-  }
-  // In parentheses the functions, not the macros of the same names, which are not valid in C++.
-  (gst_debug_remove_log_function)(nullptr);
-  (gst_debug_add_log_function)(LogGstreamerMessage, nullptr, nullptr);
-
-  const std::string plugins =
-      (system::GetLibraryPath("mox_integration_gstreamer").parent_path() / "gstreamer-1.0").string();
-  gst_registry_fork_set_enabled(FALSE);
-  gst_registry_scan_path(gst_registry_get(), plugins.c_str());
-
+  ForwardDebugLog();
+  LoadPlugins();
   PreferNvidiaDecoders();
   PreferVaapiDecoders();
 }

@@ -10,21 +10,38 @@
 namespace mox::gstreamer {
 
 /**
- * GStreamer being up in the process. Make one, before the first pipeline, and destroy it after the last: both act on
- * the whole process, are expected from one thread, and allow no other work with GStreamer meanwhile.
+ * Keeps GStreamer initialised for the process. Create one session before the first pipeline and destroy it after the
+ * last, both on one thread and while no other thread uses GStreamer.
+ *
+ * A session changes the process for good:
+ * - GStreamer no longer writes its debug log to standard error itself.
+ * - Registry scans run in the process, not in a child process.
+ * - The hardware decoders keep the ranks that it gave them. No registry file is changed.
+ * - This library stays loaded: `dlclose` does not unload it.
+ * - Once the session is destroyed, GStreamer cannot be initialised again.
+ *
+ * A second session repeats each step, so each GStreamer line is logged twice. Destroying either deinitialises GStreamer
+ * for both.
  */
 class MOX_EXPORT Session {
  public:
   /**
-   * Initialises GStreamer unless the program has done so, routes its debug output into the logger
-   * "mox.gstreamer.session" (warnings and errors, or what the environment variable GST_DEBUG says), loads the plugins
-   * in the folder "gstreamer-1.0" beside this library and prefers the hardware video decoders it finds over others.
+   * Initialises GStreamer unless the program has done so. Forwards its debug log to the logger "mox.gstreamer.session",
+   * loads the plugins in the folder "gstreamer-1.0" beside this library and ranks the NVIDIA and VA-API decoders that
+   * it finds above the others.
    *
-   * @throw std::runtime_error where the library's path cannot be found out; GStreamer then stays up
+   * Two environment variables select the lines. GST_DEBUG selects what GStreamer logs: warnings and errors if it is
+   * unset or empty. MOX_LOG_LEVEL selects what the logger writes of that: "info" and above if it is unset. So
+   * GST_DEBUG=5 shows DEBUG lines only with MOX_LOG_LEVEL=debug, and GST_DEBUG=7 shows TRACE lines only with
+   * MOX_LOG_LEVEL=trace. FIXME, LOG and MEMDUMP lines have no level; only MOX_LOG_LEVEL=all shows them.
+   * What GStreamer logs during its initialisation still goes to standard error.
+   *
+   * @throws std::runtime_error if the path of this library is unknown; GStreamer stays initialised and its debug log
+   * stays forwarded
    */
   Session();
 
-  /** Takes GStreamer down for good: it cannot be brought up again in the process. */
+  /** Stops forwarding the debug log and deinitialises GStreamer. */
   virtual ~Session();
 
   Session(const Session&) = delete;
@@ -36,10 +53,10 @@ class MOX_EXPORT Session {
 extern "C" {
 #endif
 
-/** Makes a session. Returns null, having logged why, where that fails. */
+/** Creates a session. Returns null and logs the error if that fails. */
 MOX_EXPORT void* MoxGstreamerSessionCreate(void);
 
-/** Destroys @p session; null is ignored. */
+/** Destroys a session; null is ignored. */
 MOX_EXPORT void MoxGstreamerSessionRelease(void* session);
 
 #ifdef __cplusplus
