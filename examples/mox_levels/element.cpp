@@ -1,8 +1,8 @@
-#include "plugin/element.h"
+#include "mox_levels/element.h"
 
 #include "mox/gstreamer/check/ptr.h"
-#include "plugin/levels.h"
-#include "plugin/settings.h"
+#include "mox_levels/levels.h"
+#include "mox_levels/settings.h"
 
 #include <exception>
 #include <new>
@@ -12,20 +12,20 @@
 #include <gst/video/gstvideofilter.h>
 #include <gst/video/video.h>
 
-namespace plugin {
+namespace mox_levels {
 namespace {
 
 struct State {
   Settings settings;
 
-  // Of the streaming thread.
+  // Used by the streaming thread.
   Levels levels;
   Table table = MakeTable(levels);
 };
 
 struct Element {
   GstVideoFilter parent;
-  State state;  // made and destroyed with the instance, in GObject's memory
+  State state;  ///< Constructed and destroyed with the instance, in GObject's memory.
 };
 
 struct ElementClass {
@@ -37,7 +37,7 @@ State& StateOf(T* instance) noexcept {
   return reinterpret_cast<Element*>(instance)->state;
 }
 
-// GObject must not see an exception: the property keeps its value.
+// Keeps exceptions out of GObject. The property keeps its value.
 template <typename Function>
 void Guard(GObject* object, const GParamSpec* pspec, const Function& function) noexcept {
   try {
@@ -62,10 +62,10 @@ char* Describe(GObject* object) noexcept try {
   text << StateOf(object).settings.binder;
   return g_strdup(text.str().c_str());
 } catch (...) {
-  return nullptr;  // there is no memory for the text
+  return nullptr;  // no memory for the text
 }
 
-// Takes over the settings before each frame. One that nothing changes passes as it is, without a copy.
+// Reads the settings before each frame. A frame that they do not change passes without a copy.
 void BeforeTransform(GstBaseTransform* transform, GstBuffer* /*buffer*/) noexcept {
   State& state = StateOf(transform);
   const Settings& settings = state.settings;
@@ -75,7 +75,7 @@ void BeforeTransform(GstBaseTransform* transform, GstBuffer* /*buffer*/) noexcep
     state.table = MakeTable(levels);
   }
   const bool changes = settings.enabled.GetValue() && !(levels == Levels());
-  gst_base_transform_set_passthrough(transform, changes ? FALSE : TRUE);
+  gst_base_transform_set_passthrough(transform, !changes);
 }
 
 GstFlowReturn TransformFrame(GstVideoFilter* filter, GstVideoFrame* frame) noexcept {
@@ -83,7 +83,7 @@ GstFlowReturn TransformFrame(GstVideoFilter* filter, GstVideoFrame* frame) noexc
   return GST_FLOW_OK;
 }
 
-// Neither a class nor an instance can refuse to be initialised, so without memory the program ends, as GLib has it.
+// Ends the program if there is no memory, as GLib does, because initialising a class or an instance cannot fail.
 template <typename Step>
 void InitializeOrAbort(const Step& step) noexcept {
   try {
@@ -133,4 +133,4 @@ GType GetElementType() noexcept {
   return type;
 }
 
-}  // namespace plugin
+}  // namespace mox_levels

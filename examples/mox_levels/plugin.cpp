@@ -1,13 +1,13 @@
-// A GStreamer plugin of the framework, with one element.
+// The GStreamer plugin "moxlevels", with one element.
 
-#include "plugin/element.h"
+#include "mox_levels/element.h"
 
 #include <gst/gst.h>
 
 #define PACKAGE "mox"
 
 static gboolean Initialize(GstPlugin* self) {
-  return gst_element_register(self, "moxlevels", GST_RANK_NONE, plugin::GetElementType());
+  return gst_element_register(self, "moxlevels", GST_RANK_NONE, mox_levels::GetElementType());
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, moxlevels, "Lift, gain and gamma of the picture", Initialize,
