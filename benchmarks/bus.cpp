@@ -12,13 +12,13 @@
 #include <benchmark/benchmark.h>
 #include <gst/gst.h>
 
-// Messages of a bus on their way to a callback on a reader's thread.
+// Messages of a bus that reach a callback on a reader thread.
 namespace benchmarks {
 namespace {
 
 using mox::gstreamer::Ptr;
 
-/** What the callback has seen. */
+/** Counts the messages that the callback receives. */
 struct Seen {
   double last = 0;
   std::atomic<std::size_t> count = 0;
@@ -45,7 +45,7 @@ class Library {
   mox::type::Binding binding_;
 };
 
-/** A loop that waits for the next message for as long as the library does, and no longer than it has to at the end. */
+/** A loop with the same wait as the library. */
 class BareLoop {
  public:
   BareLoop(const Ptr<GstBus>& bus, Seen& seen) : bus_(bus), thread_([this, &seen] { Run(seen); }) {}
@@ -73,7 +73,7 @@ class BareLoop {
   std::thread thread_;
 };
 
-/** A main loop on a thread of its own. */
+/** A bus watch of a main loop on a thread of its own. */
 class MainLoop {
  public:
   MainLoop(const Ptr<GstBus>& bus, Seen& seen) {
@@ -106,7 +106,7 @@ void Post(const Ptr<GstBus>& bus) {
   gst_bus_post(bus.Get(), gst_message_new_duration_changed(nullptr));
 }
 
-/** From the post to the callback, with the reader waiting. */
+/** Measures from the post to the callback while the reader waits. */
 template <typename Reader>
 void Latency(benchmark::State& state) {
   const Ptr<GstBus> bus(gst_bus_new());
@@ -115,7 +115,7 @@ void Latency(benchmark::State& state) {
   Post(bus);
   seen.Await(1);
   for (std::size_t messages = 2; state.KeepRunning(); ++messages) {
-    // The reader is to be waiting again.
+    // Let the reader wait again.
     std::this_thread::sleep_for(std::chrono::microseconds(100));
     const double posted = Now();
     Post(bus);
@@ -124,8 +124,7 @@ void Latency(benchmark::State& state) {
   }
 }
 
-/** A million messages that lie on the bus when the reader starts. In a process of its own, with a heap that is fresh.
- */
+/** Measures a million messages that are on the bus when the reader starts, in a child process with a fresh heap. */
 template <typename Reader>
 void Backlog(benchmark::State& state) {
   constexpr std::size_t kMessages = 1'000'000;

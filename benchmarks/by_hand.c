@@ -1,6 +1,6 @@
 #include "benchmarks/by_hand.h"
 
-/* Something that another thread is waiting for. */
+/* An event that another thread waits for. */
 typedef struct {
   GMutex mutex;
   GCond cond;
@@ -53,7 +53,7 @@ void by_hand_free(ByHand* hand) {
   g_free(hand);
 }
 
-/* The neighbours `upstream` and `downstream` stay; `old` between them becomes `fresh`. */
+/* Replaces `old` with `fresh` between the neighbours `upstream` and `downstream`, which stay. */
 typedef struct {
   GstElement* bin;
   GstElement* upstream;
@@ -73,7 +73,7 @@ static GstPadProbeReturn on_drained(GstPad* pad, GstPadProbeInfo* info, gpointer
   return GST_PAD_PROBE_DROP;
 }
 
-/* Empties the elements of `chain`, whatever threads they have. */
+/* Drains the elements of `chain`, which may have streaming threads. */
 static void drain(GList* chain) {
   Event drained = {0};
   GstPad* const sink = gst_element_get_static_pad(chain->data, "sink");
@@ -130,9 +130,9 @@ void by_hand_set_filters(ByHand* hand, GList* filters) {
   hand->filters = filters;
 }
 
-/* On the streaming thread, which holds the next frame or event. The swap is made here rather than where the EOS comes
- * out, since there the EOS is still on its way through the pads. */
-static GstPadProbeReturn on_held(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
+/* Runs on the streaming thread that brought the next item. Swaps here and not in `on_drained`, because the EOS is still
+ * passing the pads there. */
+static GstPadProbeReturn on_blocked(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
   Swap* const swap = data;
   (void)pad;
   (void)info;
@@ -148,10 +148,10 @@ static GstPadProbeReturn on_held(GstPad* pad, GstPadProbeInfo* info, gpointer da
 }
 
 static void run(Swap* swap) {
-  GstPad* const held = gst_element_get_static_pad(swap->upstream, "src");
-  gst_pad_add_probe(held, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, on_held, swap, NULL);
+  GstPad* const blocked = gst_element_get_static_pad(swap->upstream, "src");
+  gst_pad_add_probe(blocked, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, on_blocked, swap, NULL);
   event_wait(&swap->finished);
-  gst_object_unref(held);
+  gst_object_unref(blocked);
 }
 
 void by_hand_add_filter(ByHand* hand, GstElement* filter, ByHandExtent extent) {
@@ -184,7 +184,7 @@ void by_hand_erase_filter(ByHand* hand, GstElement* filter, ByHandExtent extent)
   gst_object_unref(filter);
 }
 
-/* A branch of the tee, to be joined or parted while nothing passes a pad. */
+/* A branch of the tee, linked or unlinked while its pad is idle. */
 typedef struct {
   GstElement* tee;
   GstPad* sink;

@@ -17,7 +17,7 @@ struct Playing {
     watch.Await(watch.Frames() + 5);
   }
 
-  /** Makes a change right after a frame. Adds up CPU and the longest gap that the output sees. */
+  /** Makes a change right after a frame. Adds up the CPU time and the longest gap at the output. */
   template <typename Change>
   void Measure(benchmark::State& state, const Change& change) {
     watch.TakeGap();
@@ -42,7 +42,7 @@ struct Playing {
   double gap = 0;
 };
 
-/** Turn by turn a filter is appended and taken out again. */
+/** Appends a filter and removes it again, by turns. */
 template <typename Subject, Pace kPace>
 void FilterChange(benchmark::State& state) {
   Playing<Subject> playing(kPace, static_cast<std::size_t>(state.range(0)));
@@ -95,7 +95,7 @@ void SetInput(benchmark::State& state) {
   playing.Report(state, true);
 }
 
-/** A benchmark of few rounds, each of which takes some frames. */
+/** Registers a benchmark of few rounds, because each takes some frames. */
 template <typename Function>
 auto* Register(const std::string& what, const std::string& subject, Function* function) {
   return benchmark::RegisterBenchmark((what + "/" + subject).c_str(), function)->Iterations(20)->UseManualTime();

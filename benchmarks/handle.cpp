@@ -65,7 +65,7 @@ double Time(const Function& function) {
   return Now(CLOCK_THREAD_CPUTIME_ID) - begin;
 }
 
-/** Copies, moves and destroys, and tells how long one of the three takes. */
+/** Copies, moves and destroys handles, and reports the time of one of the three. */
 template <typename Subject, Step kStep>
 void Handles(benchmark::State& state) {
   using Handle = typename Subject::Handle;

@@ -10,7 +10,7 @@
 #include <benchmark/benchmark.h>
 #include <gst/gst.h>
 
-// Sessions and pipelines come and go, each time in a process of its own.
+// Creates and destroys sessions and pipelines, each time in a child process.
 namespace benchmarks {
 namespace {
 
@@ -23,7 +23,7 @@ void OnLine(GstDebugCategory* /*category*/, GstDebugLevel level, const char* fil
   }
 }
 
-/** The calls of a session by hand. */
+/** Makes the calls of a session by hand. */
 struct BareSession {
   BareSession() {
     gst_init(nullptr, nullptr);
@@ -40,7 +40,7 @@ struct BareSession {
   }
 };
 
-/** The calls for the pipeline of the library, with its bins, by hand. */
+/** Builds the library's pipeline and its bins by hand. */
 class BarePipeline {
  public:
   BarePipeline() {
@@ -95,7 +95,7 @@ void StartSession(benchmark::State& state) {
   }
 }
 
-/** The average of what some calls return, after one that settles things. */
+/** Reports the average of what some calls return, after one that is not counted. */
 template <double (*kOnce)()>
 void Average(benchmark::State& state) {
   constexpr int kCalls = 5;

@@ -10,7 +10,8 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
-// Records that nobody wants, and records that end in /dev/null. All loggers write to standard error, line by line.
+// Records that are filtered out, and records that are written to /dev/null. All loggers write to standard error, line
+// by line.
 namespace benchmarks {
 namespace {
 
@@ -56,11 +57,11 @@ struct Gst {
 
   static inline GstDebugCategory* const category = [] {
     gst_init(nullptr, nullptr);
-    return _gst_debug_category_new("benchmark", 0, "for what nobody wants");
+    return _gst_debug_category_new("benchmark", 0, "filtered out");
   }();
 };
 
-/** What a line of GStreamer's own comes with. */
+/** The arguments of a line of GStreamer's debug log. */
 struct Arguments {
   const char* file = "../libs/gst/base/gstbasesink.c";
   int line = 4088;

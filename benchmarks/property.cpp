@@ -12,7 +12,7 @@
 #include <benchmark/benchmark.h>
 #include <glib-object.h>
 
-// Properties of GObject classes, each kind in its turn: through the binder, and through a switch written by hand.
+// GObject properties of each kind: through the binder, and through a switch written by hand.
 namespace benchmarks {
 namespace {
 
@@ -51,7 +51,7 @@ constexpr std::array kNames{"a boolean", "a char",   "an unsigned char", "an int
                             "an int64",  "a uint64", "a float",          "a double", "a string"};
 constexpr std::size_t kKinds = std::tuple_size_v<Kinds>;
 
-/** Properties of each kind in turn, beginning with the first. */
+/** Binds properties of each kind in turn, beginning with `first`. */
 class Library {
  public:
   Library(std::size_t first, std::size_t count) { Make(first, count, std::make_index_sequence<kKinds>()); }
@@ -78,7 +78,7 @@ class Library {
   Binder binder_;
 };
 
-/** What one would write by hand, under a lock as elements of GStreamer do. */
+/** A switch written by hand, under a lock as in GStreamer's elements. */
 class Switch {
  public:
   Switch(std::size_t first, std::size_t count) : first_(static_cast<guint>(first)), count_(count) {
@@ -129,7 +129,7 @@ struct Instance {
   Subject* subject;
 };
 
-/** An object of a class of its own, which calls the subject as an element does. */
+/** Creates an object of a new class, which calls the subject as an element does. */
 template <typename Subject>
 GObject* MakeObject(std::size_t first, std::size_t count) {
   static const auto subject_of = [](GObject* object) { return reinterpret_cast<Instance<Subject>*>(object)->subject; };
@@ -142,7 +142,7 @@ GObject* MakeObject(std::size_t first, std::size_t count) {
     };
     static_cast<Subject*>(subject)->Install(G_OBJECT_CLASS(klass));
   };
-  auto* const subject = new Subject(first, count);  // for as long as the program runs
+  auto* const subject = new Subject(first, count);  // never freed
   GTypeInfo info{};
   info.class_size = sizeof(GObjectClass);
   info.class_init = initialize;
@@ -166,7 +166,7 @@ GValue MakeValue(GObject* object, const std::string& name, int number) {
   return value;
 }
 
-/** Sets two values by turns. */
+/** Sets two values alternately. */
 void Set(benchmark::State& state, GObject* object, const std::string& name) {
   std::array values{MakeValue(object, name, 0), MakeValue(object, name, 1)};
   std::size_t turn = 0;

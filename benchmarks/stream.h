@@ -18,7 +18,7 @@
 
 #include <gst/gst.h>
 
-// Sources, watched outputs, and one pipeline made in two ways.
+// Sources, watched outputs, and one pipeline built in three ways.
 namespace benchmarks {
 
 using mox::gstreamer::Ptr;
@@ -34,9 +34,10 @@ inline Elements MakeFilters(std::size_t count) {
   return filters;
 }
 
-/** Where frames come from: as fast as they go, or 60 a second. So small that making them costs next to nothing. */
+/** The speed of a source: as fast as possible, or 60 frames a second. */
 enum class Pace { Unthrottled, Live };
 
+// Frames so small that they cost almost nothing to make.
 inline std::string DescribeSource(Pace pace) {
   return std::string("videotestsrc pattern=black is-live=") + (pace == Pace::Live ? "true" : "false") +
          " ! capsfilter caps=video/x-raw,format=I420,width=16,height=16,framerate=60/1";
@@ -46,7 +47,7 @@ inline Ptr<GstElement> MakeSource(Pace pace) {
   return Ptr<GstElement>(gst_parse_bin_from_description(DescribeSource(pace).c_str(), TRUE, nullptr));
 }
 
-/** Counts the frames that reach an output, and measures the longest time between two. */
+/** Counts the frames that reach an output, and measures the longest gap between two. */
 class Watch {
  public:
   explicit Watch(Ptr<GstElement> output) : output_(std::move(output)) {
@@ -61,14 +62,14 @@ class Watch {
     return frames_;
   }
 
-  /** Waits until there have been so many frames in all. */
+  /** Blocks until this many frames have arrived in all. */
   void Await(std::size_t frames) {
     std::unique_lock<std::mutex> lock(mutex_);
     awaited_ = frames;
     condition_.wait(lock, [this] { return frames_ >= awaited_; });
   }
 
-  /** The longest time in seconds between two frames since it was last asked for. */
+  /** Returns the longest gap, in seconds, since the last call. */
   double TakeGap() {
     const std::lock_guard<std::mutex> lock(mutex_);
     return std::exchange(gap_, 0);
@@ -126,7 +127,7 @@ inline void SetFilters(ByHand& hand, const Elements& filters) {
   by_hand_set_filters(&hand, list);
 }
 
-/** The same written by hand. */
+/** The same pipeline written by hand. */
 template <ByHandExtent kExtent>
 class Hand {
  public:
@@ -142,7 +143,7 @@ class Hand {
   std::unique_ptr<ByHand, decltype(&by_hand_free)> hand_{by_hand_new(), by_hand_free};
 };
 
-/** The pipeline of the library with its filters changed by hand, between the fixed ends of the filter bin. */
+/** The pipeline of the library, whose filters are changed by hand between the fixed ends of the filter bin. */
 class HandInBins : public Library {
  public:
   ~HandInBins() { g_list_free_full(hand_.filters, gst_object_unref); }

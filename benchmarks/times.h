@@ -7,17 +7,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// How long things take, here and in a process of their own.
+// Times, measured in this process or in a child process.
 namespace benchmarks {
 
-/** Seconds of some clock. */
+/** Returns the time of the clock in seconds. */
 inline double Now(clockid_t clock = CLOCK_MONOTONIC) noexcept {
   timespec now{};
   clock_gettime(clock, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-/** Seconds that something took: on the wall's clock, and of CPU in all threads of the process. */
+/** Times in seconds: wall time, and CPU time of all threads of the process. */
 struct Times {
   double wall = 0;
   double cpu = 0;
@@ -28,8 +28,8 @@ struct Times {
 };
 
 /**
- * What the function returns in a process of its own. GStreamer comes up once a process, and differently with a session
- * and without; the parent stays without it.
+ * Returns what the function returns in a child process. GStreamer is initialised once a process, with a session or
+ * without; the parent never initialises it.
  */
 template <typename Function>
 Times InChild(const Function& function) {

@@ -8,7 +8,7 @@
 
 #include <benchmark/benchmark.h>
 
-// A pipeline at rest: what a frame costs while nothing changes.
+// The cost of a frame while nothing changes.
 namespace benchmarks {
 namespace {
 
@@ -37,7 +37,7 @@ std::string Repeat(std::size_t count, const std::string& text) {
   return count == 0 ? "" : text + Repeat(count - 1, text);
 }
 
-/** The same elements as gst-launch-1.0 arranges them: in the same bins, or without bins and their fixed ends. */
+/** The same elements from a gst-launch description: in the same bins, or without bins and their fixed ends. */
 template <bool kInBins>
 class Launched {
  public:
@@ -68,7 +68,7 @@ class Launched {
   Ptr<GstElement> pipeline_;
 };
 
-/** What a frame takes, after some that settle things. */
+/** Measures the time of a frame, after some frames that are not counted. */
 template <typename Subject>
 Times PerFrame(const Subject& subject, std::size_t frames) {
   const auto await = [&](std::size_t count) {
@@ -85,8 +85,8 @@ Times PerFrame(const Subject& subject, std::size_t frames) {
 }
 
 /**
- * Wall time a frame at full speed, and CPU a frame at 60 frames a second: at full speed it depends on how often threads
- * happen to meet. In a process that has brought GStreamer up as a program of that kind does.
+ * Measures the wall time of a frame at full speed and its CPU time at 60 frames a second, because at full speed the CPU
+ * time depends on how often threads happen to wait for each other. `Up` initialises GStreamer.
  */
 template <typename Up, typename Subject>
 void Frame(benchmark::State& state) {
