@@ -6,7 +6,7 @@
 
 namespace mox::property {
 
-/** Makes properties known to something outside the framework. A bound property must outlive its binding. */
+/** Exposes properties outside the framework. A bound property must outlive its binding. */
 class MOX_EXPORT Binder {
  public:
   Binder() = default;
@@ -14,9 +14,9 @@ class MOX_EXPORT Binder {
   Binder& operator=(const Binder&) = delete;
   virtual ~Binder() = default;
 
-  /** Makes the property known; each name once. */
+  /** Exposes the property. Each name may be bound once. */
   virtual void Bind(Property& property) = 0;
-  /** The opposite, by the name; one that is not bound is no error. */
+  /** Removes the property of that name, if there is one. */
   virtual void Unbind(Property& property) = 0;
 };
 

@@ -17,7 +17,8 @@ Json ToJson(double number) {
   return number > 0 ? "Infinity" : "-Infinity";
 }
 
-// As the shortest number that reads back as the float: 0.1, not the 0.10000000149011612 that it is as a double.
+// Converts a float to the shortest number that reads back as the same float: 0.1, not
+// 0.10000000149011612.
 Json ToJson(float number) {
   double shortest = number;
   std::array<char, 32> text{};

@@ -11,19 +11,19 @@
 #include <type_traits>
 #include <variant>
 
-// How values pass from one type to another and into text. Private to the library.
+// Conversions of values to other types and to text. Private to the library.
 namespace mox::property {
 
-/** The value as a number of another type, or nothing where that type has no such number. */
+/** Returns the value as a number of another type, or nothing if that type has no such number. */
 template <typename To, typename From>
 std::optional<To> ConvertNumber(From value) {
-  static_assert(std::numeric_limits<long double>::digits >= 64, "Every number of the ten kinds must fit");
+  static_assert(std::numeric_limits<long double>::digits >= 64, "long double must hold every number of the ten kinds");
   constexpr bool rounds = std::is_floating_point_v<From> && std::is_floating_point_v<To>;
   const long double exact = value;
   if (rounds && !std::isfinite(exact)) {
     return static_cast<To>(value);
   }
-  // Also false for what is not a number.
+  // False for NaN too.
   const bool is_within = exact >= std::numeric_limits<To>::lowest() && exact <= std::numeric_limits<To>::max();
   if (!is_within || (!rounds && static_cast<long double>(static_cast<To>(exact)) != exact)) {
     return std::nullopt;
@@ -31,7 +31,7 @@ std::optional<To> ConvertNumber(From value) {
   return static_cast<To>(exact);
 }
 
-/** The value as another type, or nothing where that type cannot hold it. */
+/** Returns the value as another type, or nothing if that type cannot hold it. */
 template <typename To>
 std::optional<To> Convert(const Value& value) {
   return std::visit(
@@ -48,12 +48,12 @@ std::optional<To> Convert(const Value& value) {
       value);
 }
 
-/** Keeps the order of the members. */
+/** JSON that keeps the order of its members. */
 using Json = nlohmann::ordered_json;
 
 Json ToJson(const Value& value);
 
-/** Valid JSON also where texts are no UTF-8. */
+/** Returns valid JSON, even if a text is not UTF-8. */
 inline std::string ToText(const Json& json) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }

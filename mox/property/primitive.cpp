@@ -23,7 +23,7 @@ bool RegisterTypes(const std::variant<T...>* /*value*/) {
 template <typename T>
 bool IsWithin(const T& value, const Limits<T>& limits) {
   if constexpr (kIsNumber<T>) {
-    return value >= limits.minimum && value <= limits.maximum;  // false where it is not a number
+    return value >= limits.minimum && value <= limits.maximum;  // false for NaN
   } else {
     return true;
   }

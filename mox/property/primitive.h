@@ -11,14 +11,11 @@
 
 namespace mox::property {
 
-/** The least and the greatest number that a property takes: without others, those of its type. */
+/** Inclusive limits of a number; by default those of the type. */
 template <typename T>
 struct Limits {
-  /** Both are taken themselves. */
-  ///@{
-  T minimum = std::numeric_limits<T>::lowest();
-  T maximum = std::numeric_limits<T>::max();
-  ///@}
+  T minimum = std::numeric_limits<T>::lowest();  ///< The lowest number.
+  T maximum = std::numeric_limits<T>::max();     ///< The highest number.
 };
 
 template <>
@@ -35,19 +32,19 @@ class MOX_EXPORT Primitive final : public Property {
   static constexpr const char* kTypeName = property::kTypeName<T>;
 
   /**
-   * Makes a property from its name, the name and the description that people read (all three in UTF-8), the value to
-   * begin with and the limits of what is assigned later. Name, value and limits are taken as they are.
+   * Creates a property. The three texts are UTF-8. The limits apply to later assignments; the name,
+   * the value and the limits themselves are not checked.
    */
   Primitive(std::string name, std::string nice_name, std::string description, T value, Limits<T> limits = {});
 
-  /// @cond told with the base
+  /// @cond documented with the base class
   using Property::operator=;
   /// @endcond
 
-  /** The value. Of a text, a copy. */
+  /** Returns a copy of the value. */
   T GetValue() const;
 
-  /** For numbers: `minimum` and `maximum`. */
+  /** Returns the limits. Only those of numbers have members. */
   const Limits<T>& GetLimits() const noexcept { return limits_; }
 
  protected:
@@ -56,7 +53,7 @@ class MOX_EXPORT Primitive final : public Property {
   void Write(std::ostream& stream) const override;
 
  private:
-  // Copies a text into memory that it has already.
+  // Copies a text into memory that it reuses.
   friend class Property;
 
   mutable std::mutex mutex_;

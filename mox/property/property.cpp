@@ -11,7 +11,8 @@
 namespace mox::property {
 namespace {
 
-// What a thread reads as text. A pointer into a property would dangle as soon as another thread sets it.
+// The text that this thread read last. A pointer into a property would dangle once another thread
+// sets the property.
 thread_local std::string text_read;
 
 }  // namespace
@@ -31,7 +32,7 @@ object::BadCast Property::BadCastError(const char* type_name) const {
 
 template <typename T>
 T Property::Read() const {
-  // Read as what it is, as a rule, a value need not pass by way of any type.
+  // The usual case needs no conversion.
   constexpr auto own = HashTypeName(kTypeName<T>);
   if (GetTypeHash() == own) {
     return static_cast<const Primitive<T>&>(*this).GetValue();

@@ -12,27 +12,28 @@
 namespace mox::property {
 
 /**
- * A named, typed value that is set and read in any of the ten value types, where that keeps the value.
+ * A named, typed value that is set and read as any of the ten value types that can hold the value.
  *
- * A number passes as a number of another type that has exactly this value; only a double that becomes a float is
- * rounded to the nearest one. A bool passes as 0 or 1. Text passes as text alone. What does not pass is refused with a
- * std::runtime_error that names the property and the value, and changes nothing.
+ * A number converts to a number type that has exactly this value; only a double is rounded to the
+ * nearest float. A bool converts to 0 or 1. Text converts to nothing else. Any other conversion
+ * throws a std::runtime_error that names the property and the value, and changes nothing.
  *
- * Any thread may set, read and describe one property at any time, all at once: none sees half a value.
+ * Setting a property notifies nobody. Several threads may set, read and write a property at once;
+ * none sees half a value.
  */
 class MOX_EXPORT Property : public object::Object {
  public:
-  /** The name by which programs call the property. */
+  /** Returns the name for programs. */
   const std::string& GetName() const noexcept { return name_; }
-  /** The name that people read. */
+  /** Returns the name for people. */
   const std::string& GetNiceName() const noexcept { return nice_name_; }
-  /** A sentence on what the property does. */
+  /** Returns a sentence about the property. */
   const std::string& GetDescription() const noexcept { return description_; }
 
   /**
-   * This property as a @p Kind, for instance `Primitive<int>`.
+   * Returns this property as a `Kind`, for instance `Primitive<int>`.
    *
-   * @throws object::BadCast if it is not of that kind
+   * @throws object::BadCast if the property is not of that kind
    */
   template <typename Kind>
   const Kind& As() const {
@@ -42,10 +43,15 @@ class MOX_EXPORT Property : public object::Object {
     return static_cast<const Kind&>(*this);
   }
 
-  /** The error that names the property, its type and the type that it was asked for as. */
+  /** Creates an error that names the property, its type and the requested type. */
   object::BadCast BadCastError(const char* type_name) const;
 
-  /** @throws std::runtime_error if the property does not take the value; its limits are part of the message */
+  /**
+   * Sets the value.
+   *
+   * @throws std::runtime_error if the type cannot hold the value, or if it is outside the limits,
+   * which the text names
+   */
   ///@{
   Property& operator=(bool value) { return Assign(value); }
   Property& operator=(signed char value) { return Assign(value); }
@@ -57,10 +63,18 @@ class MOX_EXPORT Property : public object::Object {
   Property& operator=(float value) { return Assign(value); }
   Property& operator=(double value) { return Assign(value); }
   ///@}
-  /** Copies the text, which is not null. */
+  /**
+   * Sets the value to a copy of the text, which is not null.
+   *
+   * @throws std::runtime_error if the property is not of text
+   */
   Property& operator=(const char* value) { return Assign(std::string(value)); }
 
-  /** @throws std::runtime_error if the type cannot hold the value */
+  /**
+   * Returns the value.
+   *
+   * @throws std::runtime_error if the type cannot hold the value
+   */
   ///@{
   operator bool() const { return Read<bool>(); }
   operator signed char() const { return Read<signed char>(); }
@@ -73,27 +87,30 @@ class MOX_EXPORT Property : public object::Object {
   operator double() const { return Read<double>(); }
   ///@}
   /**
-   * A copy of the text, which is the calling thread's own: it stays until this thread reads the text of a property
-   * again, of whichever, or ends. To keep it, copy it.
+   * Returns a copy of the text in memory of the calling thread, which the next such read of any
+   * property reuses. So two texts read in a row are the same memory, with the second text. Copy a
+   * text to keep it, or use `GetValue`.
+   *
+   * @throws std::runtime_error if the property is not of text
    */
   operator const char*() const;
 
   /**
-   * Writes the property as one JSON object with the members "name", "nice_name", "description", "type" and "value",
-   * and for numbers "minimum" and "maximum". A number that JSON does not have is the string "Infinity", "-Infinity" or
-   * "NaN". What is not UTF-8 in a text is replaced by U+FFFD.
+   * Writes the property as one JSON object with the members "name", "nice_name", "description",
+   * "type" and "value", and for numbers "minimum" and "maximum". A number without a JSON form is
+   * the string "Infinity", "-Infinity" or "NaN". Bytes of a text that are not UTF-8 become U+FFFD.
    */
   MOX_EXPORT friend std::ostream& operator<<(std::ostream& stream, const Property& property);
 
  protected:
-  /** All three texts are UTF-8. */
+  /** Creates a property. The three texts are UTF-8. */
   Property(const hash::MurmurThree32& type_hash, std::string name, std::string nice_name, std::string description);
 
-  /** Takes the value or throws, as the operators do. */
+  /** Sets the value, or throws as the operators do. */
   virtual void Set(const Value& value) = 0;
-  /** The value in the property's own type. */
+  /** Returns the value in the property's own type. */
   virtual Value Get() const = 0;
-  /** Writes one JSON value. */
+  /** Writes one JSON value to the stream. */
   virtual void Write(std::ostream& stream) const = 0;
 
  private:
@@ -105,7 +122,7 @@ class MOX_EXPORT Property : public object::Object {
   // Instantiated in the library for the ten value types.
   template <typename T>
   T Read() const;
-  // By way of another type; apart, for it needs room on the stack that the usual way does not.
+  // Converts the value. A function of its own, because it needs stack that the usual case does not.
   template <typename T>
   T ReadAs() const;
 

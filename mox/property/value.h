@@ -6,11 +6,11 @@
 
 namespace mox::property {
 
-/** The value of a property of any of the ten kinds. */
+/** A value of any of the ten kinds. */
 using Value =
     std::variant<bool, signed char, unsigned char, int, unsigned int, long, unsigned long, float, double, std::string>;
 
-/** The name of the type of a `Primitive<T>`. */
+/** The type name of a `Primitive<T>`. */
 ///@{
 template <typename T>
 inline constexpr const char* kTypeName = nullptr;

@@ -27,16 +27,16 @@ auto HasNameOf(const Property& property) {
   return [&name = property.GetName()](const Property& bound) { return bound.GetName() == name; };
 }
 
-// Installs what @p make makes of the name, the nick and the blurb. What GLib cannot take it refuses with a critical
-// message and no param spec; but for a name its functions for the kinds of values then read through the null pointer
-// that they got inside. So GLib is asked to refuse the name alone.
+// Creates the param spec with `make` and installs it, unless GLib refuses it with a critical.
+// GLib's functions for the kinds of values crash after they have refused a name, so an invalid name
+// goes to the function that they call.
 template <typename Function>
 void Install(const Property& property, GObjectClass* klass, unsigned int id, const Function& make) {
   const char* const name = property.GetName().c_str();
   const char* const nick = property.GetNiceName().c_str();
   const char* const blurb = property.GetDescription().c_str();
   GParamSpec* spec = nullptr;
-  if (g_param_spec_is_valid_name(name) != FALSE) {
+  if (g_param_spec_is_valid_name(name)) {
     spec = make(name, nick, blurb);
   } else {
     spec = static_cast<GParamSpec*>(g_param_spec_internal(G_TYPE_PARAM_INT, name, nick, blurb, G_PARAM_READWRITE));
@@ -46,9 +46,9 @@ void Install(const Property& property, GObjectClass* klass, unsigned int id, con
   }
 }
 
-// How a value passes between a property and GObject by one type of param spec.
+// Copies values between a property and GObject for one type of param spec.
 struct Transfer {
-  GType type;
+  GType type;  ///< The type of the param spec.
   void (*set)(Property& property, const GValue* value);
   void (*get)(const Property& property, GValue* value);
 };
@@ -60,11 +60,11 @@ Transfer TransferOf(GType type) {
 }
 
 bool GetBoolean(const GValue* value) {
-  return g_value_get_boolean(value) != FALSE;
+  return g_value_get_boolean(value);
 }
 
 void SetBoolean(GValue* value, bool boolean) {
-  g_value_set_boolean(value, boolean ? TRUE : FALSE);
+  g_value_set_boolean(value, boolean);
 }
 
 const char* GetString(const GValue* value) {
@@ -72,7 +72,7 @@ const char* GetString(const GValue* value) {
   return text != nullptr ? text : "";
 }
 
-// The most used first.
+// The most frequent first.
 const std::array<Transfer, 10> transfers{
     TransferOf<GetBoolean, SetBoolean>(G_TYPE_PARAM_BOOLEAN),
     TransferOf<g_value_get_int, g_value_set_int>(G_TYPE_PARAM_INT),
@@ -86,8 +86,8 @@ const std::array<Transfer, 10> transfers{
     TransferOf<GetString, g_value_set_string>(G_TYPE_PARAM_STRING),
 };
 
-// Compares types from that of the param spec upwards. To ask whether it is of each of the ten, none of which is derived
-// from another, finds the same, but calls a function for each that it is not of.
+// Compares the type of the param spec and its parents with the ten. Instance checks would find the
+// same, because none of the ten is derived from another, but cost a function call each.
 const Transfer* FindTransfer(const GParamSpec* pspec) {
   GType type = pspec != nullptr ? G_PARAM_SPEC_TYPE(pspec) : G_TYPE_INVALID;
   for (; type != G_TYPE_INVALID; type = g_type_parent(type)) {
@@ -102,7 +102,7 @@ const Transfer* FindTransfer(const GParamSpec* pspec) {
 
 }  // namespace
 
-/** Installs a string or a boolean, whose default GLib takes as a U. */
+/** Installs a string or a boolean, whose default is a `U` in GLib. */
 template <typename T, typename U>
 bool InstallProperty(const Property& property, GObjectClass* klass, unsigned int id,
                      GParamSpec* (*make)(const char*, const char*, const char*, U, GParamFlags)) {

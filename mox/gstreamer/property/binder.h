@@ -14,52 +14,65 @@
 namespace mox::gstreamer::property {
 
 /**
- * Makes framework properties the GObject properties of an element. Borrows the properties: each must outlive its
- * binding, or the binder.
+ * Makes framework properties the GObject properties of an element. Borrows the properties: each
+ * must outlive its binding or the binder.
  *
- * The identifier of a bound property is its position plus one, from the first bound as 1. An element binds its
- * properties in the same order in its class and in each instance: it calls `InstallProperties` on a binder of its own
- * when the class is made, and forwards the GObject calls of an instance to the instance's binder. No exception may
- * pass through GObject: the element catches what `SetProperty` and `GetProperty` throw.
+ * The identifier of a bound property is its position, counted from 1. The class and each instance
+ * of an element have a binder with the same properties in the same order. Class initialisation
+ * calls `InstallProperties`; the instance forwards its GObject calls to `SetProperty` and
+ * `GetProperty`, and catches what they throw, because no exception may pass through GObject.
  *
- * Binding, unbinding and installing belong to one thread and exclude every other use. `SetProperty`, `GetProperty` and
- * `operator<<` may run on any threads at once.
+ * GObject emits "notify" for a property that is set through GObject. An assignment to the framework
+ * property itself emits nothing; call `g_object_notify` if others must see it.
+ *
+ * One thread binds, unbinds and installs, while no other uses the binder. `SetProperty`,
+ * `GetProperty` and `operator<<` may run on several threads at once.
  */
 class MOX_EXPORT Binder : public mox::property::Binder {
  public:
   Binder() = default;
-  /** Takes over what is bound; nothing is left bound to the source. */
+  /** Moves the bindings; `other` has none afterwards. */
   Binder(Binder&& other) noexcept;
   ~Binder() override;
 
   /** @throws std::logic_error if a property of the same name is bound */
   void Bind(mox::property::Property& property) override;
 
-  /** Unbinds the property of the same name, whether it is this one or another; the identifiers behind it move up. */
+  /**
+   * Unbinds the property of the same name, be it this object or another. Later identifiers decrease
+   * by one.
+   */
   void Unbind(mox::property::Property& property) override;
 
   /**
-   * Installs a readable and writable GObject property for each bound one, in their order, with its value as default
-   * and its limits. GLib refuses what it cannot take, as a name with a blank or a default outside the limits, with a
-   * critical message; the others are installed.
+   * Installs a readable and writable GObject property for each bound one, in order. The default is
+   * its value, the limits are its own. GLib refuses an invalid name or a default outside the limits
+   * with a critical; the other properties are installed.
    *
-   * @throws std::runtime_error if a property is of none of the ten kinds; those before it stay installed
+   * @throws std::runtime_error if a property is of none of the ten kinds; earlier properties stay
+   * installed
    */
   void InstallProperties(GObjectClass* klass);
 
   /**
-   * Sets the property with the identifier from a value of the kind of the param spec; a null string sets an empty one.
-   * Nothing happens without a param spec, or with one of another than the ten kinds.
+   * Sets the property with the identifier to a value of the kind of the param spec; a null string
+   * sets an empty one. Does nothing if the param spec is null or of none of the ten kinds.
    *
    * @throws std::logic_error if there is no such identifier
    * @throws std::runtime_error if the property refuses the value
    */
   void SetProperty(unsigned int id, const GValue* value, GParamSpec* pspec);
 
-  /** Reads the property with the identifier into a value, which is initialised for the param spec; else as above. */
+  /**
+   * Reads the property with the identifier into a value that is initialised for the param spec.
+   * Does nothing if the param spec is null or of none of the ten kinds.
+   *
+   * @throws std::logic_error if there is no such identifier
+   * @throws std::runtime_error if the kind of the param spec cannot hold the value
+   */
   void GetProperty(unsigned int id, GValue* value, GParamSpec* pspec) const;
 
-  /** Writes the JSON object {"properties":[...]} with the bound properties in their order. */
+  /** Writes the JSON object {"properties":[...]} with the bound properties in order. */
   MOX_EXPORT friend std::ostream& operator<<(std::ostream& stream, const Binder& binder);
 
  private:
