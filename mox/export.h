@@ -3,7 +3,7 @@
 
 /** @file */
 
-/** Marks a declaration as part of its library's exported interface; everything else is built hidden. */
+/** Exports a declaration from its library. Everything else is hidden. */
 #define MOX_EXPORT __attribute__((visibility("default")))
 
 #endif

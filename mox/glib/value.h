@@ -7,16 +7,16 @@
 
 namespace mox::glib {
 
-/** Owns one `GValue`, or none: an empty value wraps a `GValue` that was never initialised (`G_IS_VALUE` is false). */
+/** Owns one `GValue`. That of an empty value is not initialised: `G_IS_VALUE` is false. */
 class MOX_EXPORT Value {
  public:
   /** Makes an empty value. */
   Value() noexcept = default;
 
-  /** Copies @p value; one that was never initialised makes an empty value. */
+  /** Copies `value`. One that is not initialised makes an empty value. */
   explicit Value(const GValue& value);
 
-  /** Copies the `GValue`, or takes it over from the other one, which is empty afterwards. */
+  /** Copies the `GValue`, or moves it; `other` is empty after a move. */
   ///@{
   Value(const Value& other);
   Value(Value&& other) noexcept;
@@ -25,7 +25,7 @@ class MOX_EXPORT Value {
 
   ~Value();
 
-  /** The wrapped `GValue`, valid as long as this object is not changed. */
+  /** Returns the `GValue`, valid until this object changes. */
   [[nodiscard]] const GValue& GetValue() const noexcept;
 
  private:

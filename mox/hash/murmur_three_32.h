@@ -7,16 +7,16 @@
 
 namespace mox::hash {
 
-/** A hash of bytes: the published MurmurHash3 in its variant for x86 with 32 bits (MurmurHash3_x86_32). */
+/** The hash MurmurHash3_x86_32 of some bytes. */
 class MurmurThree32 {
  public:
-  /** The hash of the bytes under the seed. */
+  /** Hashes the bytes with the seed. */
   constexpr MurmurThree32(std::string_view bytes, std::uint32_t seed) noexcept : value_(Hash(bytes, seed)) {}
 
-  /** The hash as a number. */
+  /** Returns the hash as a number. */
   constexpr std::uint32_t Get() const noexcept { return value_; }
 
-  /** By number. */
+  /** Compares the numbers. */
   ///@{
   friend constexpr bool operator==(MurmurThree32 left, MurmurThree32 right) noexcept {
     return left.value_ == right.value_;
@@ -29,7 +29,7 @@ class MurmurThree32 {
     return (value << bits) | (value >> (32 - bits));
   }
 
-  // Up to four bytes, the first of which is the lowest.
+  // Mixes up to four bytes, the lowest first.
   static constexpr std::uint32_t Mix(std::string_view bytes) noexcept {
     std::uint32_t block = 0;
     for (std::size_t i = 0; i < bytes.size(); ++i) {

@@ -31,7 +31,7 @@ const char* GetText(Level level) noexcept {
   return "none";
 }
 
-/** The lowest value of a level that is written. */
+// Returns the value of the lowest level that is written.
 unsigned ReadThreshold() noexcept {
   const char* const variable = std::getenv("MOX_LOG_LEVEL");
   const std::string_view name = variable == nullptr ? "" : variable;
@@ -86,7 +86,7 @@ void AppendMessage(std::string* out, const char* format, const std::function<voi
 
 }  // namespace
 
-Logger::Logger(const Name& name) : name_(name) {}  // NOLINT(modernize-pass-by-value): part of the interface
+Logger::Logger(const Name& name) : name_(name) {}  // NOLINT(modernize-pass-by-value): fixed interface
 
 Logger::~Logger() = default;
 
@@ -105,7 +105,7 @@ void Logger::Format(std::string* out, const Name& name, Level level, const char*
     AppendTime(out);
     out->append(" ").append(GetText(level)).append(" ").append(name.Get()).append(": ");
     AppendMessage(out, format, arguments, count);
-  } catch (...) {  // NOLINT(bugprone-empty-catch): there is no memory for the rest of the line
+  } catch (...) {  // no memory for the rest of the line
   }
   std::replace_if(
       out->begin(), out->end(), [](char character) { return character == '\n' || character == '\r'; }, ' ');
@@ -115,12 +115,12 @@ void Logger::Output(std::unique_ptr<std::string> text, bool urgent) const noexce
   try {
     text->push_back('\n');
   } catch (...) {
-    text->back() = '\n';  // there is no memory for one character more
+    text->back() = '\n';  // no memory for another character
   }
-  // One call, under the stream's own lock, and standard error is unbuffered: the lines of threads do not mix.
+  // One call, so that the lines of several threads do not mix.
   std::fwrite(text->data(), 1, text->size(), stderr);
   if (urgent) {
-    std::fflush(stderr);  // the program may have given the stream a buffer
+    std::fflush(stderr);  // because the program may have set a buffer
   }
 }
 

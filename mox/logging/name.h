@@ -10,10 +10,10 @@ namespace mox::logging {
 /** The dotted, lower-case name of a logger, for example "mox.gstreamer.session". */
 class MOX_EXPORT Name {
  public:
-  /** Copies @p name, a NUL-terminated string. */
+  /** Copies a NUL-terminated string. */
   explicit Name(const char* name);
 
-  /** The text of the name. */
+  /** Returns the text of the name. */
   [[nodiscard]] const std::string& Get() const noexcept;
 
  private:

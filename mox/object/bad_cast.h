@@ -9,13 +9,13 @@
 
 namespace mox::object {
 
-/** The error of an object that is not of the type it was asked for as: tells which. */
+/** The error of a cast to a type that the object does not have. */
 class MOX_EXPORT BadCast : public std::bad_cast {
  public:
-  /** An error whose text is @p message. */
+  /** Creates an error whose text is `message`. */
   explicit BadCast(std::string message) : message_(std::move(message)) {}
 
-  /** The message given at construction. */
+  /** Returns the message given at construction. */
   const char* what() const noexcept override { return message_.c_str(); }
 
  private:

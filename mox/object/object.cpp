@@ -14,8 +14,8 @@ struct Type {
   const Type* next;
 };
 
-// The registered types, the latest first. They are never taken out, so they are read without a lock, also while the
-// program ends.
+// The registered types, latest first. None is ever removed, so reading needs no lock, not even
+// while the program ends.
 std::atomic<const Type*> types{nullptr};
 
 const Type* Find(const hash::MurmurThree32& hash) noexcept {

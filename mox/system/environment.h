@@ -7,7 +7,7 @@
 
 namespace mox::system::environment {
 
-/** The value of the environment variable @p name, or @p default_value where it is not set. */
+/** Returns the value of the environment variable, or `default_value` if it is not set. */
 MOX_EXPORT std::string Get(const char* name, const char* default_value);
 
 }  // namespace mox::system::environment

@@ -17,7 +17,7 @@ struct Search {
   std::string path;
 };
 
-/** Whether the file of @p path is called @p file_name, or that with a version appended. */
+// Returns true if the file of the path has that name, or that name with a version appended.
 bool IsNamed(std::string_view path, std::string_view file_name) {
   path.remove_prefix(path.rfind('/') + 1);
   const std::string_view version = path.substr(std::min(file_name.size(), path.size()));
@@ -38,7 +38,7 @@ int Visit(dl_phdr_info* object, std::size_t /*size*/, void* data) noexcept {
 
 boost::filesystem::path GetLibraryPath(const std::string& name) {
   Search search{"lib" + name + ".so", {}};
-  search.path.reserve(PATH_MAX);  // so that the visitor, which must not throw, need not allocate
+  search.path.reserve(PATH_MAX);  // The visitor must not throw, so it must not allocate.
   if (dl_iterate_phdr(Visit, &search) == 0) {
     throw std::runtime_error("Library '" + name + "' is not loaded");
   }

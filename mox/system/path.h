@@ -10,17 +10,18 @@
 namespace mox::system {
 
 /**
- * The path under which the shared library with the base name @p name was loaded: "mox_system" finds libmox_system.so
- * and libmox_system.so.1. Links in the path are not resolved, and it is relative where the library was loaded so.
+ * Returns the path from which a shared library was loaded. `name` is the base name: "mox_system"
+ * finds libmox_system.so and libmox_system.so.1. Links are not resolved. The path is relative if
+ * the library was loaded from a relative one.
  *
- * @throw std::runtime_error where no such library is loaded
+ * @throws std::runtime_error if no such library is loaded
  */
 MOX_EXPORT boost::filesystem::path GetLibraryPath(const std::string& name);
 
 /**
- * The path of the running executable.
+ * Returns the path of the running executable.
  *
- * @throw boost::filesystem::filesystem_error where the system does not tell it
+ * @throws boost::filesystem::filesystem_error if the path is unknown
  */
 MOX_EXPORT boost::filesystem::path GetExecutablePath();
 

@@ -9,13 +9,13 @@
 
 namespace mox::type {
 
-/** The error of a failed conversion from one type to another: tells which. */
+/** The error of a failed conversion from one type to another. */
 class MOX_EXPORT BadCast : public std::bad_cast {
  public:
-  /** An error whose text is @p message. */
+  /** Creates an error whose text is `message`. */
   explicit BadCast(std::string message) : message_(std::move(message)) {}
 
-  /** The message given at construction. */
+  /** Returns the message given at construction. */
   const char* what() const noexcept override { return message_.c_str(); }
 
  private:

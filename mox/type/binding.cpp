@@ -24,7 +24,7 @@ Binding::~Binding() {
 }
 
 void Binding::Release() {
-  // Taken out first, so that nothing the function does can make it run again.
+  // Cleared first, because the function may release this binding again.
   if (const auto release = std::exchange(release_, nullptr)) {
     release(index_);
   }

@@ -8,27 +8,27 @@
 namespace mox::type {
 
 /**
- * The owner of one registration: it releases the registration once, when asked to, when destroyed or when another one
- * is moved into it, whichever comes first. Not for use by several threads at once.
+ * Owns one registration and releases it once: by `Release`, by destruction or when another binding
+ * is moved here. One thread at a time may use a binding.
  */
 class MOX_EXPORT Binding {
  public:
-  /** Holds no registration. */
+  /** Owns nothing. */
   Binding() noexcept = default;
 
-  /** Holds the registration @p index, which `release(index)` undoes. An empty @p release makes an empty binding. */
+  /** Owns the registration `index`, which `release(index)` ends. Owns nothing without `release`. */
   Binding(std::function<void(unsigned)> release, unsigned index) noexcept;
 
-  /** Takes over what the other one holds, which is empty afterwards. */
-  ///@{
+  /** Moves the registration; `other` is empty afterwards. */
   Binding(Binding&& other) noexcept;
-  Binding& operator=(Binding&& other) noexcept;
-  ///@}
 
-  /** Releases; what the release function throws is lost. */
+  /** Moves the registration, then releases the one owned before. Drops what that release throws. */
+  Binding& operator=(Binding&& other) noexcept;
+
+  /** Releases. Drops what the release function throws. */
   ~Binding();
 
-  /** Calls the release function unless that was done before, and passes on what it throws. */
+  /** Calls the release function, unless it was called before. Throws what it throws. */
   void Release();
 
  private:

@@ -13,17 +13,18 @@ template <typename Signature>
 class Callbacks;
 
 /**
- * An ordered sequence of slots, each holding a function or empty. Erasing empties a slot in place, so that the index of
- * every other function stays valid. Not for use by several threads at once; a function must not change the container
- * that is calling it.
+ * An ordered sequence of slots, each with a function or empty. Erasing a function empties its slot,
+ * so the other indices stay valid. One thread at a time may use the container. A function must not
+ * change the container that calls it.
  */
 template <typename... Args>
 class Callbacks<void(Args...)> {
  public:
   /**
-   * Puts @p function into the first empty slot, or into a new one at the end, and returns the index of that slot.
+   * Inserts a function into the first empty slot, or into a new one at the end, and returns the
+   * index of that slot.
    *
-   * @throw std::invalid_argument where @p function is empty
+   * @throws std::invalid_argument if the function is empty
    */
   unsigned Insert(std::function<void(Args...)> function) {
     if (!function) {
@@ -37,12 +38,12 @@ class Callbacks<void(Args...)> {
     return static_cast<unsigned>(slot - slots_.begin());
   }
 
-  /** Empties the slot @p index and returns what was in it; an index without a slot gives an empty function. */
+  /** Empties a slot and returns its function, or an empty function if there is no such slot. */
   std::function<void(Args...)> Erase(unsigned index) noexcept {
     return index < slots_.size() ? std::exchange(slots_[index], nullptr) : nullptr;
   }
 
-  /** Calls every function in the order of the slots. */
+  /** Calls each function in the order of the slots. */
   void operator()(Args... args) const {
     for (const auto& slot : slots_) {
       if (slot) {
