@@ -124,7 +124,10 @@ void Latency(benchmark::State& state) {
   }
 }
 
-/** Measures a million messages that are on the bus when the reader starts, in a child process with a fresh heap. */
+/**
+ * Measures a million messages that are on the bus when the reader starts, in a child process with a
+ * fresh heap.
+ */
 template <typename Reader>
 void Backlog(benchmark::State& state) {
   constexpr std::size_t kMessages = 1'000'000;

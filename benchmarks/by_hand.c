@@ -130,8 +130,8 @@ void by_hand_set_filters(ByHand* hand, GList* filters) {
   hand->filters = filters;
 }
 
-/* Runs on the streaming thread that brought the next item. Swaps here and not in `on_drained`, because the EOS is still
- * passing the pads there. */
+/* Runs on the streaming thread that brought the next item. Swaps here and not in `on_drained`,
+ * because the EOS is still passing the pads there. */
 static GstPadProbeReturn on_blocked(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
   Swap* const swap = data;
   (void)pad;

@@ -37,7 +37,10 @@ std::string Repeat(std::size_t count, const std::string& text) {
   return count == 0 ? "" : text + Repeat(count - 1, text);
 }
 
-/** The same elements from a gst-launch description: in the same bins, or without bins and their fixed ends. */
+/**
+ * The same elements from a gst-launch description: in the same bins, or without bins and their
+ * fixed ends.
+ */
 template <bool kInBins>
 class Launched {
  public:
@@ -85,8 +88,9 @@ Times PerFrame(const Subject& subject, std::size_t frames) {
 }
 
 /**
- * Measures the wall time of a frame at full speed and its CPU time at 60 frames a second, because at full speed the CPU
- * time depends on how often threads happen to wait for each other. `Up` initialises GStreamer.
+ * Measures the wall time of a frame at full speed and its CPU time at 60 frames a second, because
+ * at full speed the CPU time depends on how often threads happen to wait for each other. `Up`
+ * initialises GStreamer.
  */
 template <typename Up, typename Subject>
 void Frame(benchmark::State& state) {

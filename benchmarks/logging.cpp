@@ -10,8 +10,8 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
-// Records that are filtered out, and records that are written to /dev/null. All loggers write to standard error, line
-// by line.
+// Records that are filtered out, and records that are written to /dev/null. All loggers write to
+// standard error, line by line.
 namespace benchmarks {
 namespace {
 

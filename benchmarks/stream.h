@@ -143,7 +143,10 @@ class Hand {
   std::unique_ptr<ByHand, decltype(&by_hand_free)> hand_{by_hand_new(), by_hand_free};
 };
 
-/** The pipeline of the library, whose filters are changed by hand between the fixed ends of the filter bin. */
+/**
+ * The pipeline of the library, whose filters are changed by hand between the fixed ends of the
+ * filter bin.
+ */
 class HandInBins : public Library {
  public:
   ~HandInBins() { g_list_free_full(hand_.filters, gst_object_unref); }

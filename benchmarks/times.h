@@ -28,8 +28,8 @@ struct Times {
 };
 
 /**
- * Returns what the function returns in a child process. GStreamer is initialised once a process, with a session or
- * without; the parent never initialises it.
+ * Returns what the function returns in a child process. GStreamer is initialised once a process,
+ * with a session or without; the parent never initialises it.
  */
 template <typename Function>
 Times InChild(const Function& function) {

@@ -6,10 +6,12 @@
 namespace mox_levels {
 
 /**
- * Returns the type of the element "moxlevels", a video filter that makes the picture brighter or darker.
+ * Returns the type of the element "moxlevels", a video filter that makes the picture brighter or
+ * darker.
  *
- * Its properties are those of `Settings`. Any thread may set and read them while video flows; a change takes effect
- * with the next frame. The action signal "describe" returns them as JSON, a string that the caller frees.
+ * Its properties are those of `Settings`. Any thread may set and read them while video flows; a
+ * change takes effect with the next frame. The action signal "describe" returns them as JSON, a
+ * string that the caller frees.
  */
 GType GetElementType() noexcept;
 

@@ -7,7 +7,8 @@
 namespace mox_levels {
 namespace {
 
-// Changes the first `kUsed` of every `kStep` bytes. Both are constants, so that the compiler unrolls the loop.
+// Changes the first `kUsed` of every `kStep` bytes. Both are constants, so that the compiler
+// unrolls the loop.
 template <std::size_t kUsed, std::size_t kStep>
 void ApplyToRow(const Table& table, std::uint8_t* row, std::size_t size) {
   for (std::size_t i = 0; i + kUsed <= size; i += kStep) {
@@ -34,7 +35,8 @@ void Apply(const Table& table, GstVideoFrame& frame) {
   const auto stride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0);
   const auto step = static_cast<std::size_t>(GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, 0));
   const auto size = static_cast<std::size_t>(GST_VIDEO_FRAME_WIDTH(&frame)) * step;
-  // Red, green and blue are adjacent, with red or blue first; a fourth byte precedes or follows them.
+  // Red, green and blue are adjacent, with red or blue first; a fourth byte precedes or follows
+  // them.
   const std::size_t red = GST_VIDEO_FRAME_COMP_POFFSET(&frame, 0);
   const std::size_t blue = GST_VIDEO_FRAME_COMP_POFFSET(&frame, 2);
   for (int y = 0; y < GST_VIDEO_FRAME_HEIGHT(&frame); ++y) {

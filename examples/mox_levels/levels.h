@@ -22,14 +22,20 @@ struct Levels {
 /** A new level for each level. */
 using Table = std::array<std::uint8_t, 256>;
 
-/** Computes 255 * ((gain * level + lift) / 255) ^ (1 / gamma), clamped to 0 to 255 before the power, and rounded. */
+/**
+ * Computes 255 * ((gain * level + lift) / 255) ^ (1 / gamma), clamped to 0 to 255 before the power,
+ * and rounded.
+ */
 Table MakeTable(const Levels& levels);
 
 /** The caps that `Apply` supports: 8-bit formats with luma or RGB in the first plane. */
 inline constexpr const char* kCaps = GST_VIDEO_CAPS_MAKE(
     "{ I420, YV12, NV12, NV21, Y42B, Y444, GRAY8, RGB, BGR, RGBx, BGRx, xRGB, xBGR, RGBA, BGRA, ARGB, ABGR }");
 
-/** Changes the brightness of a frame, or red, green and blue alike. Chroma and alpha keep their values. */
+/**
+ * Changes the brightness of a frame, or red, green and blue alike. Chroma and alpha keep their
+ * values.
+ */
 void Apply(const Table& table, GstVideoFrame& frame);
 
 }  // namespace mox_levels

@@ -8,7 +8,10 @@
 
 namespace mox_levels {
 
-/** The settings of the element. The class installs the properties of one object; each instance has its own. */
+/**
+ * The settings of the element. The class installs the properties of one object; each instance has
+ * its own.
+ */
 struct Settings {
   mox::property::Primitive<bool> enabled{"enabled", "Enabled", "Change the picture", true};
   mox::property::Primitive<int> lift{"lift", "Lift", "Offset added to every level", 0, {-255, 255}};

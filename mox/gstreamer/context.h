@@ -10,7 +10,7 @@
 
 namespace mox::gstreamer::context {
 
-/** Returns a copy of the field `key` of the context's structure, or an empty value if there is no such field. */
+/** Returns a copy of the field `key` of the context, or an empty value if there is none. */
 MOX_EXPORT mox::glib::Value GetValue(GstContext& context, const std::string& key) noexcept;
 
 /**

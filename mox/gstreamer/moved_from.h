@@ -6,7 +6,11 @@
 // Private to the library.
 namespace mox::gstreamer {
 
-/** Returns the implementation of a move-only class. @throws std::logic_error if the object was moved from */
+/**
+ * Returns the implementation of a move-only class.
+ *
+ * @throws std::logic_error if the object was moved from
+ */
 template <typename Pointer>
 auto& Deref(const Pointer& impl) {
   if (!impl) {

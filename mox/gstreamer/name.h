@@ -13,12 +13,12 @@ namespace mox::gstreamer::element {
 MOX_EXPORT std::string GetName(GstElement& element);
 
 /**
- * Returns the object name of the element, read through its GstObject base: the same text as `GetName`, and not the name
- * of its GstElementFactory. Any thread.
+ * Returns the object name of the element, read through its GstObject base: the same text as
+ * `GetName`, and not the name of its GstElementFactory. Any thread.
  */
 MOX_EXPORT std::string GetFactoryName(GstElement& element);
 
-/** Returns `GetFactoryName`, then `GetName` in brackets: "tee0 [tee0]". Error texts name elements so. Any thread. */
+/** Returns `GetFactoryName`, then `GetName` in brackets, for errors: "tee0 [tee0]". Any thread. */
 MOX_EXPORT std::string GetFullName(GstElement& element);
 
 }  // namespace mox::gstreamer::element

@@ -56,7 +56,8 @@ class PadProbe::Impl {
     ProbeData* const data = MakeData(std::move(callback)).release();
     id_ = gst_pad_add_probe(pad_, type, ProbeCallback, data, DataDestroyNotify);
     if (id_ == 0) {
-      // GStreamer has freed the data of an idle probe that removed itself. That of a refused probe shares the result.
+      // GStreamer has freed the data of an idle probe that removed itself. That of a refused probe
+      // shares the result.
       if (result_.use_count() > 1) {
         DataDestroyNotify(data);
       }

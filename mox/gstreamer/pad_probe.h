@@ -14,34 +14,39 @@ namespace mox::gstreamer {
 /**
  * A pad probe whose callback runs at most once and delivers its result through a future.
  *
- * The callback runs on the thread that reaches the probe: a streaming thread, or the constructing thread for an idle
- * probe on an idle pad. GStreamer gets its result for the first item. Every later item gets GST_PAD_PROBE_OK, which
- * keeps the pad blocked if the probe is a blocking one. If the callback throws, the future gets the exception and
- * GStreamer gets GST_PAD_PROBE_OK.
+ * The callback runs on the thread that reaches the probe: a streaming thread, or the constructing
+ * thread for an idle probe on an idle pad. GStreamer gets its result for the first item. Every
+ * later item gets GST_PAD_PROBE_OK, which keeps the pad blocked if the probe is a blocking one. If
+ * the callback throws, the future gets the exception and GStreamer gets GST_PAD_PROBE_OK.
  *
- * The pad is borrowed and must outlive the probe. Destroying the probe removes it from the pad and ends
- * its block. It waits for no callback: one that runs on another thread still delivers to the future, so what the
- * callback refers to must live until the future is ready.
+ * The pad is borrowed and must outlive the probe. Destroying the probe removes it from the pad and
+ * ends its block. It waits for no callback: one that runs on another thread still delivers to the
+ * future, so what the callback refers to must live until the future is ready.
  *
- * GStreamer destroys the callback under the object lock of the pad. The destructors of what it owns must not touch that
- * pad, not even to read its peer or to remove another probe; otherwise they deadlock.
+ * GStreamer destroys the callback under the object lock of the pad. The destructors of what it owns
+ * must not touch that pad, not even to read its peer or to remove another probe; otherwise they
+ * deadlock.
  *
- * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", destroying it does nothing.
+ * After a move the source is empty: its operations throw std::logic_error "Pimpl is null",
+ * destroying it does nothing.
  */
 class MOX_EXPORT PadProbe {
  public:
   /**
    * Adds the probe to the pad. `type` is GStreamer's mask.
    *
-   * @throws std::runtime_error if GStreamer returns no probe identifier: it refused the mask, or an idle probe ran at
-   * once and returned GST_PAD_PROBE_REMOVE
+   * @throws std::runtime_error if GStreamer returns no probe identifier: it refused the mask, or an
+   * idle probe ran at once and returned GST_PAD_PROBE_REMOVE
    */
   PadProbe(GstPad& pad, GstPadProbeType type, std::function<GstPadProbeReturn(GstPad&, GstPadProbeInfo&)> callback);
 
   /** Moves the probe; `other` is empty afterwards. */
   PadProbe(PadProbe&& other) noexcept;
 
-  /** Moves the probe, then destroys the one held before. Waits for the object lock of its pad, but for no callback. */
+  /**
+   * Moves the probe, then destroys the one held before. Waits for the object lock of its pad, but
+   * for no callback.
+   */
   PadProbe& operator=(PadProbe&& other) noexcept;
 
   ~PadProbe();
@@ -53,8 +58,8 @@ class MOX_EXPORT PadProbe {
   ///@}
 
   /**
-   * Returns the future of the callback's result or exception. It gets std::future_error (broken promise) if the probe
-   * is destroyed before an item reaches it.
+   * Returns the future of the callback's result or exception. It gets std::future_error (broken
+   * promise) if the probe is destroyed before an item reaches it.
    *
    * @throws std::future_error if the future was taken before
    */

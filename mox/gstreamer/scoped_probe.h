@@ -11,10 +11,11 @@
 
 namespace mox::gstreamer {
 
-// Calls `callback` for every item of these types that reaches the pad, until it is destroyed. Private to the library.
+// Calls `callback` for every item of these types that reaches the pad, until it is destroyed.
+// Private to the library.
 //
-// The callback runs on the thread that reaches the pad and must not throw. A call on another thread may outlast the
-// probe, so the callback owns what it refers to.
+// The callback runs on the thread that reaches the pad and must not throw. A call on another thread
+// may outlast the probe, so the callback owns what it refers to.
 class ScopedProbe {
  public:
   using Callback = std::function<GstPadProbeReturn(GstPadProbeInfo&)>;

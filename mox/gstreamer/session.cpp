@@ -46,7 +46,8 @@ void LogGstreamerMessage(GstDebugCategory* /*category*/, GstDebugLevel level, co
 } catch (...) {  // no memory for the line
 }
 
-// Removes the log function when the process ends, before `Log` is destroyed, because other threads may still log.
+// Removes the log function when the process ends, before `Log` is destroyed, because other threads
+// may still log.
 struct LogFunctionGuard {
   ~LogFunctionGuard() { (gst_debug_remove_log_function)(LogGstreamerMessage); }
 };
@@ -56,8 +57,8 @@ const LogFunctionGuard guard{};
 void ForwardDebugLog() {
   if (system::environment::Get("GST_DEBUG", "").empty()) {
     gst_debug_set_default_threshold(GST_LEVEL_WARNING);
-    // The threshold activates the log. Activating it again would make GStreamer evaluate the lines of every level,
-    // which nearly doubles the cost of a frame if the elements do little work.
+    // The threshold activates the log. Activating it again would make GStreamer evaluate the lines
+    // of every level, which nearly doubles the cost of a frame if the elements do little work.
     if (!gst_debug_is_active()) {
       gst_debug_set_active(TRUE);
     }

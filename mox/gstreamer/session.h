@@ -10,8 +10,8 @@
 namespace mox::gstreamer {
 
 /**
- * Keeps GStreamer initialised for the process. Create one session before the first pipeline and destroy it after the
- * last, both on one thread and while no other thread uses GStreamer.
+ * Keeps GStreamer initialised for the process. Create one session before the first pipeline and
+ * destroy it after the last, both on one thread and while no other thread uses GStreamer.
  *
  * A session changes the process for good:
  * - GStreamer no longer writes its debug log to standard error itself.
@@ -20,24 +20,25 @@ namespace mox::gstreamer {
  * - This library stays loaded: `dlclose` does not unload it.
  * - Once the session is destroyed, GStreamer cannot be initialised again.
  *
- * A second session repeats each step, so each GStreamer line is logged twice. Destroying either deinitialises GStreamer
- * for both.
+ * A second session repeats each step, so each GStreamer line is logged twice. Destroying either
+ * deinitialises GStreamer for both.
  */
 class MOX_EXPORT Session {
  public:
   /**
-   * Initialises GStreamer unless the program has done so. Forwards its debug log to the logger "mox.gstreamer.session",
-   * loads the plugins in the folder "gstreamer-1.0" beside this library and ranks the NVIDIA and VA-API decoders that
-   * it finds above the others.
+   * Initialises GStreamer unless the program has done so. Forwards its debug log to the logger
+   * "mox.gstreamer.session", loads the plugins in the folder "gstreamer-1.0" beside this library
+   * and ranks the NVIDIA and VA-API decoders that it finds above the others.
    *
-   * Two environment variables select the lines. GST_DEBUG selects what GStreamer logs: warnings and errors if it is
-   * unset or empty. MOX_LOG_LEVEL selects what the logger writes of that: "info" and above if it is unset. So
-   * GST_DEBUG=5 shows DEBUG lines only with MOX_LOG_LEVEL=debug, and GST_DEBUG=7 shows TRACE lines only with
-   * MOX_LOG_LEVEL=trace. FIXME, LOG and MEMDUMP lines have no level; only MOX_LOG_LEVEL=all shows them.
-   * What GStreamer logs during its initialisation still goes to standard error.
+   * Two environment variables select the lines. GST_DEBUG selects what GStreamer logs: warnings and
+   * errors if it is unset or empty. MOX_LOG_LEVEL selects what the logger writes of that: "info"
+   * and above if it is unset. So GST_DEBUG=5 shows DEBUG lines only with MOX_LOG_LEVEL=debug, and
+   * GST_DEBUG=7 shows TRACE lines only with MOX_LOG_LEVEL=trace. FIXME, LOG and MEMDUMP lines have
+   * no level; only MOX_LOG_LEVEL=all shows them. What GStreamer logs during its initialisation
+   * still goes to standard error.
    *
-   * @throws std::runtime_error if the path of this library is unknown; GStreamer stays initialised and its debug log
-   * stays forwarded
+   * @throws std::runtime_error if the path of this library is unknown; GStreamer stays initialised
+   * and its debug log stays forwarded
    */
   Session();
 

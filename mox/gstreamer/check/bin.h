@@ -8,14 +8,15 @@
 #include <gst/gst.h>
 
 /**
- * Checked operations on bins, for any thread. Each makes one GStreamer call. A call that fails throws
- * std::runtime_error with `prefix` and a sentence that names the objects.
+ * Checked operations on bins, for any thread. Each makes one GStreamer call. A call that fails
+ * throws std::runtime_error with `prefix` and a sentence that names the objects.
  */
 namespace mox::gstreamer::check::bin {
 
 /**
- * Adds the element to the bin, which sinks a floating reference or takes one of its own. If the bin refuses a floating
- * element, GStreamer drops that reference: without another one the element is gone. `Ptr::Ref` keeps the handle valid.
+ * Adds the element to the bin, which sinks a floating reference or takes one of its own. If the bin
+ * refuses a floating element, GStreamer drops that reference: without another one the element is
+ * gone. `Ptr::Ref` keeps the handle valid.
  */
 MOX_EXPORT void AddElement(GstBin& bin, GstElement& element, boost::string_view prefix);
 

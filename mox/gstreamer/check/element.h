@@ -8,21 +8,22 @@
 #include <gst/gst.h>
 
 /**
- * Checked operations on elements, for any thread. Each makes one GStreamer call. A call that fails throws
- * std::runtime_error with `prefix` and a sentence that names the objects, and leaves what was passed in as it was.
+ * Checked operations on elements, for any thread. Each makes one GStreamer call. A call that fails
+ * throws std::runtime_error with `prefix` and a sentence that names the objects, and leaves what
+ * was passed in as it was.
  */
 namespace mox::gstreamer::check::element {
 
 /** Links two elements of one bin by the first compatible pads. */
 MOX_EXPORT void LinkElement(GstElement& source, GstElement& sink, boost::string_view prefix);
 
-/** Sets the element to the target state of its parent. The state change may complete after the return. */
+/** Sets the element to its parent's pending or current state. The change may be asynchronous. */
 MOX_EXPORT void SyncWithParent(GstElement& element, boost::string_view prefix);
 
-/** Sets the element to NULL. Waits for its streaming threads. Anything but immediate success is a failure. */
+/** Sets the element to NULL and waits for its streaming threads. An asynchronous change fails. */
 MOX_EXPORT void SetNullState(GstElement& element, boost::string_view prefix);
 
-/** Sets the element to PLAYING. The state change may complete after the return. */
+/** Sets the element to PLAYING. The change may be asynchronous. */
 MOX_EXPORT void SetPlayingState(GstElement& element, boost::string_view prefix);
 
 /** Adds a ghost pad of that name for `target` to a bin. */

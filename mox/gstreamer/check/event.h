@@ -8,8 +8,8 @@
 #include <gst/gst.h>
 
 /**
- * Checked operations on the events that the library sends, for any thread. Each makes one GStreamer call. A call that
- * fails throws std::runtime_error with `prefix` and a sentence.
+ * Checked operations on the events that the library sends, for any thread. Each makes one GStreamer
+ * call. A call that fails throws std::runtime_error with `prefix` and a sentence.
  */
 namespace mox::gstreamer::check::event {
 

@@ -6,7 +6,7 @@
 
 namespace mox::gstreamer::check {
 
-// Throws the error of a checked operation, whose text is the pieces in a row. Private to the library.
+// Throws the error of a checked operation: the pieces in a row. Private to the library.
 template <typename... Pieces>
 [[noreturn]] void Fail(const Pieces&... pieces) {
   std::ostringstream message;

@@ -8,8 +8,9 @@
 #include <gst/gst.h>
 
 /**
- * Checked operations on pipelines, for any thread. Each makes one GStreamer call. A call that fails throws
- * std::runtime_error with `prefix` and a sentence that names the objects, and leaves what was passed in as it was.
+ * Checked operations on pipelines, for any thread. Each makes one GStreamer call. A call that fails
+ * throws std::runtime_error with `prefix` and a sentence that names the objects, and leaves what
+ * was passed in as it was.
  */
 namespace mox::gstreamer::check::pipeline {
 

@@ -13,10 +13,12 @@ namespace mox::gstreamer {
 /**
  * Owns one reference to a GstObject or GstMiniObject, or nothing.
  *
- * `Ptr(p)` adopts a reference that you own. Wrap transfer-full results directly; take a reference before wrapping a
- * borrowed pointer. A handle never sinks a floating reference. A function that only borrows an object takes it as `T&`.
+ * `Ptr(p)` adopts a reference that you own. Wrap transfer-full results directly; take a reference
+ * before wrapping a borrowed pointer. A handle never sinks a floating reference. A function that
+ * only borrows an object takes it as `T&`.
  *
- * One thread at a time may use a handle; several threads may have handles of one object. No operation throws.
+ * One thread at a time may use a handle; several threads may have handles of one object. No
+ * operation throws.
  */
 template <typename T>
 class Ptr {
@@ -60,7 +62,7 @@ class Ptr {
   /** Returns true if the handle owns an object. */
   explicit operator bool() const noexcept { return object_ != nullptr; }
 
-  /** Adds a reference, which the receiver of the returned pointer owns. Returns null for an empty handle. */
+  /** Adds a reference, which the receiver of the pointer owns. Returns null for an empty handle. */
   T* Ref() const noexcept {
     if (object_ != nullptr) {
       Reference<T>::Add(object_);

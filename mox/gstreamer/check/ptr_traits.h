@@ -56,8 +56,8 @@ struct StartsWithMiniObject<T, std::void_t<decltype(T{std::declval<GstMiniObject
 ///@}
 
 /**
- * Counts references for `Ptr`: of a mini object if `T` starts with one, else of a GstObject. Specialise it for an
- * opaque type of your own.
+ * Counts references for `Ptr`: of a mini object if `T` starts with one, else of a GstObject.
+ * Specialise it for an opaque type of your own.
  */
 template <typename T>
 struct Reference : std::conditional_t<StartsWithMiniObject<T>::value, MiniObjectReference<T>, ObjectReference<T>> {

@@ -12,12 +12,12 @@
 namespace mox::gstreamer::plugin::path::resolve {
 
 /**
- * The folder "gstreamer-1.0" beside the running executable. The path is absolute and free of links, so it lies beside
- * the file that a link to the program leads to. Whether the folder exists is not looked at. Any thread, with or without
- * a session.
+ * Returns the folder "gstreamer-1.0" beside the running executable, which need not exist. The path
+ * is absolute, with links resolved: it is beside the target of a link to the program. Any thread,
+ * with or without a session.
  *
- * @throws boost::filesystem::filesystem_error where the system does not tell the executable's path, or the executable
- * or the working directory is gone
+ * @throws boost::filesystem::filesystem_error if the path of the executable is unknown, or if the
+ * executable or the working directory no longer exists
  */
 MOX_EXPORT boost::filesystem::path FromExecutable();
 
@@ -27,12 +27,13 @@ extern "C" {
 #endif
 
 /**
- * What `FromExecutable` tells, as a string for `MoxGstreamerPluginPathResolveFromExecutableRelease`. Returns null,
- * having logged why, where that fails.
+ * Returns the result of `FromExecutable` as a string, which
+ * `MoxGstreamerPluginPathResolveFromExecutableRelease` frees. Returns null and logs the error if
+ * that fails.
  */
 MOX_EXPORT char* MoxGstreamerPluginPathResolveFromExecutable(void);
 
-/** Frees @p path; null is ignored. */
+/** Frees `path`; null is ignored. */
 MOX_EXPORT void MoxGstreamerPluginPathResolveFromExecutableRelease(char* path);
 
 #ifdef __cplusplus

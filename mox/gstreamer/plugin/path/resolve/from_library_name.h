@@ -14,12 +14,13 @@
 namespace mox::gstreamer::plugin::path::resolve {
 
 /**
- * The folder "gstreamer-1.0" beside the loaded shared library with the base name @p name: "mox_system" means
- * libmox_system.so. The path is absolute and free of links, so it lies beside the file that a link to the library leads
- * to. Whether the folder exists is not looked at. Any thread, with or without a session.
+ * Returns the folder "gstreamer-1.0" beside a loaded shared library, which need not exist. `name`
+ * is the base name: "mox_system" means libmox_system.so. The path is absolute, with links resolved:
+ * it is beside the target of a link to the library. Any thread, with or without a session.
  *
- * @throws std::runtime_error where no such library is loaded
- * @throws boost::filesystem::filesystem_error where the library's file or the working directory is gone
+ * @throws std::runtime_error if no such library is loaded
+ * @throws boost::filesystem::filesystem_error if the library's file or the working directory no
+ * longer exists
  */
 MOX_EXPORT boost::filesystem::path FromLibraryName(const std::string& name);
 
@@ -29,12 +30,13 @@ extern "C" {
 #endif
 
 /**
- * What `FromLibraryName` tells, as a string for `MoxGstreamerPluginPathResolveFromLibraryNameRelease`. Returns null,
- * having logged why, where that fails or @p name is null.
+ * Returns the result of `FromLibraryName` as a string, which
+ * `MoxGstreamerPluginPathResolveFromLibraryNameRelease` frees. Returns null and logs the error if
+ * that fails or `name` is null.
  */
 MOX_EXPORT char* MoxGstreamerPluginPathResolveFromLibraryName(const char* name);
 
-/** Frees @p path; null is ignored. */
+/** Frees `path`; null is ignored. */
 MOX_EXPORT void MoxGstreamerPluginPathResolveFromLibraryNameRelease(char* path);
 
 #ifdef __cplusplus

@@ -5,15 +5,16 @@
 
 #include <boost/filesystem/operations.hpp>
 
-// What the ways to the plugin folder share. Private to the library.
+// Private to the library.
 namespace mox::gstreamer::plugin::path::resolve {
 
+/** Returns the plugin folder beside the target of `file`, which is relative to `base`. */
 inline boost::filesystem::path GetPluginFolderBeside(const boost::filesystem::path& file,
                                                      const boost::filesystem::path& base) {
   return boost::filesystem::canonical(file, base).parent_path() / "gstreamer-1.0";
 }
 
-/** A copy for a caller from C, who gives it back to a release function. */
+/** Returns a copy of the path for a C caller, which a release function frees. */
 inline char* NewString(const boost::filesystem::path& path) {
   const std::size_t size = path.size() + 1;
   return static_cast<char*>(std::memcpy(new char[size], path.c_str(), size));
