@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Makes a table and a plot of what the benchmarks have measured: table.py FOLDER PAGE PLOT
+"""Makes a table and a plot of the measurements: table.py FOLDER PAGE PLOT
 
-FOLDER has the JSON of every program in every round, and about.txt, which tells of the machine. The table is printed, and
-put into PAGE between its two marks. A benchmark is called "WHAT/SUBJECT/ARGUMENT:VALUE...". What is measured of the
-subject "library" is divided by what is measured of each other one in the same round.
+FOLDER has the JSON of every program in every round, and about.txt, which describes the machine. Prints the table and
+writes it into PAGE between its two marks. A benchmark is called "WHAT/SUBJECT/ARGUMENT:VALUE...". The ratios divide the
+measurement of the subject "library" by that of each other subject in the same round.
 """
 import collections
 import json
@@ -80,7 +80,7 @@ def make_table(rows):
 
 
 def make_meaning(measured):
-    """What the figures mean to a user."""
+    """Returns the figures in terms of a user."""
 
     def library(what, argument):
         return statistics.median(measured[what]["library"][argument])
@@ -97,7 +97,7 @@ def make_meaning(measured):
 
 
 def make_plot(rows):
-    """A row of dots each, at the medians of the ratios, and lines from the lowest to the highest."""
+    """Draws a line of dots for each row, at the medians of the ratios, and bars from the lowest to the highest."""
     rows = [row for row in rows if row.ratios]
     low, high, left, width, step = 0.25, 8, 700, 400, 16
     height = step * len(rows) + 40

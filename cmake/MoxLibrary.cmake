@@ -13,7 +13,7 @@ function(mox_library name)
   target_sources(${target} PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${ARG_HEADERS})
   target_compile_features(${target} PUBLIC cxx_std_17)
   target_link_libraries(${target} PUBLIC ${ARG_LINK})
-  # Nothing takes the place of what a library exports, so it may call its own functions directly.
+  # No symbol of a library is interposed, so it calls its own functions directly.
   target_compile_options(${target} PRIVATE -fno-semantic-interposition)
   target_link_options(${target} PRIVATE LINKER:--no-undefined LINKER:-Bsymbolic-functions)
   install(TARGETS ${target} EXPORT ${PROJECT_NAME}

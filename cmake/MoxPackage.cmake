@@ -1,4 +1,4 @@
-# What lets other projects find the installed libraries, and the Debian packages. Included after all libraries.
+# The CMake package, the pkg-config file and the Debian packages. Include it after all libraries.
 
 install(EXPORT ${PROJECT_NAME} NAMESPACE mox:: FILE ${PROJECT_NAME}-targets.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME} COMPONENT development)
@@ -37,7 +37,7 @@ set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "The shared libraries")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libmox-integration-gstreamer-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-# The headers show types of the Boost that the libraries are linked with, so a program needs the same version.
+# The headers contain types of the Boost that the libraries link with, so a program needs the same version.
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "libgstreamer1.0-dev (>= 1.22), libboost-filesystem${Boost_VERSION_MAJOR}.${Boost_VERSION_MINOR}-dev, pkgconf")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS gstreamer1.0-plugins-good)  # for the README's program

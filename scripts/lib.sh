@@ -1,10 +1,10 @@
 # shellcheck shell=bash
-# What the scripts share. Sourced by them, not run.
+# Functions of the scripts. Source it; do not run it.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=$(realpath -m "${MOX_BUILD_DIR:-$root/build}")
 
-# Debian's versions of Boost exclude each other: the one whose headers are installed is used, or else the default.
+# Debian's versions of Boost conflict. Use the one whose headers are installed, or else the default.
 boost=$(dpkg-query -W -f '${db:Status-Status} ${Package}\n' 'libboost[0-9]*-dev' 2>/dev/null |
   sed -n 's/^installed libboost\([0-9.]*\)-dev$/\1/p' || true)
 
@@ -28,7 +28,7 @@ as_root() {
 
 is_installed() { dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed; }
 
-# Installs those of the Debian packages that are missing.
+# Installs the Debian packages that are missing.
 install_packages() {
   local missing=() package
   for package in "$@"; do
@@ -48,7 +48,7 @@ install_packages() {
   }
 }
 
-# Builds the targets (all by default) of a preset, installing what that needs.
+# Builds targets of a preset, by default all, and installs what they need.
 build_preset() {
   local preset=$1
   shift
