@@ -17,7 +17,7 @@
 namespace mox::gstreamer {
 namespace {
 
-// How long the reader may take to notice that it is to stop, or that what it is to read has changed.
+// The longest wait of the reader for a message. Until it ends, a stop or a new binding has no effect.
 constexpr std::chrono::nanoseconds kSlice = std::chrono::milliseconds(500);
 
 using Callback = std::function<void(const GstMessage&)>;
@@ -31,7 +31,7 @@ class Bus::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  // Called by the owning Bus, for a binding that is just being released may keep this object a little longer.
+  // Called by the owning Bus, because a binding that is being released may keep this object a little longer.
   void Stop() noexcept {
     stop_.exchange(true);
     thread_.join();
@@ -42,10 +42,6 @@ class Bus::Impl {
 
   unsigned Bind(GstMessageType type, Callback callback) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (!callback) {
-      // Refused by the container itself, before anything is counted: the wrapper below would never look empty.
-      callbacks_.Insert(nullptr);
-    }
     std::size_t& count = counts_[type];
     const unsigned index = callbacks_.Insert([type, callback = std::move(callback)](const GstMessage& message) {
       if (GST_MESSAGE_TYPE(&message) == type) {
@@ -58,7 +54,7 @@ class Bus::Impl {
   }
 
   void Unbind(GstMessageType type, unsigned index) {
-    // Goes after the lock, for what the callback holds may be another binding of this bus.
+    // Destroyed after the lock, because the callback may own another binding of this bus.
     Callback released;
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto count = counts_.find(type);
@@ -78,7 +74,7 @@ class Bus::Impl {
         message = Ptr<GstMessage>(gst_bus_timed_pop_filtered(bus_.Get(), static_cast<GstClockTime>(kSlice.count()),
                                                              static_cast<GstMessageType>(mask)));
       }
-      // Locked once a message: to hand it on and to see what is to be read next.
+      // Locked once a message, to call the callbacks and to read the new mask.
       std::unique_lock<std::mutex> lock(mutex_);
       if (message) {
         callbacks_(*message);
@@ -90,7 +86,7 @@ class Bus::Impl {
     }
   }
 
-  // What is bound has changed. The mask is made anew because types may share bits.
+  // Called when bindings have changed. Computes the mask from all of them, because types may share bits.
   void Update() {
     mask_ = 0;
     for (const auto& [type, count] : counts_) {
@@ -141,9 +137,12 @@ const GstBus& Bus::Get() const {
 
 mox::type::Binding Bus::Bind(GstMessageType type, Callback callback) {
   Impl& impl = Deref(impl_);
-  // As unsigned numbers: every extended type lies above the flag, and so does GST_MESSAGE_ANY.
+  // Compared as unsigned numbers, because every extended type and GST_MESSAGE_ANY are above the flag.
   if (static_cast<std::uint32_t>(type) >= static_cast<std::uint32_t>(GST_MESSAGE_EXTENDED)) {
     throw std::logic_error("Cannot register types exceeding GST_MESSAGE_EXTENDED");
+  }
+  if (!callback) {
+    throw std::invalid_argument("Cannot insert invalid functions into the Callbacks");
   }
   std::function<void(unsigned)> release = [weak = std::weak_ptr<Impl>(impl_), type](unsigned index) {
     if (const auto alive = weak.lock()) {

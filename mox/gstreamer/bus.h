@@ -15,13 +15,12 @@ namespace mox::gstreamer {
 /**
  * Reads a GStreamer bus on a thread of its own and hands each message to the callbacks bound to its type.
  *
- * The bus must deliver asynchronously, as that of a pipeline does; that of a bin inside one does not. Only the types
- * that have callbacks are taken from the bus; while nothing is bound messages stay on it, and while something is bound
- * messages of other types are discarded. A new binding takes effect within 500 ms at the latest.
+ * The bus must deliver asynchronously, as that of a pipeline does; that of a bin inside a pipeline does not. While
+ * nothing is bound, messages stay on the bus. While something is bound, messages of other types are discarded. A new
+ * binding takes effect within 500 ms, and may miss messages of its type until then.
  *
  * Callbacks run on the reader thread, one at a time, in the order of their slots; the first free slot is used first.
- * They borrow the message, must not throw, must not bind or release bindings of this bus, and must not wait for a
- * thread that does.
+ * They borrow the message. They must not throw, bind or release bindings of this bus, or wait for a thread that does.
  *
  * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", destroying it does nothing.
  */
@@ -35,13 +34,19 @@ class MOX_EXPORT Bus {
    */
   explicit Bus(Ptr<GstBus> bus);
 
-  /** Takes over what the other one holds, which is empty afterwards. */
+  /**
+   * Takes over the reader and the bindings of `other`, which is empty afterwards. Assignment also destroys the reader
+   * that was there, and waits as the destructor does.
+   */
   ///@{
   Bus(Bus&& other) noexcept;
   Bus& operator=(Bus&& other) noexcept;
   ///@}
 
-  /** Stops and joins the reader: waits up to about 500 ms, and for callbacks that are running. Not from a callback. */
+  /**
+   * Stops and joins the reader: waits up to about 500 ms, and for a callback that is running. A callback that destroys
+   * its bus would wait for itself.
+   */
   ~Bus();
 
   /** The bus, borrowed. */
@@ -52,8 +57,8 @@ class MOX_EXPORT Bus {
 
   /**
    * Calls `callback` for every message whose type is exactly `type`, until the returned binding is released. The
-   * binding may be released from any thread but the reader, waits for callbacks that are running, and may outlive the
-   * bus.
+   * binding may be released from any thread but the reader's, waits for a callback that is running, and may outlive
+   * the bus.
    *
    * @throws std::logic_error "Cannot register types exceeding GST_MESSAGE_EXTENDED" for an extended type or
    * GST_MESSAGE_ANY

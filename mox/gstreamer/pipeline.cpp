@@ -35,21 +35,21 @@ mox::glib::Value MakeUnsigned(unsigned number) {
   return mox::glib::Value(value);
 }
 
-// A pipeline element with the skeleton inside and the context that tells its identifier.
+// Makes the pipeline element with the skeleton and the context that holds the identifier.
 Ptr<GstPipeline> Make(unsigned id, const std::string& name) {
   auto element = check::pipeline::Make(name.c_str(), kPipelineError);
   bin::pipeline::Initialize(*GST_BIN(element.Get()));
   const auto context = check::context::Make(kContextType, "Context Error: ");
   context::SetValue(*context, "id", MakeUnsigned(id));
   gst_element_set_context(GST_ELEMENT(element.Get()), context.Get());
-  // An element that brings a clock may be taken away, and without its clock the others would wait for ever.
+  // Always the system clock, because an element that provides a clock may be removed, and its clock would stand still.
   const Ptr<GstClock> clock(gst_system_clock_obtain());
   gst_pipeline_use_clock(element.Get(), clock.Get());
   return element;
 }
 
-// Blocks an EOS in front of the outputs while the elements stop. The input may take the answer of an element that has
-// stopped for a failure, and end the stream for outputs that are yet to stop.
+// Blocks an EOS upstream of the outputs while the elements stop. The input sends one if an element that has stopped
+// already rejects what it pushes, and outputs that still run would take it for the end of the stream.
 ScopedProbe BlockEos(GstBin& filterBin) {
   const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", bin::kElementError);
   return {*source, GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [](GstPadProbeInfo& info) {
@@ -58,7 +58,7 @@ ScopedProbe BlockEos(GstBin& filterBin) {
           }};
 }
 
-// Stops every element of the bin, sinks first. One that refuses to is taken out, because its bin could not stop either.
+// Stops every element of the bin, sinks first. Removes those that refuse, because their bin could not stop either.
 void StopEach(GstBin& bin) noexcept try {
   for (const auto& element : Collect<GstElement>(gst_bin_iterate_sorted(&bin))) {
     const bool refuses = gst_element_set_state(element.Get(), GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE;
@@ -69,7 +69,7 @@ void StopEach(GstBin& bin) noexcept try {
       gst_bin_remove(&bin, element.Get());
     }
   }
-} catch (...) {  // there is no memory, and nobody to tell
+} catch (...) {  // out of memory; the destructor that calls this must not throw
 }
 
 }  // namespace
@@ -87,14 +87,15 @@ class Pipeline::Impl {
   ~Impl() {
     try {
       SetEnable(false);
-    } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell
+    } catch (...) {  // the elements are stopped below
     }
-    // A failed start leaves elements part of the way up; beside one that refuses to stop, the threads of others go on.
+    // Also stop what a failed start or the program has started. If one element refuses, the threads of the others go
+    // on.
     if (gst_element_set_state(&Element(), GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
       StopEach(Whole());
       gst_element_set_state(&Element(), GST_STATE_NULL);
     }
-    // Each waits for a callback that is just running; none runs once the members go.
+    // Release waits for a running callback, so that none runs while the members are destroyed.
     on_latency_.Release();
     on_error_.Release();
     on_end_of_stream_.Release();
@@ -105,16 +106,16 @@ class Pipeline::Impl {
   friend class Pipeline;
   using Lock = std::unique_lock<std::mutex>;
 
-  /** Around a change of filters or outputs, made or refused. */
-  class Change {
+  /** Surrounds a change of filters or outputs, even one that fails. */
+  class ChangeScope {
    public:
-    explicit Change(Impl& impl) : lock_(impl.mutex_), impl_(impl) { impl_.Recover(); }
-    ~Change() {
+    explicit ChangeScope(Impl& impl) : lock_(impl.mutex_), impl_(impl) { impl_.Recover(); }
+    ~ChangeScope() {
       try {
         impl_.Recover();
-      } catch (...) {  // NOLINT(bugprone-empty-catch): the change itself raises what is amiss
+      } catch (...) {  // the change itself raises its error
       }
-      // The number of elements changes the latency. GStreamer leaves it to the program to tell the sinks.
+      // Other elements have another latency. GStreamer leaves it to the program to distribute it.
       if (impl_.enable_) {
         gst_bin_recalculate_latency(&impl_.Whole());
       }
@@ -131,7 +132,21 @@ class Pipeline::Impl {
       throw std::runtime_error("Cannot remove the input if the pipeline is not stopped");
     }
     const GstState target = GetTarget();
-    // The pipeline stops around its bins. It must not start one while another is still being stopped.
+    ExchangeInput(input, target);
+    if (target == GST_STATE_NULL) {
+      ForgetStreams();
+    }
+    // Start the whole first, so that all elements share one base time; then each bin, which raises its own error.
+    gst_element_set_state(&Element(), target);
+    for (GstElement* const bin : GetBins()) {
+      bin::Sync(*bin);
+    }
+  }
+
+  // Stops the bins and exchanges the input. If that fails, the pipeline gets its target state again, but not the bins:
+  // the next exchange starts them.
+  void ExchangeInput(const Ptr<GstElement>& input, GstState target) {
+    // Locked, because a pipeline that is still starting must not start one bin while another is being stopped.
     LockBins(TRUE);
     gst_element_set_state(&Element(), GST_STATE_NULL);
     bool stopped = false;
@@ -146,20 +161,11 @@ class Pipeline::Impl {
       if (stopped && input) {
         bin::TakeOut(InputBin(), *input);
       }
-      // The next exchange starts the bins again.
       gst_element_set_state(&Element(), target);
       LockBins(FALSE);
       throw;
     }
     LockBins(FALSE);
-    if (target == GST_STATE_NULL) {
-      ForgetStreams();
-    }
-    // As a whole, so that all elements share one base time; then each bin for itself, which tells what fails.
-    gst_element_set_state(&Element(), target);
-    for (GstElement* const bin : GetBins()) {
-      bin::Sync(*bin);
-    }
   }
 
   void SetEnable(bool enable) {
@@ -174,7 +180,7 @@ class Pipeline::Impl {
     }
     Lock lock(mutex_, std::defer_lock);
     const auto blocked_eos = BlockEos(FilterBin());
-    // End a change that waits for data and has the lock.
+    // End a change that waits for data while it holds the lock.
     const bin::live::StopRequest filters(FilterBin());
     const bin::live::StopRequest outputs(OutputBin());
     lock.lock();
@@ -203,26 +209,26 @@ class Pipeline::Impl {
 
   void OnStreamStart(const GstMessage& message) {
     const Lock lock(mutex_);
-    // The reader may have taken the message off the bus before its stream was stopped, or as its start failed.
+    // Ignore a late message, which the reader popped before its stream was stopped, or while its start failed.
     const guint32 sent_at = gst_message_get_seqnum(const_cast<GstMessage*>(&message));
     if (enable_ || (gst_util_seqnum_compare(sent_at, stopped_at_) > 0 && !HasStartFailed())) {
       state_ = State::Playing;
     }
   }
 
-  // A stream-start message of a stopped pipeline is late.
+  // Makes OnStreamStart ignore the streams up to now.
   void ForgetStreams() {
     start_failed_ = false;
     stopped_at_ = gst_util_seqnum_next();
   }
 
-  // The state that the pipeline is to have, as this class or the program set it last.
+  // Returns the state that this class or the program requested last.
   GstState GetTarget() const { return HasStartFailed() ? GST_STATE_NULL : GST_STATE_TARGET(pipeline_.Get()); }
 
   bool HasStartFailed() const { return start_failed_ && HasFailed(Element()); }
 
-  // Returns true if an element has posted an ERROR or refused a state since the bin was last given one. Until it is
-  // given one again, GStreamer brings none of its elements to PLAYING.
+  // Returns true if an element has posted an ERROR or refused a state since the state of the bin was set. Until it is
+  // set again, GStreamer brings none of its elements to PLAYING.
   static bool HasFailed(GstElement& bin) {
     return gst_element_get_state(&bin, nullptr, nullptr, 0) == GST_STATE_CHANGE_FAILURE;
   }
@@ -241,7 +247,7 @@ class Pipeline::Impl {
     }
     for (GstElement* const bin : GetBins()) {
       if (HasFailed(*bin) && gst_element_set_state(bin, GST_STATE_TARGET(bin)) == GST_STATE_CHANGE_SUCCESS) {
-        // It ignored the preroll that it waited for, and the pipeline still waits for it to complete.
+        // The failed bin ignored the preroll of its children, and the pipeline still waits for it.
         gst_element_post_message(bin, gst_message_new_async_done(GST_OBJECT(bin), GST_CLOCK_TIME_NONE));
       }
     }
@@ -271,10 +277,10 @@ class Pipeline::Impl {
   type::Binding on_error_;
   type::Binding on_latency_;
   State state_ = State::Stopped;
-  std::atomic<bool> enable_ = false;  // read without the lock by a stop
+  std::atomic<bool> enable_ = false;  // a stop reads it without the lock
   bool start_failed_ = false;
   std::mutex mutex_;
-  // When the pipeline was last stopped, in the numbers that GStreamer gives to events and messages one after the other.
+  // The sequence number of the last stop. GStreamer numbers events and messages in one sequence.
   guint32 stopped_at_ = gst_util_seqnum_next();
 };
 
@@ -322,12 +328,12 @@ std::vector<Ptr<GstElement>> Pipeline::GetFilters() const {
   return bin::filter::GetFilters(impl.FilterBin());
 }
 void Pipeline::AddFilters(std::vector<Ptr<GstElement>> filters) {
-  const Impl::Change change(Deref(impl_));
+  const Impl::ChangeScope scope(Deref(impl_));
   const auto add = impl_->state_ == State::Stopped ? bin::filter::AddFilters : bin::filter::BlockAddFilters;
   add(impl_->FilterBin(), std::move(filters));
 }
 void Pipeline::EraseFilters(std::vector<Ptr<GstElement>> filters) {
-  const Impl::Change change(Deref(impl_));
+  const Impl::ChangeScope scope(Deref(impl_));
   const auto erase = impl_->state_ == State::Stopped ? bin::filter::EraseFilters : bin::filter::BlockEraseFilters;
   erase(impl_->FilterBin(), std::move(filters));
 }
@@ -337,15 +343,15 @@ std::vector<pipeline::Output> Pipeline::GetOutputs() const {
   return bin::output::GetOutputs(impl.OutputBin());
 }
 void Pipeline::AddOutputs(std::vector<Ptr<GstElement>> outputs) {
-  const Impl::Change change(Deref(impl_));
+  const Impl::ChangeScope scope(Deref(impl_));
   bin::output::AddOutputs(impl_->OutputBin(), std::move(outputs));
 }
 void Pipeline::EraseOutputs(std::vector<Ptr<GstElement>> outputs) {
-  const Impl::Change change(Deref(impl_));
+  const Impl::ChangeScope scope(Deref(impl_));
   bin::output::EraseOutputs(impl_->OutputBin(), std::move(outputs));
 }
 void Pipeline::FinishOutputs(std::vector<Ptr<GstElement>> outputs, std::chrono::nanoseconds timeout) {
-  const Impl::Change change(Deref(impl_));
+  const Impl::ChangeScope scope(Deref(impl_));
   bin::output::FinishOutputs(impl_->OutputBin(), std::move(outputs), timeout);
 }
 Bus& Pipeline::GetBus() {

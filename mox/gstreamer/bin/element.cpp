@@ -13,9 +13,9 @@ bool Holds(GstBin& bin, const char* name) noexcept {
 }
 
 void Add(GstBin& bin, const Ptr<GstElement>& element) {
-  // A bin adopts the reference of a floating element only; of any other it takes one itself, as of one that was in a
-  // bin before.
-  GstElement* const handed_over = g_object_is_floating(element.Get()) != FALSE ? element.Ref() : element.Get();
+  // Hand over a reference of a floating element only. Of one that was in a bin before, the bin takes its own, and a
+  // reference that is handed over would leak.
+  GstElement* const handed_over = g_object_is_floating(element.Get()) ? element.Ref() : element.Get();
   check::bin::AddElement(bin, *handed_over, kBinError);
 }
 

@@ -65,7 +65,7 @@ void UnsetFilters(GstBin& filterBin, const Filters& filters) {
 }
 
 bool IsClosed(GstElement& sinkFilter) {
-  return gst_pad_is_linked(check::element::GetPad(sinkFilter, "src", kElementError).Get()) != FALSE;
+  return gst_pad_is_linked(check::element::GetPad(sinkFilter, "src", kElementError).Get());
 }
 
 // Puts back the chain that was there before a change, whatever the failed change has left.

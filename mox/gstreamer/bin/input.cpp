@@ -21,7 +21,7 @@ void Initialize(GstBin& inputBin) {
 Ptr<GstElement> GetInput(GstBin& inputBin) {
   const auto converter = GetColorConverter(inputBin);
   const auto sink = check::element::GetPad(*converter, "sink", kElementError);
-  if (gst_pad_is_linked(sink.Get()) == FALSE) {
+  if (!gst_pad_is_linked(sink.Get())) {
     return {};
   }
   const auto peer = check::pad::GetPeer(*sink, kPadError);

@@ -45,7 +45,7 @@ void AddOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& elemen
   }
 }
 
-// Takes the branch of an output out of the list.
+// Removes the branch of an output from the list, and returns it.
 live::Branch Take(std::vector<gstreamer::pipeline::Output>& outputs, const Ptr<GstElement>& element) {
   const auto found = std::find_if(outputs.begin(), outputs.end(),
                                   [&](const gstreamer::pipeline::Output& output) { return output.element == element; });
@@ -65,9 +65,43 @@ void EraseOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& elem
   }
 }
 
+// Lets the steps after one that fails run too.
+class FirstError {
+ public:
+  template <typename Step>
+  void Catch(const Step& step) {
+    try {
+      step();
+    } catch (...) {
+      if (!error_) {
+        error_ = std::current_exception();
+      }
+    }
+  }
+
+  void Rethrow() const {
+    if (error_) {
+      std::rethrow_exception(error_);
+    }
+  }
+
+ private:
+  std::exception_ptr error_;
+};
+
+void CheckFinished(const live::Branch& failed) {
+  std::string names;
+  for (const auto& output : failed) {
+    names += (names.empty() ? "'" : ", '") + element::GetFullName(*output) + "'";
+  }
+  if (!names.empty()) {
+    check::Fail(kBinError, "Failed to finish the output ", names, " in time");
+  }
+}
+
 // Makes the change for each output, in the order given.
-void Change(GstBin& outputBin, const std::vector<Ptr<GstElement>>& outputs,
-            void (&change)(GstBin&, GstElement&, const Ptr<GstElement>&)) {
+void ForEach(GstBin& outputBin, const std::vector<Ptr<GstElement>>& outputs,
+             void (&change)(GstBin&, GstElement&, const Ptr<GstElement>&)) {
   const auto tee = GetTee(outputBin);
   try {
     for (const auto& element : outputs) {
@@ -115,11 +149,11 @@ void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
   if (std::find(outputs.begin(), outputs.end(), Ptr<GstElement>()) != outputs.end()) {
     throw std::invalid_argument("Cannot add an output that is null");
   }
-  Change(outputBin, outputs, AddOutput);
+  ForEach(outputBin, outputs, AddOutput);
 }
 
 void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs) {
-  Change(outputBin, outputs, EraseOutput);
+  ForEach(outputBin, outputs, EraseOutput);
 }
 
 void FinishOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs, std::chrono::nanoseconds timeout) {
@@ -134,32 +168,15 @@ void FinishOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs, std:
     live::Attach(outputBin, *tee, {MakeDummy()});
   }
 
-  std::exception_ptr error;
-  const auto keep_first_error = [&error](const auto& step) {
-    try {
-      step();
-    } catch (const live::Stopped&) {
-      error = error ? error
-                    : std::make_exception_ptr(
-                          std::runtime_error("Cannot finish the outputs because the pipeline is being stopped"));
-    } catch (...) {
-      error = error ? error : std::current_exception();
-    }
-  };
-  keep_first_error([&] {
-    std::string names;
-    for (const auto& failed : live::Finish(outputBin, branches, timeout)) {
-      names += (names.empty() ? "'" : ", '") + element::GetFullName(*failed) + "'";
-    }
-    if (!names.empty()) {
-      check::Fail(kBinError, "Failed to finish the output ", names, " in time");
-    }
-  });
+  FirstError error;
+  error.Catch([&] { CheckFinished(live::Finish(outputBin, branches, timeout)); });
   for (const auto& branch : branches) {
-    keep_first_error([&] { live::Detach(outputBin, *tee, branch); });
+    error.Catch([&] { live::Detach(outputBin, *tee, branch); });
   }
-  if (error) {
-    std::rethrow_exception(error);
+  try {
+    error.Rethrow();
+  } catch (const live::Stopped&) {
+    throw std::runtime_error("Cannot finish the outputs because the pipeline is being stopped");
   }
 }
 

@@ -22,7 +22,8 @@ struct Allocation {
   bool was_refused = false;  ///< Whether a probe waits for the output bin to play.
 };
 
-// Returns true if a bin around the queue does not play, or is about to stop playing: then an output may wait for preroll.
+// Returns true if a bin around the queue does not play, or is about to stop playing: then an output may wait for
+// preroll.
 bool MayPreroll(GstElement& queue) noexcept {
   Ptr<GstObject> bin(gst_object_get_parent(GST_OBJECT_CAST(&queue)));
   GstState state = GST_STATE_PLAYING;

@@ -182,7 +182,7 @@ void Unlink(GstElement& tee, GstElement& first) {
 
 // Sends the branch an EOS, unless it has one. Returns false if the branch has failed. A flush discards the EOS.
 bool SendEos(GstPad& sink) {
-  return GST_PAD_IS_EOS(&sink) || gst_pad_send_event(&sink, check::event::MakeEos("Event Error: ").Ref()) != FALSE ||
+  return GST_PAD_IS_EOS(&sink) || gst_pad_send_event(&sink, check::event::MakeEos("Event Error: ").Ref()) ||
          GST_PAD_IS_FLUSHING(&sink);
 }
 
