@@ -11,13 +11,23 @@
 #include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
+#include <gmock/gmock.h>
+
 namespace mox::gstreamer {
 namespace {
 
 using namespace live;  // NOLINT(google-build-using-namespace)
-using Bins = live::Test;
+using testing::ElementsAre;
+using testing::ThrowsMessage;
+using Handle = live::Test;
+using Checked = live::Test;
+using Context = live::Test;
 
-TEST_F(Bins, HandlesCountExactlyAndNeverSink) {
+using Call = std::function<void()>;
+using Outcome = testing::Matcher<Call>;
+const Outcome kSucceeds = testing::Not(testing::Throws<std::exception>());
+
+TEST_F(Handle, CountsReferencesAndNeverSinks) {
   const Ptr<GstElement> bin(gst_bin_new(nullptr));
   Ptr<GstElement> copy(bin);
   Ptr<GstElement> moved(std::move(copy));
@@ -26,11 +36,9 @@ TEST_F(Bins, HandlesCountExactlyAndNeverSink) {
   moved = bin;
   EXPECT_EQ(References(bin), 2);
   moved = {};
-  EXPECT_EQ(Cast<GstBin>(moved.Ref()), nullptr);
+  EXPECT_EQ(moved.Ref(), nullptr);
   EXPECT_EQ(References(bin), 1);
   EXPECT_TRUE(g_object_is_floating(bin.Get()));
-  EXPECT_EQ(ErrorOf<std::invalid_argument>([&] { Cast<GstPipeline>(bin.Get()); }),
-            "The GStreamer pointer was not the correct type.");
 }
 
 struct Base {
@@ -40,40 +48,43 @@ struct Derived {
   Base base;
   int more;
 };
+static_assert(StartsWithMiniObject<Derived>::value);
 
-TEST_F(Bins, HandlesCountStructsThatStartWithAMiniObject) {
-  auto* const derived = g_new0(Derived, 1);
-  const auto free = [](GstMiniObject* object) { g_free(object); };
-  gst_mini_object_init(&derived->base.object, 0, GST_TYPE_CAPS, nullptr, nullptr, free);
-  const Ptr<Derived> owner(derived);
-  const Ptr<Derived> copy(owner);
-  EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(derived), 2);
+TEST_F(Handle, MayBeOfAnOpaqueType) {
   EXPECT_FALSE(Ptr<GstTocEntry>());
   EXPECT_FALSE(Ptr<GstDeviceProviderFactory>());
 }
 
-TEST_F(Bins, FailuresAreTold) {
-  // A view into a longer text: what follows it must not be read.
-  const auto prefix = boost::string_view("Bin Error: and more").substr(0, 11);
+TEST_F(Handle, CastRefusesOtherTypes) {
+  const auto identity = Make("identity");
+  EXPECT_THAT([&] { Cast<GstBin>(identity.Get()); },
+              ThrowsMessage<std::invalid_argument>("The GStreamer pointer was not the correct type."));
+  EXPECT_EQ(Cast<GstBin>(Ptr<GstElement>().Get()), nullptr);
+}
+
+TEST_F(Checked, FailuresNameTheOperationAndTheObjects) {
+  const auto prefix = boost::string_view("Bin Error: and more").substr(0, 11);  // what follows must not be read
   const auto pipeline = check::pipeline::Make("p", prefix);
   GstBin& bin = *GST_BIN(pipeline.Get());
   const auto f = faulty::Make("f");
   check::bin::AddElement(bin, *f.Ref(), prefix);
   const Ptr<GstPad> alone(gst_pad_new("alone", GST_PAD_SINK));
   gst_element_set_bus(GST_ELEMENT(&bin), nullptr);
-  faulty::Of(f.Get()).answer = GST_STATE_CHANGE_ASYNC;
-  EXPECT_THROW(check::element::SetNullState(*f, prefix), std::runtime_error);
-  check::element::SetPlayingState(*f, prefix);
   faulty::Of(f.Get()).answer = GST_STATE_CHANGE_FAILURE;
   g_log_set_always_fatal(G_LOG_LEVEL_ERROR);  // to GStreamer a pad of a name that is taken is a critical mistake
-  const std::pair<std::function<void()>, std::string> failures[] = {
+  const struct {
+    Call call;
+    std::string operation;
+  } failures[] = {
       {[&] { check::context::Make(nullptr, prefix); }, "create the context 'unknown'"},
       {[&] { check::pipeline::GetBus(*pipeline, prefix); }, "get the bus of the pipeline 'p'"},
+      {[&] { check::bin::AddElement(bin, *Make("identity", "f"), prefix); }, "add element 'f [f]' to bin 'p [p]'"},
       {[&] { check::bin::RemoveElement(bin, *Make("identity", "a"), prefix); },
        "remove element 'a [a]' from bin 'p [p]'"},
       {[&] { bin::pipeline::GetInputBin(bin); }, "get 'input_bin' element from bin 'p [p]'"},
       {[&] { check::element::Make("none", nullptr, prefix); }, "create element 'none' ('unknown')"},
       {[&] { check::element::GetPad(*f, "source", prefix); }, "get 'source' pad from element 'f [f]'"},
+      {[&] { check::element::LinkElement(*f, *f, prefix); }, "link element 'f [f]' with element 'f [f]'"},
       {[&] { check::element::GhostPad(*f, "src", *alone, prefix); }, "ghost pad 'src' for element 'f [f]'"},
       {[&] { check::element::SetNullState(*f, prefix); }, "set the state of the element 'f [f]' to NULL"},
       {[&] { check::element::SetPlayingState(*f, prefix); }, "set the state of the element 'f [f]' to PLAYING"},
@@ -81,118 +92,251 @@ TEST_F(Bins, FailuresAreTold) {
       {[&] { check::pad::GetPeer(*alone, prefix); }, "get the peer of the pad 'alone'"},
       {[&] { check::pad::GetParentElement(*alone, prefix); }, "get the parent element of the pad 'alone'"},
   };
-  for (const auto& [call, text] : failures) {
-    EXPECT_EQ(ErrorOf(call), "Bin Error: Failed to " + text);
+  for (const auto& failure : failures) {
+    EXPECT_THAT(failure.call, ThrowsMessage<std::runtime_error>("Bin Error: Failed to " + failure.operation));
   }
 }
 
-// The element and what is linked behind it, and so on, without the numbers that GStreamer gives.
-std::string Chain(const Ptr<GstElement>& element) {
-  std::string chain = GST_OBJECT_NAME(element.Get());
-  chain.resize(std::min(chain.size(), chain.find_first_of("0123456789")));
-  for (const GList* pad = element->srcpads; pad != nullptr; pad = pad->next) {
-    const Ptr<GstPad> peer(gst_pad_get_peer(GST_PAD(pad->data)));
-    const Ptr<GstElement> next(peer ? gst_pad_get_parent_element(peer.Get()) : nullptr);
-    chain += next ? " " + Chain(next) : "";
-  }
-  return chain;
+TEST_F(Checked, OnlyPlayingMayBeReachedLater) {
+  const auto f = faulty::Make();
+  faulty::Of(f.Get()).answer = GST_STATE_CHANGE_ASYNC;
+  EXPECT_NO_THROW(check::element::SetPlayingState(*f, ""));
+  EXPECT_THROW(check::element::SetNullState(*f, ""), std::runtime_error);
 }
 
-struct Step {
-  void (*change)(GstBin&, Elements);
-  Elements list;
-  std::string chain, error = "no error";
+TEST_F(Context, IsPersistent) {
+  EXPECT_TRUE(gst_context_is_persistent(check::context::Make("type", "").Get()));
+}
+
+TEST_F(Context, MissingFieldIsAnEmptyValue) {
+  EXPECT_FALSE(G_IS_VALUE(&context::GetValue(*check::context::Make("type", ""), "none").GetValue()));
+}
+
+TEST_F(Context, SharedOneAndEmptyValuesAreRefused) {
+  const auto context = check::context::Make("type", "");
+  EXPECT_THAT([&] { context::SetValue(*context, "key", {}); },
+              ThrowsMessage<std::invalid_argument>("Could not set the value because it is empty"));
+  const Ptr<GstContext> shared(context);
+  EXPECT_THAT([&] { context::SetValue(*context, "key", {}); },
+              ThrowsMessage<std::runtime_error>("Could not set the value because the context is not writable"));
+}
+
+TEST_F(Context, ValueIsEmptyAfterAMove) {
+  const auto context = check::context::Make("type", "");
+  gst_structure_set(gst_context_writable_structure(context.Get()), "key", G_TYPE_UINT, 7, nullptr);
+  auto value = context::GetValue(*context, "key");
+  const glib::Value moved(std::move(value));
+  EXPECT_FALSE(G_IS_VALUE(&value.GetValue()));  // NOLINT(bugprone-use-after-move)
+  value = moved;
+  EXPECT_EQ(g_value_get_uint(&value.GetValue()), 7U);
+}
+
+/** An element with the skeleton of a pipeline. */
+struct Bins : live::Test {
+  Bins() { bin::pipeline::Initialize(whole); }
+
+  // The element and what is linked downstream of it, and so on, without the numbers that GStreamer gives.
+  static std::string Chain(GstElement& element) {
+    std::string chain = GST_OBJECT_NAME(&element);
+    chain.resize(std::min(chain.size(), chain.find_first_of("0123456789")));
+    for (const GList* pad = element.srcpads; pad != nullptr; pad = pad->next) {
+      GstPad* const peer = GST_PAD_PEER(pad->data);
+      if (peer != nullptr && GST_IS_ELEMENT(GST_OBJECT_PARENT(peer))) {
+        chain += " " + Chain(*GST_ELEMENT(GST_OBJECT_PARENT(peer)));
+      }
+    }
+    return chain;
+  }
+
+  struct Step {
+    void (*change)(GstBin&, Elements);
+    Elements list;
+    const char* chain;  ///< What the change leaves.
+    int elements;       ///< How many the bin has then, linked or not.
+    Outcome outcome = kSucceeds;
+  };
+
+  static void ExpectSteps(GstBin& bin, const char* first, const std::vector<Step>& steps) {
+    for (const Step& step : steps) {
+      EXPECT_THAT([&] { step.change(bin, step.list); }, step.outcome);
+      EXPECT_EQ(Chain(*Find(bin, first)), step.chain);
+      EXPECT_EQ(bin.numchildren, step.elements) << step.chain;
+    }
+  }
+
+  const Ptr<GstElement> none;
+  const Ptr<GstPipeline> owner = check::pipeline::Make("p", "");
+  GstBin& whole = *GST_BIN(owner.Get());
 };
 
-void Take(GstBin& bin, const char* first, const std::vector<Step>& steps) {
-  for (const auto& step : steps) {
-    EXPECT_EQ(ErrorOf<std::exception>([&] { step.change(bin, step.list); }), step.error);
-    EXPECT_EQ(Chain(Find(bin, first)) + ", " + std::to_string(bin.numchildren), step.chain);
-  }
+TEST_F(Bins, AreInitialized) {
+  EXPECT_TRUE(bin::pipeline::IsInitialized(whole));
+  EXPECT_FALSE(bin::pipeline::IsInitialized(*GST_BIN(check::bin::Make(nullptr, "").Get())));
 }
 
-TEST_F(Bins, AreBuiltAndChanged) {
-  const auto owner = check::pipeline::Make("p", "");
-  GstBin& whole = *GST_BIN(owner.Get());
-  EXPECT_FALSE(bin::pipeline::IsInitialized(whole));
-  bin::pipeline::Initialize(whole);
-  EXPECT_TRUE(bin::pipeline::IsInitialized(whole));
-  EXPECT_EQ(ErrorOf([&] { bin::input::SetInput(bin::pipeline::GetInputBin(whole), Make("fakesink", "s")); }),
-            "Element Error: Failed to link element 's [s]' with element 'color_converter [color_converter]'");
+TEST_F(Bins, FiltersAreAppendedAndErasedInOrder) {
   const auto a = Make("identity", "a");
   const auto b = Parse("identity ! identity", "b");
-  const auto x = Make("fakesink", "x");
-  const auto y = Parse("identity ! fakesink", "y");
-  // What fails as it is added leaves the chain open, for the next to close.
   const auto add = bin::filter::AddFilters;
   const auto erase = bin::filter::EraseFilters;
-  const auto missing = "Cannot remove a filter that has not been added to the filters list";
-  Take(bin::pipeline::GetFilterBin(whole), "sink_filter",
-       {{add, {a, b}, "sink_filter a b source_filter, 4"},
-        {erase, {a, a, b}, "sink_filter b source_filter, 3", missing},
-        {erase, {b, a}, "sink_filter source_filter, 2", missing},
-        {add, {b, b}, "sink_filter, 3", "Bin Error: Failed to add element 'b [b]' to bin 'filter_bin [filter_bin]'"},
-        {add, {a}, "sink_filter a source_filter, 4"}});
-  const auto join = bin::output::AddOutputs;
-  const auto leave = bin::output::EraseOutputs;
-  const auto absent = "Cannot remove an output that has not been added to the bin";
-  Take(bin::pipeline::GetOutputBin(whole), "output_tee",
-       {{join, {x, y}, "output_tee queue x queue y, 5"},
-        {leave, {x, x, y}, "output_tee queue y, 3", absent},
-        {join, {x, {}}, "output_tee queue y, 3", "Cannot add an output that is null"},
-        {leave, {y, x}, "output_tee dummy_output, 2", absent}});
-  EXPECT_EQ(References(a) + References(b) + References(x) + References(y), 6);
+  const auto missing =
+      ThrowsMessage<std::runtime_error>("Cannot remove a filter that has not been added to the filters list");
+  const auto null = ThrowsMessage<std::invalid_argument>("Cannot add a filter that is null");
+  // What fails as it is added leaves the chain open, for the next to close.
+  ExpectSteps(bin::pipeline::GetFilterBin(whole), "sink_filter",
+              {{add, {a, b}, "sink_filter a b source_filter", 4},
+               {erase, {a, a, b}, "sink_filter b source_filter", 3, missing},
+               {erase, {b, a}, "sink_filter source_filter", 2, missing},
+               {add, {a, none}, "sink_filter source_filter", 2, null},
+               {add, {b, b}, "sink_filter", 3, testing::Throws<std::runtime_error>()},
+               {add, {a}, "sink_filter a source_filter", 4}});
+  EXPECT_EQ(References(a), 2) << "one of the test, one of the bin";
 }
 
-TEST_F(Bins, APipelineFromStartToEnd) {
-  Pipeline gone(7, "seven");
-  Pipeline pipeline(std::move(gone));
-  EXPECT_EQ(ErrorOf<std::logic_error>([&] { gone.SetEnable(true); }), "Pimpl is null");
-  const auto context = pipeline.GetContext();
-  auto value = context::GetValue(*context, "id");
-  const glib::Value id(std::move(value));
-  EXPECT_FALSE(G_IS_VALUE(&value.GetValue()));
-  value = id;
-  EXPECT_EQ(g_value_get_uint(&value.GetValue()), pipeline.GetId());
-  EXPECT_EQ(ErrorOf([&] { context::SetValue(*context, "id", id); }),
-            "Could not set the value because the context is not writable");
-  EXPECT_EQ(ErrorOf<std::invalid_argument>([] { context::SetValue(*check::context::Make("type", ""), "id", {}); }),
-            "Could not set the value because it is empty");
-  EXPECT_EQ(ErrorOf<std::logic_error>([&] { pipeline.SetEnable(true); }),
-            "Cannot set the state of the pipeline with ID '7' to playing because it does not have an input");
-  const auto f = faulty::Make();
-  const auto x = Make("fakesink");
-  pipeline.SetInput({});
-  pipeline.SetInput(f);
-  pipeline.AddOutputs({x});
-  const auto tee = Find(*GST_BIN(&pipeline.Get()), "output_tee");
-  const Ptr<GstPad> unlinked(gst_element_request_pad_simple(tee.Get(), "src_%u"));
-  EXPECT_EQ(pipeline.GetOutputs().at(0).element, x);
+TEST_F(Bins, OutputsReplaceThePlaceholder) {
+  const auto x = Make("fakesink", "x");
+  const auto y = Parse("identity ! fakesink", "y");
+  const auto add = bin::output::AddOutputs;
+  const auto erase = bin::output::EraseOutputs;
+  const auto missing = ThrowsMessage<std::runtime_error>("Cannot remove an output that has not been added to the bin");
+  const auto null = ThrowsMessage<std::invalid_argument>("Cannot add an output that is null");
+  ExpectSteps(bin::pipeline::GetOutputBin(whole), "output_tee",
+              {{add, {x, y}, "output_tee queue x queue y", 5},
+               {erase, {x, x, y}, "output_tee queue y", 3, missing},
+               {add, {x, none}, "output_tee queue y", 3, null},
+               {add, {x}, "output_tee queue y queue x", 5},
+               {erase, {y, x, x}, "output_tee dummy_output", 2, missing}});
+  EXPECT_EQ(References(x), 1);
+}
+
+TEST_F(Bins, UnlinkedPadOfTheTeeIsNoOutput) {
+  GstBin& output_bin = bin::pipeline::GetOutputBin(whole);
+  const Ptr<GstPad> unlinked(gst_element_request_pad_simple(Find(output_bin, "output_tee").Get(), "src_%u"));
+  EXPECT_TRUE(bin::output::GetOutputs(output_bin).empty());
+}
+
+/** A pipeline whose output waits for its preroll, as its input sends nothing. */
+struct PipelineTest : live::Test {
+  PipelineTest() {
+    pipeline.SetInput(input);
+    pipeline.AddOutputs({output});
+  }
+
+  /** Posts the message and waits until it is handled. */
+  void Post(const Ptr<GstMessage>& message) const {
+    gst_bus_post(bus.Get(), message.Ref());
+    Await([&] { return GST_MINI_OBJECT_REFCOUNT_VALUE(message.Get()) == 1; });
+  }
+
+  const Ptr<GstElement> input = faulty::Make();
+  const Ptr<GstElement> output = Make("fakesink");
+  Pipeline pipeline{7, "seven"};
+  const Ptr<GstBus> bus{gst_pipeline_get_bus(&pipeline.Get())};
+};
+
+TEST_F(PipelineTest, ContextHoldsTheIdentifier) {
+  EXPECT_EQ(g_value_get_uint(&context::GetValue(*pipeline.GetContext(), "id").GetValue()), 7U);
+  EXPECT_EQ(pipeline.GetId(), 7U);
+}
+
+TEST_F(PipelineTest, StateFollowsTheAnswersOfTheElements) {
   using State = Pipeline::State;
+  const auto fails_to = [](const std::string& state) {
+    return ThrowsMessage<std::runtime_error>("Failed to set the state of the pipeline with ID '7' to " + state + ": 0");
+  };
   constexpr int kFails = GST_STATE_CHANGE_FAILURE;
   constexpr int kFollows = faulty::Faults::kFollows;
-  for (const auto& [answer, enable, state, error] :
-       {std::tuple(kFails, true, State::Stopped, "Failed to set the state of the pipeline with ID '7' to playing: 0"),
-        std::tuple(kFollows, true, State::Starting, "no error"), std::tuple(kFails, true, State::Starting, "no error"),
-        std::tuple(kFails, false, State::Starting, "Failed to set the state of the pipeline with ID '7' to stopped: 0"),
-        std::tuple(kFollows, false, State::Stopped, "no error")}) {
-    faulty::Of(f.Get()).answer = answer;
-    EXPECT_EQ(ErrorOf([&, &on = enable] { pipeline.SetEnable(on); }), error);
-    EXPECT_EQ(pipeline.GetState(), state);
-    EXPECT_EQ(pipeline.GetEnable(), state != State::Stopped);
+  const struct {
+    bool enable;
+    int answer;  ///< Of the input, which is not asked if the request changes nothing.
+    State state;
+    bool is_enabled;
+    Outcome outcome;
+  } rows[] = {
+      {false, kFails, State::Stopped, false, kSucceeds},
+      {true, kFails, State::Stopped, false, fails_to("playing")},
+      {true, kFollows, State::Starting, true, kSucceeds},
+      {true, kFails, State::Starting, true, kSucceeds},
+      {false, kFails, State::Starting, true, fails_to("stopped")},
+      {false, kFollows, State::Stopped, false, kSucceeds},
+      {true, GST_STATE_CHANGE_NO_PREROLL, State::Starting, true, kSucceeds},
+  };
+  for (const auto& row : rows) {
+    faulty::Of(input.Get()).answer = row.answer;
+    EXPECT_THAT([&] { pipeline.SetEnable(row.enable); }, row.outcome);
+    EXPECT_EQ(pipeline.GetState(), row.state);
+    EXPECT_EQ(pipeline.GetEnable(), row.is_enabled);
   }
-  g_object_set(x.Get(), "async", FALSE, nullptr);
+}
+
+TEST_F(PipelineTest, PlaysAtOnceIfNoOutputPrerolls) {
+  g_object_set(output.Get(), "async", FALSE, nullptr);
   pipeline.SetEnable(true);
-  EXPECT_EQ(pipeline.GetState(), State::Playing);
+  EXPECT_EQ(pipeline.GetState(), Pipeline::State::Playing);
+}
+
+TEST_F(PipelineTest, StreamStartMakesItPlaying) {
+  pipeline.SetEnable(true);
+  Post(Ptr<GstMessage>(gst_message_new_stream_start(nullptr)));
+  EXPECT_EQ(pipeline.GetState(), Pipeline::State::Playing);
+}
+
+TEST_F(PipelineTest, StreamStartFromBeforeAStopIsIgnored) {
+  pipeline.SetEnable(true);
   const Ptr<GstMessage> late(gst_message_new_stream_start(nullptr));
   pipeline.SetEnable(false);
-  const Ptr<GstBus> bus(gst_pipeline_get_bus(&pipeline.Get()));
   gst_bus_set_flushing(bus.Get(), FALSE);
-  EXPECT_TRUE(gst_bus_post(bus.Get(), late.Ref()));
-  Await([&] { return GST_MINI_OBJECT_REFCOUNT_VALUE(late.Get()) == 1; });
-  EXPECT_EQ(pipeline.GetState(), State::Stopped);
-  pipeline = Pipeline(8, "eight");
-  EXPECT_EQ(References(f) + References(x) + GST_OBJECT_REFCOUNT_VALUE(&std::as_const(pipeline).Get()), 3);
+  Post(late);
+  EXPECT_EQ(pipeline.GetState(), Pipeline::State::Stopped);
+}
+
+TEST_F(PipelineTest, StartNeedsAnInput) {
+  pipeline.SetInput({});
+  pipeline.SetInput({});
+  EXPECT_THAT([&] { pipeline.SetEnable(true); },
+              ThrowsMessage<std::logic_error>("Cannot set the state of the pipeline with ID '7' to playing because it "
+                                              "does not have an input"));
+}
+
+TEST_F(PipelineTest, InputIsKeptUnlessStopped) {
+  const auto is_refused = ThrowsMessage<std::runtime_error>("Cannot remove the input if the pipeline is not stopped");
+  pipeline.SetEnable(true);
+  EXPECT_THAT([&] { pipeline.SetInput({}); }, is_refused) << "Starting";
+  Post(Ptr<GstMessage>(gst_message_new_stream_start(nullptr)));
+  EXPECT_THAT([&] { pipeline.SetInput({}); }, is_refused) << "Playing";
+  EXPECT_EQ(pipeline.GetInput(), input);
+}
+
+TEST_F(PipelineTest, ExchangeStopsTheOutputsFirst) {
+  pipeline.SetEnable(true);
+  g_object_set(&pipeline.Get(), "auto-flush-bus", FALSE, nullptr);
+  std::vector<std::string> stopped;
+  const auto note_stopped_bin = [](GstBus*, GstMessage* message, gpointer names) {
+    GstState state = GST_STATE_VOID_PENDING;
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_STATE_CHANGED) {
+      gst_message_parse_state_changed(message, nullptr, &state, nullptr);
+    }
+    if (state == GST_STATE_NULL && GST_IS_BIN(GST_MESSAGE_SRC(message))) {
+      static_cast<std::vector<std::string>*>(names)->emplace_back(GST_MESSAGE_SRC_NAME(message));
+    }
+    return GST_BUS_PASS;
+  };
+  gst_bus_set_sync_handler(bus.Get(), note_stopped_bin, &stopped, nullptr);
+  pipeline.SetInput(faulty::Make());
+  gst_bus_set_sync_handler(bus.Get(), nullptr, nullptr, nullptr);
+  EXPECT_THAT(stopped, ElementsAre("seven", "output_bin", "filter_bin", "input_bin"));
+}
+
+TEST_F(PipelineTest, MoveAssignmentDestroysTheOldOne) {
+  Pipeline other(8, "eight");
+  GstPipeline* const element = &other.Get();
+  pipeline.SetEnable(true);
+  pipeline = std::move(other);
+  EXPECT_EQ(&std::as_const(pipeline).Get(), element);
+  EXPECT_EQ(References(input), 1);
+  EXPECT_EQ(References(output), 1);
+  EXPECT_THAT([&] { other.SetEnable(true); },  // NOLINT(bugprone-use-after-move)
+              ThrowsMessage<std::logic_error>("Pimpl is null"));
 }
 
 }  // namespace
