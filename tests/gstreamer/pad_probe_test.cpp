@@ -2,60 +2,104 @@
 
 #include "tests/gstreamer/live.h"
 
+#include <gmock/gmock.h>
 #include <gst/check/gstharness.h>
 
 namespace mox::gstreamer {
 namespace {
 
-/** A source pad that frames are pushed from by hand. */
+using testing::ThrowsMessage;
+
+constexpr auto kBlock = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER);
+
+/** A source pad that buffers are pushed from by hand. */
 struct PadProbeTest : live::Test {
   PadProbeTest() { gst_harness_set_src_caps_str(harness, "test/frames"); }
   ~PadProbeTest() override {
-    EXPECT_EQ(token.use_count(), 1);
+    EXPECT_EQ(token.use_count(), 1) << "a callback was not released";
     gst_harness_teardown(harness);
   }
 
-  /** How many frames have arrived, with the one pushed now. */
+  /** Pushes a buffer and returns how many have arrived. */
   unsigned Push() const {
     gst_harness_push(harness, gst_buffer_new());
     return gst_harness_buffers_received(harness);
   }
 
-  PadProbe Probe(GstPadProbeReturn answer, GstPadProbeType type = GST_PAD_PROBE_TYPE_BUFFER) {
-    return {*harness->srcpad, type, [answer, token = token](GstPad&, GstPadProbeInfo&) { return answer; }};
+  PadProbe Probe(GstPadProbeReturn answer, GstPadProbeType type = GST_PAD_PROBE_TYPE_BUFFER) const {
+    return {*harness->srcpad, type, [answer, token = token](auto&...) { return answer; }};
+  }
+
+  /** Expects that a buffer is blocked until the probe is gone, and how many have arrived then. */
+  void ExpectBlocked(PadProbe probe, unsigned arrived) const {
+    auto pushing = std::async(std::launch::async, [&] { return Push(); });
+    EXPECT_EQ(pushing.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    { const PadProbe removed = std::move(probe); }
+    EXPECT_EQ(pushing.get(), arrived);
   }
 
   std::shared_ptr<int> token = std::make_shared<int>();
   GstHarness* const harness = gst_harness_new("identity");
 };
 
-TEST_F(PadProbeTest, AnswersOnceAndMovesAndRefuses) {
-  unsigned frames = 0;
-  for (const auto answer : {GST_PAD_PROBE_OK, GST_PAD_PROBE_DROP, GST_PAD_PROBE_REMOVE}) {
-    PadProbe moved = Probe(answer);
-    PadProbe probe = Probe(GST_PAD_PROBE_DROP);
-    auto dropped = probe.GetFuture();
-    probe = std::move(moved);
-    EXPECT_THROW(dropped.get(), std::future_error);
-    EXPECT_EQ(live::ErrorOf<std::logic_error>([&] { moved.GetFuture(); }), "Pimpl is null");
-    EXPECT_EQ(Push(), frames += answer == GST_PAD_PROBE_DROP ? 0 : 1);
-    EXPECT_EQ(Push(), ++frames);
-    EXPECT_EQ(probe.GetFuture().get(), answer);
-    EXPECT_EQ(&std::as_const(probe).GetPad(), &probe.GetPad());
-    EXPECT_THROW(PadProbe(std::move(probe)).GetFuture(), std::future_error);
-  }
-  const auto fail = [](GstPad&, GstPadProbeInfo&) -> GstPadProbeReturn { throw std::runtime_error("too far"); };
-  EXPECT_EQ(live::ErrorOf([&] { PadProbe(*harness->srcpad, GST_PAD_PROBE_TYPE_IDLE, fail).GetFuture().get(); }),
-            "too far");
+TEST_F(PadProbeTest, AnswersTheFirstBufferOnly) {
+  PadProbe drop = Probe(GST_PAD_PROBE_DROP);
+  EXPECT_EQ(Push(), 0U);
+  EXPECT_EQ(Push(), 1U);
+  EXPECT_EQ(drop.GetFuture().get(), GST_PAD_PROBE_DROP);
+}
+
+TEST_F(PadProbeTest, RemoveRemovesOnce) {
+  PadProbe remove = Probe(GST_PAD_PROBE_REMOVE);
+  EXPECT_EQ(Push(), 1U);
+  EXPECT_EQ(remove.GetFuture().get(), GST_PAD_PROBE_REMOVE);
+}
+
+TEST_F(PadProbeTest, LaterBuffersAreBlocked) {
+  PadProbe pass = Probe(GST_PAD_PROBE_PASS, kBlock);
+  EXPECT_EQ(Push(), 1U);
+  ExpectBlocked(std::move(pass), 2);
+}
+
+TEST_F(PadProbeTest, ExceptionGoesIntoTheFutureAndTheBufferStaysBlocked) {
+  PadProbe probe(*harness->srcpad, kBlock, [](auto&...) -> GstPadProbeReturn { throw std::runtime_error("thrown"); });
+  auto future = probe.GetFuture();
+  ExpectBlocked(std::move(probe), 1);
+  EXPECT_THAT([&] { future.get(); }, ThrowsMessage<std::runtime_error>("thrown"));
+}
+
+TEST_F(PadProbeTest, FutureIsGivenOnceAndBrokenIfNothingCame) {
+  PadProbe probe = Probe(GST_PAD_PROBE_DROP);
+  auto future = probe.GetFuture();
+  EXPECT_THROW(probe.GetFuture(), std::future_error);
+  probe = Probe(GST_PAD_PROBE_OK);
+  EXPECT_THROW(future.get(), std::future_error);
+  EXPECT_EQ(Push(), 1U);
+}
+
+TEST_F(PadProbeTest, MovedFromProbeThrows) {
+  PadProbe source = Probe(GST_PAD_PROBE_OK);
+  PadProbe probe(std::move(source));
+  EXPECT_EQ(&probe.GetPad(), harness->srcpad);
+  EXPECT_EQ(&std::as_const(probe).GetPad(), harness->srcpad);
+  const auto is_thrown = ThrowsMessage<std::logic_error>("Pimpl is null");
+  EXPECT_THAT([&] { source.GetPad(); }, is_thrown);  // NOLINT(bugprone-use-after-move)
+  EXPECT_THAT([&] { std::as_const(source).GetPad(); }, is_thrown);
+  EXPECT_THAT([&] { source.GetFuture(); }, is_thrown);
+}
+
+TEST_F(PadProbeTest, RefusedProbeThrowsAndReleasesItsCallback) {
+  std::ostringstream error;
+  error << "Failed to add probe to pad (" << static_cast<void*>(harness->srcpad) << ")";
+  // GStreamer refuses the one type, and removes the other at once.
   g_test_expect_message("GStreamer", G_LOG_LEVEL_CRITICAL, "gst_pad_add_probe: assertion*");
   for (const auto type : {GST_PAD_PROBE_TYPE_INVALID, GST_PAD_PROBE_TYPE_IDLE}) {
-    EXPECT_EQ(live::ErrorOf([&] { Probe(GST_PAD_PROBE_REMOVE, type); }),
-              "Failed to add probe to pad (" + testing::PrintToString<void*>(harness->srcpad) + ")");
+    EXPECT_THAT([&] { Probe(GST_PAD_PROBE_REMOVE, type); }, ThrowsMessage<std::runtime_error>(error.str()));
   }
   g_test_assert_expected_messages();
 }
 
-TEST_F(PadProbeTest, ARefusedIdleProbeReleasesItsCallback) {
+TEST_F(PadProbeTest, RefusedIdleProbeReleasesItsCallback) {
   auto& no_pad = reinterpret_cast<GstPad&>(*harness->element);
   g_test_expect_message("GStreamer", G_LOG_LEVEL_CRITICAL, "gst_pad_add_probe: assertion*");
   EXPECT_THROW(PadProbe(no_pad, GST_PAD_PROBE_TYPE_IDLE, [token = token](auto&...) { return GST_PAD_PROBE_OK; }),
@@ -63,20 +107,19 @@ TEST_F(PadProbeTest, ARefusedIdleProbeReleasesItsCallback) {
   g_test_assert_expected_messages();
 }
 
-TEST_F(PadProbeTest, DestroyedWhileItsCallbackRuns) {
-  std::promise<void> entered;
-  std::promise<void> gate;
-  auto probe = std::make_unique<PadProbe>(*harness->srcpad, GST_PAD_PROBE_TYPE_BUFFER, [&](GstPad&, GstPadProbeInfo&) {
+TEST_F(PadProbeTest, MayBeDestroyedWhileItsCallbackRuns) {
+  std::promise<void> entered, end;
+  auto probe = std::make_unique<PadProbe>(*harness->srcpad, GST_PAD_PROBE_TYPE_BUFFER, [&](auto&...) {
     entered.set_value();
-    gate.get_future().wait();
+    end.get_future().wait();
     return GST_PAD_PROBE_DROP;
   });
   auto future = probe->GetFuture();
   auto pushing = std::async(std::launch::async, [&] { return Push(); });
   entered.get_future().wait();
-  EXPECT_EQ(Push(), 1U);  // returns although the callback is still running
+  EXPECT_EQ(Push(), 1U) << "a later buffer waited for the callback";
   probe.reset();
-  gate.set_value();
+  end.set_value();
   EXPECT_EQ(future.get(), GST_PAD_PROBE_DROP);
   EXPECT_EQ(pushing.get(), 1U);
 }
