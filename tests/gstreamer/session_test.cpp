@@ -3,89 +3,132 @@
 #include "mox/gstreamer/check/ptr.h"
 #include "tests/logging/capture.h"
 
-#include <tuple>
-
+#include <gmock/gmock.h>
 #include <gst/gst.h>
-#include <gtest/gtest.h>
-
-#include <dlfcn.h>
-
-static GstLogFunction bridge = nullptr;
-
-/** Stands before GStreamer's own, and keeps the bridge so that it can be called with what this build refuses. */
-extern "C" [[gnu::visibility("default")]] void(gst_debug_add_log_function)(GstLogFunction function, gpointer data,
-                                                                           GDestroyNotify notify) {
-  bridge = bridge != nullptr ? bridge : function;
-  void* const next = dlsym(RTLD_NEXT, "gst_debug_add_log_function");
-  reinterpret_cast<decltype(&gst_debug_add_log_function)>(next)(function, data, notify);
-}
 
 namespace mox::gstreamer {
 namespace {
 
-// GStreamer goes up and down once in a process.
-TEST(Session, BringsGstreamerUpLogsAndDown) {
-  setenv("GST_REGISTRY_DISABLE", "yes", 1);  // leaves the plugins that are registered here
-  setenv("GST_DEBUG", "", 1);
-  setenv("MOX_LOG_LEVEL", "all", 1);
-  const logging::Capture capture;
-  static const void* const first = MoxGstreamerSessionCreate();  // never released
-  // Not more than warnings, so that GStreamer itself leaves out most of the many lines a frame.
-  ASSERT_TRUE(first != nullptr && gst_debug_is_active() && _gst_debug_min == GST_LEVEL_WARNING);
-  setenv("GST_DEBUG", "1", 1);
-  gst_debug_set_default_threshold(GST_LEVEL_ERROR);
-  const auto load = [](GstPlugin*) -> gboolean { return TRUE; };
-  for (const char* const name : {"nvcodec", "vaapi"}) {
-    gst_plugin_register_static(GST_VERSION_MAJOR, GST_VERSION_MINOR, name, "-", load, "1", "LGPL", "-", "-", "-");
-  }
-  const std::vector<std::pair<const char*, unsigned>> ranks = {
-      {"nvh264dec", 258}, {"vaapih264dec", 257}, {"vaapih265dec", 257}, {"vaapidecodebin", 64}};
-  for (const auto& [name, rank] : ranks) {
-    gst_element_register(nullptr, name, GST_RANK_SECONDARY, GST_TYPE_BIN);
-  }
-  void* const second = MoxGstreamerSessionCreate();
-  for (const auto& [name, rank] : ranks) {
-    const Ptr<GstPluginFeature> feature(gst_registry_lookup_feature(gst_registry_get(), name));
-    EXPECT_EQ(gst_plugin_feature_get_rank(feature.Get()), rank) << name;
-    EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(feature.Get()), 2) << "The registry and this test hold it";
-  }
-  GST_WARNING("below the threshold");
+using testing::ElementsAre;
 
-  void* registry = gst_registry_get();
-  std::vector<std::tuple<int, gpointer, const char*, const char*>> rows = {
-      {2, registry, "warning", "GstRegistry"},
-      {3, g_object_class_find_property(G_OBJECT_GET_CLASS(registry), "name"), "none", "Unknown"},
-      {4, nullptr, "info", "Unknown"},
-      {5, nullptr, "debug", "Unknown"},
-      {6, nullptr, "none", "Unknown"},
-      {7, nullptr, "trace", "Unknown"},
-      {8, nullptr, "none", "Unknown"},
-      {1, nullptr, "error", "Unknown"}};
-  const GstLogFunction forward = [](GstDebugCategory* category, GstDebugLevel, const char* file, const char* function,
-                                    int line, GObject*, GstDebugMessage* message, gpointer data) {
-    for (const auto& [level, object, word, name] : *static_cast<decltype(rows)*>(data)) {
-      bridge(category, static_cast<GstDebugLevel>(level), file, function, line, static_cast<GObject*>(object), message,
-             nullptr);
-    }
-  };
-  (gst_debug_add_log_function)(forward, &rows, nullptr);
-  const std::string log = " mox.gstreamer.session: ";
-  std::vector<std::string> lines = {"info" + log + "NVIDIA plugin not loaded, using CPU decoding",
-                                    "info" + log + "NVIDIA plugin loaded, attempting to use GPU decoding",
-                                    "info" + log + "nvh264dec element avaliable, Bumpping gst rank to highest",
-                                    "warning" + log + "Could not find nvh265dec element despite loading nvcodec!"};
-  for (const auto& [format, text] :
-       {std::pair("%d%%", "5%"), std::pair("%d%", "gst_debug_message_get returned NULL")}) {
-    gst_debug_log(GST_CAT_DEFAULT, GST_LEVEL_ERROR, "file.c", "function", -7, nullptr, format, 5);
-    for (const auto& [level, object, word, name] : rows) {
-      lines.push_back(word + log + "[file.c:-7 (function)] GObject Type: " + name + ": " + text);
-    }
-    lines.insert(lines.end(), 2, lines.back());  // each session logs
+/** A test in a process of its own, because GStreamer goes up and down once in a process. */
+struct SessionTest : testing::Test {
+  SessionTest() {
+    setenv("GST_REGISTRY_DISABLE", "yes", 1);  // leaves the plugins that a test registers
+    setenv("GST_DEBUG", "", 1);
+    setenv("MOX_LOG_LEVEL", "all", 1);
   }
-  EXPECT_EQ(capture.GetLines(), lines);
+
+  const logging::Capture capture;
+};
+
+TEST_F(SessionTest, WarningsAndErrorsAreLoggedByDefault) {
+  const Session session;
+  EXPECT_TRUE(gst_debug_is_active());
+  EXPECT_EQ(gst_debug_get_default_threshold(), GST_LEVEL_WARNING);
+  EXPECT_EQ(_gst_debug_min, GST_LEVEL_WARNING) << "GStreamer looks at every line of every level";
+}
+
+TEST_F(SessionTest, GstDebugIsKept) {
+  setenv("GST_DEBUG", "1", 1);
+  const Session session;
+  EXPECT_EQ(gst_debug_get_default_threshold(), GST_LEVEL_ERROR);
+}
+
+/** Logs a number at a line of a file. */
+void Log(int level, gpointer object, const char* format) {
+  gst_debug_log(GST_CAT_DEFAULT, static_cast<GstDebugLevel>(level), "file.c", "function", -7, G_OBJECT(object), format,
+                5);
+}
+
+TEST_F(SessionTest, LevelsAreMapped) {
+  const Session session;
+  gst_debug_set_default_threshold(GST_LEVEL_COUNT);
+  const struct {
+    int level;
+    const char* written;
+  } rows[] = {{GST_LEVEL_NONE, "none"},   {GST_LEVEL_ERROR, "error"}, {GST_LEVEL_WARNING, "warning"},
+              {GST_LEVEL_FIXME, "none"},  {GST_LEVEL_INFO, "info"},   {GST_LEVEL_DEBUG, "debug"},
+              {GST_LEVEL_LOG, "none"},    {GST_LEVEL_TRACE, "trace"}, {GST_LEVEL_TRACE + 1, "none"},
+              {GST_LEVEL_MEMDUMP, "none"}};
+  const std::size_t before = capture.GetLines().size();
+  for (const auto& row : rows) {
+    Log(row.level, nullptr, "%d%%");
+    EXPECT_EQ(capture.GetLines().back(),
+              row.written + std::string(" mox.gstreamer.session: [file.c:-7 (function)] GObject Type: Unknown: 5%"));
+  }
+  EXPECT_EQ(capture.GetLines().size(), before + std::size(rows));
+}
+
+TEST_F(SessionTest, ObjectsAreNamedByTheirType) {
+  const Session session;
+  Log(GST_LEVEL_ERROR, gst_registry_get(), "%d%%");
+  EXPECT_EQ(capture.GetLines().back(),
+            "error mox.gstreamer.session: [file.c:-7 (function)] GObject Type: GstRegistry: 5%");
+}
+
+TEST_F(SessionTest, TextThatCannotBeFormattedIsToldSo) {
+  const Session session;
+  Log(GST_LEVEL_ERROR, nullptr, "%d%");
+  EXPECT_EQ(capture.GetLines().back(),
+            "error mox.gstreamer.session: [file.c:-7 (function)] GObject Type: Unknown: gst_debug_message_get returned "
+            "NULL");
+}
+
+struct Decoder {
+  const char* name;
+  unsigned rank;  ///< In a session.
+};
+
+/** Registers the plugins and decoders, and expects the ranks that the decoders get by a session. */
+void ExpectRanks(std::initializer_list<const char*> plugins, std::initializer_list<Decoder> decoders) {
+  gst_init(nullptr, nullptr);
+  const auto load = [](GstPlugin*) -> gboolean { return TRUE; };
+  for (const char* const plugin : plugins) {
+    gst_plugin_register_static(GST_VERSION_MAJOR, GST_VERSION_MINOR, plugin, "-", load, "1", "LGPL", "-", "-", "-");
+  }
+  for (const Decoder& decoder : decoders) {
+    gst_element_register(nullptr, decoder.name, GST_RANK_SECONDARY, GST_TYPE_BIN);
+  }
+  const Session session;
+  for (const Decoder& decoder : decoders) {
+    const Ptr<GstPluginFeature> feature(gst_registry_lookup_feature(gst_registry_get(), decoder.name));
+    EXPECT_EQ(gst_plugin_feature_get_rank(feature.Get()), decoder.rank) << decoder.name;
+    EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(feature.Get()), 2) << "one of the registry, one of this test";
+  }
+}
+
+TEST_F(SessionTest, DecodersOfLoadedPluginsRankFirst) {
+  ExpectRanks({"nvcodec", "vaapi"}, {{"nvh264dec", GST_RANK_PRIMARY + 2},
+                                     {"vaapih264dec", GST_RANK_PRIMARY + 1},
+                                     {"vaapih265dec", GST_RANK_PRIMARY + 1},
+                                     {"vaapidecodebin", GST_RANK_MARGINAL}});
+  EXPECT_THAT(capture.GetLines(),
+              ElementsAre("info mox.gstreamer.session: NVIDIA plugin loaded, attempting to use GPU decoding",
+                          "info mox.gstreamer.session: nvh264dec element avaliable, Bumpping gst rank to highest",
+                          "warning mox.gstreamer.session: Could not find nvh265dec element despite loading nvcodec!"));
+}
+
+TEST_F(SessionTest, DecodersWithoutTheirPluginKeepTheirRank) {
+  ExpectRanks({}, {{"nvh264dec", GST_RANK_SECONDARY}, {"vaapih264dec", GST_RANK_SECONDARY}});
+  EXPECT_THAT(capture.GetLines(),
+              ElementsAre("info mox.gstreamer.session: NVIDIA plugin not loaded, using CPU decoding"));
+}
+
+TEST_F(SessionTest, PluginsAreScannedInThisProcess) {
+  const Session session;
+  EXPECT_FALSE(gst_registry_fork_is_enabled());
+}
+
+TEST_F(SessionTest, ReleaseTakesGstreamerDownWithoutALine) {
+  void* const session = MoxGstreamerSessionCreate();
+  void* registry = gst_registry_get();
   g_object_add_weak_pointer(static_cast<GObject*>(registry), &registry);
-  MoxGstreamerSessionRelease(second);
+  gst_debug_set_default_threshold(GST_LEVEL_TRACE);
+  const auto lines = capture.GetLines();
+  MoxGstreamerSessionRelease(session);
   EXPECT_EQ(registry, nullptr);
+  EXPECT_EQ(capture.GetLines(), lines);
 }
 
 }  // namespace
