@@ -1,6 +1,7 @@
 #define GST_USE_UNSTABLE_API  // for the tracer hooks
 
 #include "mox/export.h"
+#include "mox/gstreamer/session.h"
 #include "tests/gstreamer/live.h"
 
 #include <algorithm>
@@ -20,9 +21,10 @@ extern "C" MOX_EXPORT void* malloc(std::size_t size) {
 namespace live {
 
 using ChangeCost = live::Test;
+using LogCost = live::Test;
 
 struct Cost {
-  std::size_t allocations, references;
+  std::size_t allocations = 0, references = 0;
 };
 
 // The most that adding and erasing a filter may cost, for each 1.x series of GStreamer.
@@ -46,7 +48,6 @@ static void CountReferences() {
 // That is the same in every build. Nearly every call to GStreamer allocates memory or takes a reference, so one
 // more call exceeds a limit.
 TEST_F(ChangeCost, StaysWithinLimits) {
-  constexpr std::size_t kRounds = 21;
   CountReferences();
   std::atomic<std::size_t> made = 0;
   Stream stream(MakeSource(), {Make("identity")}, false);
@@ -60,36 +61,42 @@ TEST_F(ChangeCost, StaysWithinLimits) {
   stream.pipeline.SetEnable(true);
   Await([&] { return made == 1; });
 
+  // The cheapest round counts. On a busy machine a change that waits looks for a stop and for the end of the stream.
   const auto filter = Make("identity");
-  std::vector<std::size_t> allocations_made, references_taken;
-  allocations_made.reserve(kRounds);
-  references_taken.reserve(kRounds);
-  for (std::size_t frames = 0; frames < 2 * kRounds;) {
+  Cost least{SIZE_MAX, SIZE_MAX};
+  for (std::size_t frames = 0; frames < 42;) {
     const Cost before{allocations, references};
-    for (const auto filter_change : {&Pipeline::AddFilters, &Pipeline::EraseFilters}) {
-      (stream.pipeline.*filter_change)({filter});
+    for (const auto change : {&Pipeline::AddFilters, &Pipeline::EraseFilters}) {
+      (stream.pipeline.*change)({filter});
       ++frames;
       Await([&] { return stream.watch.frames == frames && made == frames + 1; });
     }
-    allocations_made.push_back(allocations - before.allocations);
-    references_taken.push_back(references - before.references);
+    least = {std::min(least.allocations, allocations - before.allocations),
+             std::min(least.references, references - before.references)};
   }
 
   guint major = 0, series = 0, micro = 0, nano = 0;
   gst_version(&major, &series, &micro, &nano);
-  // The cheapest round counts. On a busy machine a change that waits looks for a stop and for the end of the stream.
-  const auto least = [](const std::vector<std::size_t>& costs) {
-    return *std::min_element(costs.begin(), costs.end());
-  };
-  const Cost cost{least(allocations_made), least(references_taken)};
-  std::cout << "GStreamer 1." << series << ": " << cost.allocations << " allocations, " << cost.references
-            << " references" << std::endl;
   const auto limit = kLimits.find(series);
   if (limit == kLimits.end()) {
-    GTEST_SKIP() << "no limits for this series of GStreamer";
+    GTEST_SKIP() << "no limits for GStreamer 1." << series << ": " << least.allocations << " allocations, "
+                 << least.references << " references";
   }
-  EXPECT_LE(cost.allocations, limit->second.allocations);
-  EXPECT_LE(cost.references, limit->second.references);
+  EXPECT_LE(least.allocations, limit->second.allocations);
+  EXPECT_LE(least.references, limit->second.references);
+}
+
+TEST_F(LogCost, RejectedLineOfGstreamerAllocatesNothing) {
+  const mox::gstreamer::Session session;
+  gst_debug_set_default_threshold(GST_LEVEL_DEBUG);
+  const Ptr<GstElementFactory> object(gst_element_factory_find("identity"));
+  const auto log = [&] {
+    gst_debug_log(GST_CAT_DEFAULT, GST_LEVEL_DEBUG, "file", "function", 1, G_OBJECT(object.Get()), "%s", "text");
+  };
+  log();
+  const std::size_t before = allocations;
+  log();
+  EXPECT_EQ(allocations, before);
 }
 
 }  // namespace live
