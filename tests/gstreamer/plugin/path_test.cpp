@@ -3,44 +3,75 @@
 #include "tests/logging/capture.h"
 
 #include <boost/filesystem/operations.hpp>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <dlfcn.h>
 
 using namespace boost::filesystem;
+using testing::ElementsAre;
 
-TEST(PluginPath, LiesBesideTheFileThatALinkLeadsTo) {
-  const auto folder = temp_directory_path() / unique_path();
-  create_directory(folder);
-  create_symlink(MOX_TEST_LIBRARY, folder / "libmox_link.so.so.3.1");
-  current_path(folder);
-  void* const library = dlopen("./libmox_link.so.so.3.1", RTLD_NOW);
-  const std::string resolve = "MoxGstreamerPluginPathResolveFrom";
-  const auto by_name = reinterpret_cast<char* (*)(const char*)>(dlsym(library, (resolve + "LibraryName").c_str()));
-  const auto by_program = reinterpret_cast<char* (*)()>(dlsym(library, (resolve + "Executable").c_str()));
-  for (const auto& [text, expected] : {std::pair(by_name("mox_link.so"), canonical(MOX_TEST_LIBRARY).parent_path()),
-                                       std::pair(by_program(), canonical(MOX_TEST_FOLDER))}) {
-    EXPECT_EQ(text, expected / "gstreamer-1.0");
-    reinterpret_cast<void (*)(char*)>(dlsym(library, (resolve + "LibraryNameRelease").c_str()))(text);
+/** The library, loaded by a relative path that is a link. */
+struct PluginPath : testing::Test {
+  PluginPath() {
+    create_directory(folder);
+    create_symlink(MOX_TEST_LIBRARY, folder / "libmox_link.so.so.3.1");
+    current_path(folder);
+    library = dlopen("./libmox_link.so.so.3.1", RTLD_NOW);
   }
+  ~PluginPath() override { remove_all(folder); }
+
+  /** Calls a C function of the library. */
+  template <typename Result, typename... Arguments>
+  Result Call(const char* function, Arguments... arguments) const {
+    return reinterpret_cast<Result (*)(Arguments...)>(dlsym(library, function))(arguments...);
+  }
+  char* FromLibraryName(const char* name) const {
+    return Call<char*>("MoxGstreamerPluginPathResolveFromLibraryName", name);
+  }
+  char* FromExecutable() const { return Call<char*>("MoxGstreamerPluginPathResolveFromExecutable"); }
+
+  const path folder = temp_directory_path() / unique_path();
+  void* library = nullptr;
+};
+
+TEST_F(PluginPath, LiesBesideTheFileThatTheLibraryLinksTo) {
+  char* const resolved = FromLibraryName("mox_link.so");
+  EXPECT_EQ(resolved, canonical(MOX_TEST_LIBRARY).parent_path() / "gstreamer-1.0");
+  Call<void>("MoxGstreamerPluginPathResolveFromLibraryNameRelease", resolved);
+}
+
+TEST_F(PluginPath, LiesBesideTheExecutable) {
+  char* const resolved = FromExecutable();
+  EXPECT_EQ(resolved, canonical(MOX_TEST_FOLDER) / "gstreamer-1.0");
+  Call<void>("MoxGstreamerPluginPathResolveFromExecutableRelease", resolved);
+}
+
+TEST_F(PluginPath, OnlyTheWholeNameOfALoadedLibraryIsFound) {
+  const mox::logging::Capture capture;
+  for (const char* const name : {"mox_link", "ox_system", "libmox_system", static_cast<const char*>(nullptr)}) {
+    EXPECT_EQ(FromLibraryName(name), nullptr);
+  }
+  const std::string error =
+      "error mox.gstreamer.plugin.path.resolve.from_library_name: Could not resolve from library name: ";
+  EXPECT_THAT(capture.GetLines(),
+              ElementsAre(error + "Library 'mox_link' is not loaded",  //
+                          error + "Library 'ox_system' is not loaded", error + "Library 'libmox_system' is not loaded",
+                          error + "basic_string: construction from null is not valid"));
+}
+
+TEST_F(PluginPath, MissingCurrentFolderIsLogged) {
   remove_all(folder);
   const mox::logging::Capture capture;
-  EXPECT_EQ(by_program(), nullptr);
-  current_path("/");
-  for (const char* const name : std::vector<const char*>{"mox_link", "ox_system", "libmox_system", nullptr}) {
-    EXPECT_EQ(by_name(name), nullptr);
-  }
-  EXPECT_EQ(reinterpret_cast<void* (*)()>(dlsym(library, "MoxGstreamerSessionCreate"))(), nullptr);
-  const filesystem_error no_folder("boost::filesystem::current_path", {ENOENT, boost::system::system_category()});
-  const std::string name =
-      "error mox.gstreamer.plugin.path.resolve.from_library_name: Could not resolve from library name: ";
-  EXPECT_EQ(
-      capture.GetLines(),
-      (std::vector<std::string>{
-          "error mox.gstreamer.plugin.path.resolve.from_executable: Could not resolve from executable: " +
-              std::string(no_folder.what()),
-          name + "Library 'mox_link' is not loaded", name + "Library 'ox_system' is not loaded",
-          name + "Library 'libmox_system' is not loaded", name + "basic_string: construction from null is not valid",
-          "error mox.gstreamer.session: Could not create gstreamer session: "
-          "Library 'mox_integration_gstreamer' is not loaded"}));
+  EXPECT_EQ(FromExecutable(), nullptr);
+  const filesystem_error error("boost::filesystem::current_path", {ENOENT, boost::system::system_category()});
+  EXPECT_THAT(capture.GetLines(), ElementsAre("error mox.gstreamer.plugin.path.resolve.from_executable: Could not "
+                                              "resolve from executable: " +
+                                              std::string(error.what())));
+}
+
+TEST_F(PluginPath, SessionNeedsTheLibraryUnderItsName) {
+  const mox::logging::Capture capture;
+  EXPECT_EQ(Call<void*>("MoxGstreamerSessionCreate"), nullptr);
+  EXPECT_THAT(capture.GetLines(), ElementsAre("error mox.gstreamer.session: Could not create gstreamer session: "
+                                              "Library 'mox_integration_gstreamer' is not loaded"));
 }
