@@ -1,13 +1,16 @@
 #include "mox/gstreamer/property/binder.h"
 
 #include "mox/property/primitive.h"
-#include "tests/gstreamer/live.h"
+
+#include <memory>
+
+#include <gmock/gmock.h>
 
 namespace mox::gstreamer::property {
 
-using live::ErrorOf;
 using mox::property::Primitive;
 using testing::PrintToString;
+using testing::ThrowsMessage;
 
 /** A property of none of the ten kinds. */
 struct Other : mox::property::Property {
@@ -17,31 +20,57 @@ struct Other : mox::property::Property {
   void Write(std::ostream& stream) const override { stream << "{}"; }
 };
 
-// One of GLib's that takes properties.
-GObjectClass* const klass = G_OBJECT_CLASS(g_type_class_ref(G_TYPE_BINDING));
+template <typename T>
+using Handle = std::unique_ptr<T, void (*)(gpointer)>;
+
+Binder* current = nullptr;
+
+/** Makes a class whose objects set and get the properties of the current binder. */
+GObjectClass* MakeClass(const std::string& name) {
+  const auto initialize = [](gpointer klass, gpointer) {
+    G_OBJECT_CLASS(klass)->set_property = [](GObject*, guint id, const GValue* value, GParamSpec* spec) {
+      current->SetProperty(id, value, spec);
+    };
+    G_OBJECT_CLASS(klass)->get_property = [](GObject*, guint id, GValue* value, GParamSpec* spec) {
+      current->GetProperty(id, value, spec);
+    };
+  };
+  return G_OBJECT_CLASS(g_type_class_ref(g_type_register_static_simple(
+      G_TYPE_OBJECT, name.c_str(), sizeof(GObjectClass), initialize, sizeof(GObject), nullptr, GTypeFlags())));
+}
+
+Handle<GObject> MakeObject(GObjectClass* klass) {
+  return {G_OBJECT(g_object_new(G_OBJECT_CLASS_TYPE(klass), nullptr)), g_object_unref};
+}
 
 template <typename T>
-void ExpectPassed(const std::string& type, const std::string& spec_type, const T& value) {
-  Primitive<T> property(spec_type, "Nice", ", about", value);
+void ExpectPassed(const char* type, const char* spec_type, const T& value) {
+  Primitive<T> property("value", "Nice", "about", value);
   Binder binder;
+  current = &binder;
   binder.Bind(property);
+  auto* const klass = MakeClass(std::string("Test") + spec_type);
   binder.InstallProperties(klass);
-  GParamSpec* const spec = g_object_class_find_property(klass, spec_type.c_str());
-  EXPECT_EQ(std::tuple(property.kTypeName, G_OBJECT_TYPE_NAME(spec), spec->param_id), std::tuple(type, spec_type, 1U));
-  EXPECT_EQ(std::string(g_param_spec_get_nick(spec)) + g_param_spec_get_blurb(spec), "Nice, about");
-  // At first 0, false or without a text.
-  GValue passed = G_VALUE_INIT;
+  const auto object = MakeObject(klass);
+  EXPECT_STREQ(property.kTypeName, type);
+  GParamSpec* const spec = g_object_class_find_property(klass, "value");
+  EXPECT_STREQ(G_OBJECT_TYPE_NAME(spec), spec_type);
+  EXPECT_EQ(spec->flags, G_PARAM_READWRITE);
+  EXPECT_STREQ(g_param_spec_get_nick(spec), "Nice");
+  EXPECT_STREQ(g_param_spec_get_blurb(spec), "about");
+
+  GValue passed = G_VALUE_INIT;  // becomes 0, false or a null string
   g_value_init(&passed, G_PARAM_SPEC_VALUE_TYPE(spec));
-  binder.SetProperty(1, &passed, spec);
+  g_object_set_property(object.get(), "value", &passed);
   EXPECT_EQ(property.GetValue(), T());
-  binder.SetProperty(1, g_param_spec_get_default_value(spec), spec);
+  g_object_set_property(object.get(), "value", g_param_spec_get_default_value(spec));
   EXPECT_EQ(property.GetValue(), value);
-  binder.GetProperty(1, &passed, spec);
+  g_object_get_property(object.get(), "value", &passed);
   EXPECT_TRUE(g_param_value_defaults(spec, &passed));
   g_value_unset(&passed);
 }
 
-TEST(PropertyBinder, PassesTheTenKindsBothWays) {
+TEST(Binder, TenKindsPassBothWays) {
   ExpectPassed("mox.property.Bool", "GParamBoolean", true);
   ExpectPassed<signed char>("mox.property.Int8", "GParamChar", -128);
   ExpectPassed<unsigned char>("mox.property.UInt8", "GParamUChar", 255);
@@ -54,35 +83,95 @@ TEST(PropertyBinder, PassesTheTenKindsBothWays) {
   ExpectPassed<std::string>("mox.property.String", "GParamString", "d\xc3\xbcnn");
 }
 
-TEST(PropertyBinder, HoldsPropertiesInTheirOrder) {
-  Primitive<int> first("first", "", "", 5, {0, 10});
-  Primitive<bool> namesake("first", "", "", true);
-  Primitive<int> refused("no name for GLib", "", "", 1);
-  Other other;
-  Binder bound;
-  bound.Bind(first);
-  EXPECT_EQ(ErrorOf<std::logic_error>([&] { bound.Bind(namesake); }),
-            "The 'first' property has already been added to the GStreamer binder");
-  Binder binder(std::move(bound));
-  EXPECT_EQ(PrintToString(bound), R"({"properties":[]})");
-  binder.Bind(refused);
-  binder.Bind(other);
-  g_test_expect_message("GLib-GObject", G_LOG_LEVEL_CRITICAL, "*valid*name*");
-  EXPECT_EQ(ErrorOf([&] { binder.InstallProperties(klass); }),
-            "Failed to install 'other' property into the GStreamer class as it was an unknown type: Other");
-  g_test_assert_expected_messages();
-  const auto* const spec = G_PARAM_SPEC_INT(g_object_class_find_property(klass, "first"));
-  EXPECT_EQ(std::tuple(spec->minimum, spec->maximum, spec->default_value), std::tuple(0, 10, 5));
+/** Two properties, the first of which is installed with its limits. */
+struct BinderTest : testing::Test {
+  BinderTest() {
+    current = &binder;
+    binder.Bind(first);
+    binder.Bind(second);
+  }
 
+  Primitive<int> first{"first", "", "", 5, {0, 10}};
+  Primitive<int> second{"second", "", "", 6};
+  Other other;
+  Binder binder;
+  GObjectClass* const klass = MakeClass("BinderTestObject");
+};
+
+TEST_F(BinderTest, NamesReachTheirOwnProperties) {
+  binder.InstallProperties(klass);
+  const auto object = MakeObject(klass);
+  int first_read = 0, second_read = 0;
+  g_object_set(object.get(), "second", 7, nullptr);
+  g_object_get(object.get(), "first", &first_read, "second", &second_read, nullptr);
+  EXPECT_EQ(second.GetValue(), 7);
+  EXPECT_EQ(first_read, 5);
+  EXPECT_EQ(second_read, 7);
+}
+
+TEST_F(BinderTest, InstallsLimitsAndDefault) {
+  binder.InstallProperties(klass);
+  const auto* const spec = G_PARAM_SPEC_INT(g_object_class_find_property(klass, "first"));
+  EXPECT_EQ(spec->minimum, 0);
+  EXPECT_EQ(spec->maximum, 10);
+  EXPECT_EQ(spec->default_value, 5);
+}
+
+TEST_F(BinderTest, UnknownTypeEndsTheInstallation) {
+  Primitive<int> last("last", "", "", 0);
+  binder.Bind(other);
+  binder.Bind(last);
+  EXPECT_THAT([&] { binder.InstallProperties(klass); },
+              ThrowsMessage<std::runtime_error>("Failed to install 'other' property into the GStreamer class as it was "
+                                                "an unknown type: Other"));
+  EXPECT_NE(g_object_class_find_property(klass, "second"), nullptr);
+  EXPECT_EQ(g_object_class_find_property(klass, "last"), nullptr);
+}
+
+TEST_F(BinderTest, NameThatGlibRefusesIsSkipped) {
+  Primitive<int> refused("no name for GLib", "", "", 0);
+  Primitive<int> last("last", "", "", 0);
+  binder.Bind(refused);
+  binder.Bind(last);
+  g_test_expect_message("GLib-GObject", G_LOG_LEVEL_CRITICAL, "*valid*name*");
+  binder.InstallProperties(klass);
+  g_test_assert_expected_messages();
+  EXPECT_EQ(g_object_class_find_property(klass, "last")->param_id, 4U);
+}
+
+TEST_F(BinderTest, NamesAreBoundOnceAndUnboundByName) {
+  Primitive<bool> namesake("first", "", "", true);
+  EXPECT_THAT([&] { binder.Bind(namesake); },
+              ThrowsMessage<std::logic_error>("The 'first' property has already been added to the GStreamer binder"));
   binder.Unbind(namesake);
-  EXPECT_EQ(PrintToString(binder), R"({"properties":[)" + PrintToString(refused) + ",{}]}");
-  binder.SetProperty(2, nullptr, nullptr);
-  binder.GetProperty(2, nullptr, g_object_class_find_property(klass, "flags"));
+  binder.Unbind(namesake);
+  binder.Bind(other);
+  EXPECT_EQ(PrintToString(binder), R"({"properties":[)" + PrintToString(second) + ",{}]}");
+}
+
+TEST_F(BinderTest, MoveLeavesTheSourceEmpty) {
+  const std::string before = PrintToString(binder);
+  const Binder moved(std::move(binder));
+  EXPECT_EQ(PrintToString(moved), before);
+  EXPECT_EQ(PrintToString(binder), R"({"properties":[]})");  // NOLINT(bugprone-use-after-move)
+}
+
+TEST_F(BinderTest, OtherParamSpecsAreIgnored) {
+  const Handle<GParamSpec> spec(g_param_spec_pointer("other", "", "", G_PARAM_READWRITE),
+                                [](gpointer unused) { g_param_spec_unref(G_PARAM_SPEC(unused)); });
+  for (GParamSpec* const ignored : {spec.get(), static_cast<GParamSpec*>(nullptr)}) {
+    binder.SetProperty(1, nullptr, ignored);
+    binder.GetProperty(1, nullptr, ignored);
+  }
+  EXPECT_EQ(first.GetValue(), 5);
+}
+
+TEST_F(BinderTest, UnknownIdentifiersAreRefused) {
   const std::string rest = " was larger than the number stored in the binder (2)";
-  EXPECT_EQ(ErrorOf<std::logic_error>([&] { binder.SetProperty(3, nullptr, nullptr); }),
-            "The identification number (3) of the GStreamer property to set" + rest);
-  EXPECT_EQ(ErrorOf<std::logic_error>([&] { binder.GetProperty(0, nullptr, nullptr); }),
-            "The identification number (0) of the GStreamer property to get" + rest);
+  EXPECT_THAT([&] { binder.SetProperty(3, nullptr, nullptr); },
+              ThrowsMessage<std::logic_error>("The identification number (3) of the GStreamer property to set" + rest));
+  EXPECT_THAT([&] { binder.GetProperty(0, nullptr, nullptr); },
+              ThrowsMessage<std::logic_error>("The identification number (0) of the GStreamer property to get" + rest));
 }
 
 }  // namespace mox::gstreamer::property
