@@ -1,5 +1,5 @@
-// Preloaded into the programs of the tests. The address sanitizer is to take no notice of the lists of log functions
-// that GStreamer has replaced and never frees, the first of which it makes as it comes up.
+// Preloaded into the test programs. Hides from the address sanitizer the lists of log functions that GStreamer replaces
+// and never frees.
 
 #include <gst/gst.h>
 
@@ -8,7 +8,7 @@
 #undef gst_debug_add_log_function
 #undef gst_debug_remove_log_function
 
-// Weak, for the shells that start some of the programs load this too.
+// Weak, because the shells that start some of the programs load this too.
 extern "C" [[gnu::weak]] void __lsan_disable();
 extern "C" [[gnu::weak]] void __lsan_enable();
 

@@ -1,11 +1,11 @@
-// What the sanitizers have to find: lost events, and a counter that main and GStreamer's thread change at once.
+// The faults that the sanitizers must report: leaked events, and a race of main with GStreamer's thread for a counter.
 
 #include <atomic>
 
 #include <gst/gst.h>
 
 static int counter = 0;
-// Tells main that the other has counted, without ordering anything else.
+// Set once the other thread has counted; orders nothing else.
 static std::atomic<bool> counted = false;
 
 static void Count(GstElement* /*element*/, gpointer /*data*/) {

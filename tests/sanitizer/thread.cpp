@@ -1,10 +1,10 @@
-// Preloaded into the programs of the tests. Tells the thread sanitizer of GLib's mutexes, futexes that it does not see.
+// Preloaded into the test programs. Reports GLib's mutexes to the thread sanitizer, which does not see futexes.
 
 #include <glib.h>
 
 #include <dlfcn.h>
 
-// Weak, for the shells that start some of the programs load this too.
+// Weak, because the shells that start some of the programs load this too.
 extern "C" [[gnu::weak]] void __tsan_acquire(void* address);
 extern "C" [[gnu::weak]] void __tsan_release(void* address);
 
