@@ -2,69 +2,150 @@
 
 #include "tests/gstreamer/live.h"
 
+#include <ctime>
+
+#include <gmock/gmock.h>
+
 namespace mox::gstreamer {
 namespace {
 
+using testing::ThrowsMessage;
+using namespace std::chrono_literals;
+
+constexpr auto kEosOrError = static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR);
+
+/** A bus with a callback that marks what has been read. */
 struct BusTest : live::Test {
+  void Post(GstMessageType type) { gst_bus_post(raw.Get(), gst_message_new_custom(type, nullptr, nullptr)); }
+
+  /** Binds a callback that notes its name. */
+  type::Binding Bind(GstMessageType type, const char* name) {
+    return bus.Bind(type, [this, name](const GstMessage&) { calls += name; });
+  }
+
+  /** Waits until the reader has read what was posted and knows what is bound. */
+  void AwaitReader() {
+    const int before = marks;
+    Post(GST_MESSAGE_APPLICATION);
+    live::Await([&] { return marks > before; });
+  }
+
+  /** Returns the CPU time that the process takes in 300 ms in which nothing is posted. */
+  static std::chrono::microseconds TakeCpuTime() {
+    const std::clock_t before = std::clock();
+    std::promise<void>().get_future().wait_for(300ms);
+    return std::chrono::microseconds(std::clock() - before);
+  }
+
+  /** Expects that the function waits as long as a callback runs. */
+  void ExpectToWaitForTheCallback(const std::function<void()>& function) {
+    std::promise<void> running, end;
+    binding = bus.Bind(GST_MESSAGE_EOS, [&](const GstMessage&) {
+      running.set_value();
+      end.get_future().wait();
+    });
+    AwaitReader();
+    Post(GST_MESSAGE_EOS);
+    running.get_future().wait();
+    const auto waiting = std::async(std::launch::async, function);
+    EXPECT_EQ(waiting.wait_for(100ms), std::future_status::timeout);
+    end.set_value();
+    waiting.wait();
+  }
+
+  std::string calls;
+  std::atomic<int> marks = 0;
   Ptr<GstBus> raw{gst_bus_new()};
   Bus bus{Ptr<GstBus>(raw)};
+  type::Binding mark = bus.Bind(GST_MESSAGE_APPLICATION, [this](const GstMessage&) { ++marks; });
+  type::Binding binding;
 };
 
-TEST_F(BusTest, CallsWhatIsBoundToATypeInTheOrderOfTheSlots) {
-  std::string calls;
-  std::promise<void> end;
-  const auto bind = [&](int types, const char* name) {
-    return bus.Bind(static_cast<GstMessageType>(types), [&calls, name](const GstMessage&) { calls += name; });
-  };
-  auto first = bind(GST_MESSAGE_EOS, "first,");
-  const auto second = bind(GST_MESSAGE_EOS, "second,");
-  const auto error = bind(GST_MESSAGE_ERROR, "error,");
-  first.Release();
-  const auto third = bind(GST_MESSAGE_EOS, "third,");
-  const auto mark = bus.Bind(GST_MESSAGE_APPLICATION, [&](const GstMessage&) { end.set_value(); });
-  bind(GST_MESSAGE_EOS | GST_MESSAGE_ERROR, "combined,").Release();  // what shares its bits stays bound
-  const auto post = [&](auto type) { gst_bus_post(raw.Get(), gst_message_new_custom(type, nullptr, nullptr)); };
-  // The first is read whatever the reader waits for yet. Then it follows what is bound by now.
-  post(GST_MESSAGE_EOS);
-  for (int i = 0; i < 100000; ++i) {
-    post(GST_MESSAGE_TAG);
-  }
-  post(GST_MESSAGE_ERROR);
-  post(GST_MESSAGE_APPLICATION);
-  end.get_future().wait();
-  EXPECT_EQ(calls, "third,second,error,");
+TEST_F(BusTest, CallbacksOfTheExactTypeRun) {
+  const auto eos = Bind(GST_MESSAGE_EOS, "eos ");
+  const auto error = Bind(GST_MESSAGE_ERROR, "error ");
+  const auto either = Bind(kEosOrError, "either ");
+  AwaitReader();
+  Post(GST_MESSAGE_ERROR);
+  Post(GST_MESSAGE_TAG);
+  Post(GST_MESSAGE_EOS);
+  AwaitReader();
+  EXPECT_EQ(calls, "error eos ");
 }
 
-TEST_F(BusTest, RefusesAndWaitsForTheCallbackThatRuns) {
-  EXPECT_EQ(live::ErrorOf<std::invalid_argument>([] { Bus{Ptr<GstBus>()}; }), "Cannot read a bus that is null");
-  EXPECT_EQ(live::ErrorOf<std::logic_error>([&] { bus.Bind(GST_MESSAGE_EXTENDED, nullptr); }),
-            "Cannot register types exceeding GST_MESSAGE_EXTENDED");
-  EXPECT_EQ(live::ErrorOf<std::invalid_argument>([&] { bus.Bind(GST_MESSAGE_EOS, nullptr); }),
-            "Cannot insert invalid functions into the Callbacks");
-  std::promise<void> running;
-  std::promise<void> go;
-  auto binding = bus.Bind(GST_MESSAGE_EOS, [&](const GstMessage&) {
-    running.set_value();
-    go.get_future().wait();
-  });
-  auto inner = std::make_shared<type::Binding>(bus.Bind(GST_MESSAGE_EOS, [](const GstMessage&) {}));
-  bus.Bind(GST_MESSAGE_EOS, [owned = std::move(inner)](const GstMessage&) {}).Release();
-  const auto outliving = bus.Bind(GST_MESSAGE_EOS, [](const GstMessage&) {});
-  Bus moved{Ptr<GstBus>(raw)};
-  moved = std::move(bus);
-  EXPECT_EQ(&std::as_const(moved).Get(), &moved.Get());
-  gst_bus_post(raw.Get(), gst_message_new_eos(nullptr));
-  running.get_future().wait();
-  {
-    const auto releasing = std::async(std::launch::async, [&] { binding.Release(); });
-    EXPECT_EQ(releasing.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    const auto destroying = std::async(std::launch::async, [&] { const Bus gone(std::move(moved)); });
-    EXPECT_EQ(destroying.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    go.set_value();
+TEST_F(BusTest, FirstFreeSlotIsUsedFirst) {
+  auto first = Bind(GST_MESSAGE_EOS, "first ");
+  auto second = Bind(GST_MESSAGE_EOS, "second ");
+  const auto third = Bind(GST_MESSAGE_EOS, "third ");
+  first.Release();
+  second.Release();
+  const auto fourth = Bind(GST_MESSAGE_EOS, "fourth ");
+  const auto fifth = Bind(GST_MESSAGE_EOS, "fifth ");
+  AwaitReader();
+  Post(GST_MESSAGE_EOS);
+  AwaitReader();
+  EXPECT_EQ(calls, "fourth fifth third ");
+}
+
+TEST_F(BusTest, ReleaseKeepsWhatSharesTheTypeOrItsBits) {
+  const auto eos = Bind(GST_MESSAGE_EOS, "eos ");
+  Bind(GST_MESSAGE_EOS, "released ").Release();
+  Bind(kEosOrError, "either ").Release();
+  AwaitReader();
+  Post(GST_MESSAGE_EOS);
+  AwaitReader();
+  EXPECT_EQ(calls, "eos ");
+}
+
+TEST_F(BusTest, UnboundBusIsLeftAlone) {
+  mark.Release();
+  Post(GST_MESSAGE_APPLICATION);  // may be read by a wait that began before
+  Post(GST_MESSAGE_APPLICATION);
+  EXPECT_LT(TakeCpuTime(), 10ms);
+  EXPECT_TRUE(gst_bus_have_pending(raw.Get()));
+}
+
+TEST_F(BusTest, ReaderSleepsWhileNothingIsPosted) {
+  AwaitReader();
+  EXPECT_LT(TakeCpuTime(), 10ms);
+}
+
+TEST_F(BusTest, RefusesExtendedTypesEmptyCallbacksAndNoBus) {
+  for (const auto type : {GST_MESSAGE_EXTENDED, GST_MESSAGE_DEVICE_ADDED, GST_MESSAGE_ANY}) {
+    EXPECT_THAT([&] { Bind(type, ""); },
+                ThrowsMessage<std::logic_error>("Cannot register types exceeding GST_MESSAGE_EXTENDED"));
   }
-  type::Binding([](unsigned) { throw std::runtime_error("nobody hears of it"); }, 0);
+  EXPECT_THAT([&] { bus.Bind(GST_MESSAGE_EOS, nullptr); },
+              ThrowsMessage<std::invalid_argument>("Cannot insert invalid functions into the Callbacks"));
+  EXPECT_THAT([] { Bus{Ptr<GstBus>()}; }, ThrowsMessage<std::invalid_argument>("Cannot read a bus that is null"));
+}
+
+TEST_F(BusTest, ReleaseWaitsForTheCallback) {
+  ExpectToWaitForTheCallback([&] { binding.Release(); });
+}
+
+TEST_F(BusTest, MoveAssignmentStopsTheReaderAndWaitsForTheCallback) {
+  ExpectToWaitForTheCallback([&] { bus = Bus(Ptr<GstBus>(gst_bus_new())); });
   EXPECT_EQ(live::References(raw), 1);
-  EXPECT_EQ(live::ErrorOf<std::logic_error>([&] { bus.Get(); }), "Pimpl is null");
+}
+
+TEST_F(BusTest, CallbackMayOwnABinding) {
+  auto inner = std::make_shared<type::Binding>(Bind(GST_MESSAGE_EOS, "inner "));
+  bus.Bind(GST_MESSAGE_EOS, [owned = std::move(inner)](const GstMessage&) {}).Release();
+  AwaitReader();
+  Post(GST_MESSAGE_EOS);
+  AwaitReader();
+  EXPECT_EQ(calls, "");
+}
+
+TEST_F(BusTest, MovedFromBusThrows) {
+  Bus moved(std::move(bus));
+  EXPECT_EQ(&moved.Get(), raw.Get());
+  EXPECT_EQ(&std::as_const(moved).Get(), raw.Get());
+  const auto is_thrown = ThrowsMessage<std::logic_error>("Pimpl is null");
+  EXPECT_THAT([&] { bus.Get(); }, is_thrown);  // NOLINT(bugprone-use-after-move)
+  EXPECT_THAT([&] { std::as_const(bus).Get(); }, is_thrown);
+  EXPECT_THAT([&] { Bind(GST_MESSAGE_EOS, ""); }, is_thrown);
 }
 
 }  // namespace
