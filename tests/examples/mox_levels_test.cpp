@@ -17,9 +17,9 @@ constexpr int kHeight = 5;
 Bytes ChangeLevels(const GstVideoInfo& info, Bytes frame) {
   const int components = GST_VIDEO_INFO_IS_RGB(&info) ? 3 : 1;
   for (int component = 0; component < components; ++component) {
+    guint8* const first = frame.data() + GST_VIDEO_INFO_COMP_OFFSET(&info, component);
     for (int pixel = 0; pixel < kWidth * kHeight; ++pixel) {
-      guint8& level = frame[GST_VIDEO_INFO_COMP_OFFSET(&info, component) +
-                            GST_VIDEO_INFO_COMP_STRIDE(&info, component) * (pixel / kWidth) +
+      guint8& level = first[GST_VIDEO_INFO_COMP_STRIDE(&info, component) * (pixel / kWidth) +
                             GST_VIDEO_INFO_COMP_PSTRIDE(&info, component) * (pixel % kWidth)];
       const double light = std::fmin(std::fmax((1.5 * level - 20) / 255, 0), 1);
       level = static_cast<guint8>(std::floor(255 * std::pow(light, 1 / 2.2) + 0.5));

@@ -112,7 +112,7 @@ TEST_F(Context, MissingFieldIsAnEmptyValue) {
   EXPECT_FALSE(G_IS_VALUE(&context::GetValue(*check::context::Make("type", ""), "none").GetValue()));
 }
 
-TEST_F(Context, SharedOneAndEmptyValuesAreRefused) {
+TEST_F(Context, SharedContextIsRefusedBeforeAnEmptyValue) {
   const auto context = check::context::Make("type", "");
   EXPECT_THAT([&] { context::SetValue(*context, "key", {}); },
               ThrowsMessage<std::invalid_argument>("Could not set the value because it is empty"));

@@ -35,7 +35,9 @@ TEST_F(SessionTest, GstDebugIsKept) {
   EXPECT_EQ(gst_debug_get_default_threshold(), GST_LEVEL_ERROR);
 }
 
-/** Logs a number at a line of a file. */
+constexpr auto kLine = " mox.gstreamer.session: [file.c:-7 (function)] GObject Type: ";
+
+/** Logs a number from a line of a file. */
 void Log(int level, gpointer object, const char* format) {
   gst_debug_log(GST_CAT_DEFAULT, static_cast<GstDebugLevel>(level), "file.c", "function", -7, G_OBJECT(object), format,
                 5);
@@ -54,8 +56,7 @@ TEST_F(SessionTest, LevelsAreMapped) {
   const std::size_t before = capture.GetLines().size();
   for (const auto& row : rows) {
     Log(row.level, nullptr, "%d%%");
-    EXPECT_EQ(capture.GetLines().back(),
-              row.written + std::string(" mox.gstreamer.session: [file.c:-7 (function)] GObject Type: Unknown: 5%"));
+    EXPECT_EQ(capture.GetLines().back(), row.written + std::string(kLine) + "Unknown: 5%");
   }
   EXPECT_EQ(capture.GetLines().size(), before + std::size(rows));
 }
@@ -63,16 +64,13 @@ TEST_F(SessionTest, LevelsAreMapped) {
 TEST_F(SessionTest, ObjectsAreNamedByTheirType) {
   const Session session;
   Log(GST_LEVEL_ERROR, gst_registry_get(), "%d%%");
-  EXPECT_EQ(capture.GetLines().back(),
-            "error mox.gstreamer.session: [file.c:-7 (function)] GObject Type: GstRegistry: 5%");
+  EXPECT_EQ(capture.GetLines().back(), std::string("error") + kLine + "GstRegistry: 5%");
 }
 
 TEST_F(SessionTest, TextThatCannotBeFormattedIsToldSo) {
   const Session session;
   Log(GST_LEVEL_ERROR, nullptr, "%d%");
-  EXPECT_EQ(capture.GetLines().back(),
-            "error mox.gstreamer.session: [file.c:-7 (function)] GObject Type: Unknown: gst_debug_message_get returned "
-            "NULL");
+  EXPECT_EQ(capture.GetLines().back(), std::string("error") + kLine + "Unknown: gst_debug_message_get returned NULL");
 }
 
 struct Decoder {

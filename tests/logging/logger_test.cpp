@@ -73,6 +73,7 @@ TEST(Logger, OnlyErrorsAreFlushed) {
   EXPECT_THAT(capture.GetLines(), IsEmpty());
   Log.Log(Level::Error, "flushed");
   EXPECT_THAT(capture.GetLines(), ElementsAre("warning mox.test: buffered", "error mox.test: flushed"));
+  std::setvbuf(stderr, nullptr, _IONBF, 0);
 }
 
 TEST(Logger, RecordHasTheTimeInUtcAndTheNameGiven) {
