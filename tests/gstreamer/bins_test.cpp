@@ -14,6 +14,11 @@
 #include <gmock/gmock.h>
 
 namespace mox::gstreamer {
+
+// Handles of opaque types compile.
+template class Ptr<GstTocEntry>;
+template class Ptr<GstDeviceProviderFactory>;
+
 namespace {
 
 using namespace live;  // NOLINT(google-build-using-namespace)
@@ -41,19 +46,11 @@ TEST_F(Handle, CountsReferencesAndNeverSinks) {
   EXPECT_TRUE(g_object_is_floating(bin.Get()));
 }
 
-struct Base {
-  GstMiniObject object;
-};
 struct Derived {
-  Base base;
+  GstEvent base;
   int more;
 };
 static_assert(StartsWithMiniObject<Derived>::value);
-
-TEST_F(Handle, MayBeOfAnOpaqueType) {
-  EXPECT_FALSE(Ptr<GstTocEntry>());
-  EXPECT_FALSE(Ptr<GstDeviceProviderFactory>());
-}
 
 TEST_F(Handle, CastRefusesOtherTypes) {
   const auto identity = Make("identity");

@@ -37,28 +37,11 @@ struct BusTest : live::Test {
     return std::chrono::microseconds(std::clock() - before);
   }
 
-  /** Expects that the function waits as long as a callback runs. */
-  void ExpectToWaitForTheCallback(const std::function<void()>& function) {
-    std::promise<void> running, end;
-    binding = bus.Bind(GST_MESSAGE_EOS, [&](const GstMessage&) {
-      running.set_value();
-      end.get_future().wait();
-    });
-    AwaitReader();
-    Post(GST_MESSAGE_EOS);
-    running.get_future().wait();
-    const auto waiting = std::async(std::launch::async, function);
-    EXPECT_EQ(waiting.wait_for(100ms), std::future_status::timeout);
-    end.set_value();
-    waiting.wait();
-  }
-
   std::string calls;
   std::atomic<int> marks = 0;
   Ptr<GstBus> raw{gst_bus_new()};
   Bus bus{Ptr<GstBus>(raw)};
   type::Binding mark = bus.Bind(GST_MESSAGE_APPLICATION, [this](const GstMessage&) { ++marks; });
-  type::Binding binding;
 };
 
 TEST_F(BusTest, CallbacksOfTheExactTypeRun) {
@@ -120,12 +103,22 @@ TEST_F(BusTest, RefusesExtendedTypesEmptyCallbacksAndNoBus) {
   EXPECT_THAT([] { Bus{Ptr<GstBus>()}; }, ThrowsMessage<std::invalid_argument>("Cannot read a bus that is null"));
 }
 
-TEST_F(BusTest, ReleaseWaitsForTheCallback) {
-  ExpectToWaitForTheCallback([&] { binding.Release(); });
-}
-
-TEST_F(BusTest, MoveAssignmentStopsTheReaderAndWaitsForTheCallback) {
-  ExpectToWaitForTheCallback([&] { bus = Bus(Ptr<GstBus>(gst_bus_new())); });
+TEST_F(BusTest, ReleaseAndDestructionWaitForTheCallback) {
+  std::promise<void> running, end;
+  auto binding = bus.Bind(GST_MESSAGE_EOS, [&](const GstMessage&) {
+    running.set_value();
+    end.get_future().wait();
+  });
+  AwaitReader();
+  Post(GST_MESSAGE_EOS);
+  running.get_future().wait();
+  const auto releasing = std::async(std::launch::async, [&] { binding.Release(); });
+  const auto destroying = std::async(std::launch::async, [&] { bus = Bus(Ptr<GstBus>(gst_bus_new())); });
+  EXPECT_EQ(releasing.wait_for(100ms), std::future_status::timeout);
+  EXPECT_EQ(destroying.wait_for(100ms), std::future_status::timeout);
+  end.set_value();
+  releasing.wait();
+  destroying.wait();
   EXPECT_EQ(live::References(raw), 1);
 }
 
