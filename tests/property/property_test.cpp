@@ -53,7 +53,7 @@ TEST(Property, IntegersTakeWholeNumbersOnly) {
 TEST(Property, DoublesTakeWhatTheyHoldAndFloatsRound) {
   EXPECT_EQ(Assign<double>(1L << 53), 0x1p53);
   EXPECT_EQ(Assign<double>((1L << 53) + 1), kRefused);
-  EXPECT_EQ(Assign<float>(0.1), 0.1F);
+  EXPECT_EQ(Assign<float>(-0.1), -0.1F);
   EXPECT_EQ(Assign<float>(1e39, {0, INFINITY}), kRefused);
 }
 
