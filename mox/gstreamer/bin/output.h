@@ -80,9 +80,9 @@ MOX_EXPORT void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> out
  * - Sinks end only while they play. If the pipeline is paused, the call waits until it plays.
  * - A flushing seek discards the EOS, which is sent again.
  *
- * Every output is detached, even if the call throws; unless one of the list is not attached, or refuses to stop.
+ * Every output is detached, even if the call throws; unless one of the list is not attached, or refuses to stop. A
+ * timeout of zero or less does not wait for the sinks.
  *
- * @param timeout how long to wait for the sinks; zero or less does not wait
  * @throws std::runtime_error "Cannot remove an output that has not been added to the bin"; nothing is changed
  * @throws std::runtime_error with the names of the outputs that have not ended in time: a sink that is stuck, an
  * element that drops EOS, a branch that has failed, an output without a sink

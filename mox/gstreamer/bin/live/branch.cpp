@@ -141,21 +141,8 @@ void Start(const Ptr<GstElement>& output) {
   Sync(*output);
 }
 
-// Starts a branch again whose output refused to stop. Returns false if it cannot run any more.
-bool Restart(const Branch& branch) noexcept {
-  try {
-    // The output first: in PAUSED it keeps a buffer, and the queue could not stop.
-    Start(branch.back());
-    check::element::SetNullState(*branch.front(), kElementError);
-    Sync(*branch.front());
-    return true;
-  } catch (...) {
-    return false;
-  }
-}
-
 // The probe that drops everything that the tee pushes to a branch. Otherwise the FLUSHING of a branch that stops would
-// end the whole stream. A branch that cannot run any more keeps it.
+// end the whole stream.
 constexpr auto kDrops = "mox-drops";
 
 void StartDropping(GstPad& pad) {
@@ -170,6 +157,20 @@ void StartDropping(GstPad& pad) {
 
 void StopDropping(GstPad& pad) {
   gst_pad_remove_probe(&pad, GPOINTER_TO_SIZE(g_object_steal_data(G_OBJECT(&pad), kDrops)));
+}
+
+// Starts a branch again whose output refused to stop. One that cannot run any more keeps the probe that drops.
+void Restart(GstPad& pad, const Branch& branch) noexcept try {
+  // Nothing may reach the pad before it stops dropping. Otherwise the stream's events, which the restarted queue needs
+  // again, are dropped too.
+  PadProbe blocked(pad, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+  blocked.GetFuture().wait();
+  // The output first: in PAUSED it keeps a buffer, and the queue could not stop.
+  Start(branch.back());
+  check::element::SetNullState(*branch.front(), kElementError);
+  Sync(*branch.front());
+  StopDropping(pad);
+} catch (...) {  // the caller raises why the output did not stop
 }
 
 // Unlinks a branch, if it is linked, and releases its request pad.
@@ -274,8 +275,10 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
       check::element::SetNullState(**element, kElementError);
     }
   } catch (...) {
-    if (runs || Restart(branch)) {
+    if (runs) {
       StopDropping(*pad);
+    } else {
+      Restart(*pad, branch);
     }
     throw;
   }
