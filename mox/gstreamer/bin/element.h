@@ -5,7 +5,7 @@
 
 #include <gst/gst.h>
 
-// What the bins do with their elements. Private to the library.
+// Operations of the bins on their elements. Private to the library.
 namespace mox::gstreamer::bin {
 
 inline constexpr auto kBinError = "Bin Error: ";

@@ -14,13 +14,13 @@
  */
 namespace mox::gstreamer::bin::input {
 
-/** Whether the bin holds "color_converter". Never throws. */
+/** Returns true if the bin contains "color_converter". Never throws. */
 MOX_EXPORT bool IsInitialized(GstBin& inputBin) noexcept;
 
 /** Adds the colour converter and the ghost pad to an empty bin. */
 MOX_EXPORT void Initialize(GstBin& inputBin);
 
-/** The element linked to the colour converter, or an empty handle. */
+/** Returns the element that is linked to the colour converter, or an empty handle. */
 MOX_EXPORT Ptr<GstElement> GetInput(GstBin& inputBin);
 
 /**

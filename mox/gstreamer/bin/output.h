@@ -21,34 +21,37 @@ struct Output {
 
 /**
  * The output bin of a pipeline: ghost pad "sink" → "output_tee" → for each output, a queue → the output element. While
- * there is no output the placeholder "dummy_output" hangs on the tee.
+ * there is no output, the placeholder "dummy_output" is linked to the tee.
  *
- * An output needs a sink pad that a queue links to by a plain element link, and a name unique within the bin. All
- * outputs share the same caps; one that needs caps of its own brings its own converter, as a bin. The functions lock
- * nothing and must not run at the same time on one output bin, but data may be flowing through it. They must not be
- * called from a streaming thread of the pipeline. A failing GStreamer call raises std::runtime_error.
+ * An output needs a sink pad that gst_element_link links to a queue, and a name that is unique in the bin. All outputs
+ * receive the same caps; an output that needs other caps is a bin with its own converter.
+ *
+ * The functions lock nothing and must not run at the same time on one output bin, but data may flow through it. They
+ * must not be called from a streaming thread of the pipeline. A failing GStreamer call raises std::runtime_error.
  */
 namespace mox::gstreamer::bin::output {
 
-/** Whether the bin holds "output_tee". Never throws. */
+/** Returns true if the bin contains "output_tee". Never throws. */
 MOX_EXPORT bool IsInitialized(GstBin& outputBin) noexcept;
 
 /** Adds the tee, the placeholder and the ghost pad to an empty bin. */
 MOX_EXPORT void Initialize(GstBin& outputBin);
 
-/** The attached branches in the order of the tee's source pads, which is the order of attaching. */
+/** Returns the attached branches in the order of attaching. */
 MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin);
 
 /**
- * Attaches each element as a new branch, in the order given, in the state of the bin. It starts with the first whole
- * frame; the others lose nothing. The first waits for the frame in the placeholder: if paused, until the bin plays.
+ * Attaches each element as a new branch, in the order given, and brings it to the state of the bin. The new output
+ * receives whole frames only, and the others lose nothing. The first output waits for the frame in the placeholder; in
+ * a paused bin, until it plays.
  *
- * If the new output accepts the caps that flow, the stream resumes once every output has finished its current frame. If
- * not, the stream renegotiates to caps that all accept, which waits like a change of the filters and loses no frame. An
- * output that shares no caps with the others, or needs a size that the input does not send, is refused.
+ * If the new output accepts the current caps, the stream resumes once every output has finished its current frame.
+ * Otherwise the stream renegotiates to caps that all accept. This waits as a change of the filters does, and loses no
+ * frame. An output that has no caps in common with the others, or needs a size that the input does not send, is
+ * refused.
  *
- * The elements before one that fails stay attached; the one that fails is left outside the bin, in NULL. If it was to
- * be the first output, there is neither output nor placeholder from then on, and no output can be attached any more.
+ * Elements listed before one that fails stay attached. The one that fails is outside the bin, in NULL. If it was to be
+ * the first output, neither output nor placeholder are left, and no output can be attached any more.
  *
  * @throws std::invalid_argument if one of the handles is empty; nothing is changed
  * @throws std::runtime_error if an element does not start, or cannot be linked to its queue or to the tee; or what
@@ -58,10 +61,9 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
 MOX_EXPORT void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs);
 
 /**
- * Detaches the branch of each element, in the order given. The element and its queue are stopped where they are,
- * without an EOS: frames still in the queue are dropped, and a recording has no end (see `FinishOutputs`). The other
- * branches lose nothing and do not wait, even if this one is slow or has not prerolled. The call waits until the
- * element has stopped.
+ * Detaches the branch of each element, in the order given. Stops the element and its queue without an EOS: frames in
+ * the queue are dropped, and a recording has no end (see `FinishOutputs`). The other branches lose nothing and do not
+ * wait, even if this one is slow or has not prerolled. The call waits until the element has stopped.
  *
  * @throws std::runtime_error "Cannot remove an output that has not been added to the bin", after those listed before
  * have been detached; or the error of an element that refuses to stop, which stays attached
@@ -70,13 +72,13 @@ MOX_EXPORT void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outpu
 MOX_EXPORT void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs);
 
 /**
- * Detaches the branch of each element as `EraseOutputs` does, but ends it first, so that a recording is whole: sends an
- * EOS behind what the queue holds and waits until every sink of the output has received it. The other branches lose
- * nothing and do not wait.
+ * Ends each branch, so that a recording is whole, then detaches it as `EraseOutputs` does. Sends an EOS after the last
+ * buffer in the queue, and waits until every sink of the output has received it. The other branches lose nothing and do
+ * not wait.
  *
  * - All outputs of the list receive their EOS at once, and share the timeout. They are detached in the order given.
  * - An output that is a bin has ended once it posts EOS: after all of its sinks, and all files of a splitmuxsink.
- * - A stopped pipeline, or a branch that no segment has reached, has nothing to end: it is detached at once.
+ * - A branch that no segment has reached, as in a stopped pipeline, has nothing to end and is detached at once.
  * - Sinks end only while they play. If the pipeline is paused, the call waits until it plays.
  * - A flushing seek discards the EOS, which is sent again.
  *

@@ -14,10 +14,10 @@
  */
 namespace mox::gstreamer::bin::pipeline {
 
-/** Whether all three bins are there and complete. Never throws. */
+/** Returns true if all three bins are there and complete. Never throws. */
 MOX_EXPORT bool IsInitialized(GstBin& pipeline) noexcept;
 
-/** Builds the skeleton in an empty pipeline. What was added before a failure stays. */
+/** Builds the skeleton in an empty pipeline. A failure leaves the bins that have been added. */
 MOX_EXPORT void Initialize(GstBin& pipeline);
 
 /** The three bins, borrowed from the pipeline that owns them. */

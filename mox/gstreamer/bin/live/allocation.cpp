@@ -16,10 +16,10 @@ namespace {
 
 constexpr auto kBuffers = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST);
 
-/** What the sink pad of a queue keeps. Used by the one streaming thread that reaches the pad. */
+/** Stored at the sink pad of a queue, and used by its streaming thread only. */
 struct Allocation {
   GstPadQueryFunction own;   ///< The query function of the queue itself.
-  bool was_refused = false;  ///< Whether a probe waits for the output bin to play.
+  bool was_refused = false;  ///< A probe waits for the output bin to play.
 };
 
 // Returns true if a bin around the queue does not play, or is about to stop playing: then an output may wait for

@@ -223,8 +223,7 @@ void Join(GstBin& outputBin, GstElement& tee, GstElement& first, bool is_placeho
       return;
     }
   }
-  // The stream renegotiates. What is inside the filters still has the old caps, and they would rather end the stream
-  // than push it where it is not accepted.
+  // The stream renegotiates. Buffers inside the filters have the old caps, which the new branch rejects, so drain them.
   RunDrained(*GST_BIN(filter_bin.Get()), {outputBin, first, link, [&] { Unlink(tee, first); }});
 }
 

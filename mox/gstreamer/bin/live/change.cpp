@@ -19,7 +19,7 @@ namespace {
 
 constexpr auto kStops = "mox-stops";
 
-/** What the thread that makes a change shares with probes, which may outlast it. */
+/** Shared by the thread that makes a change and its probes, whose callbacks may outlast it. */
 struct Shared {
   void End() {
     if (!has_ended.exchange(true)) {

@@ -46,7 +46,7 @@ void Await(GstBin& bin, const Future& future) {
 inline constexpr auto kIdleOrBlocked =
     static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
 
-/** What is done to a drained filter bin, or downstream of it. */
+/** A change of a drained filter bin, or of elements downstream of it. */
 struct Change {
   GstBin& changed;             ///< The bin whose stop ends the change.
   GstElement& named;           ///< Named if upstream cannot send the caps that it needs.

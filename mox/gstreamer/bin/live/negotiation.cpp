@@ -31,7 +31,7 @@ Ptr<GstPad> Unwrap(Ptr<GstPad> pad) {
 struct Pusher {
   GstTaskState state = GST_TASK_STOPPED;
   Ptr<GstPad> source;      ///< The pad that it pushes from.
-  bool is_source = false;  ///< Whether its element has no input.
+  bool is_source = false;  ///< Its element has no input.
 };
 
 // Stopped if an element upstream has several inputs, or if data comes from a thread of the program.
