@@ -140,5 +140,35 @@ TEST_F(BusTest, MovedFromBusThrows) {
   EXPECT_THROW(Bind(GST_MESSAGE_EOS, ""), std::logic_error);
 }
 
+/** A pipeline that plays clips one after the other. */
+struct PlaylistTest : live::Test {
+  static Ptr<GstElement> MakeClip() { return live::Parse("videotestsrc num-buffers=5"); }
+
+  /** Calls the function at each EOS, and plays until the third has come. */
+  void Play(const std::function<void()>& at_end) {
+    const auto on_end = stream.pipeline.GetBus().Bind(GST_MESSAGE_EOS, [&](const GstMessage&) {
+      at_end();
+      ++ends;
+    });
+    stream.pipeline.SetEnable(true);
+    live::Await([&] { return ends == 3; });
+  }
+
+  std::atomic<int> ends = 0;
+  live::Stream stream{MakeClip(), {}, false};
+};
+
+TEST_F(PlaylistTest, AnotherThreadReplacesTheInputAtEos) {
+  std::future<void> exchange;
+  Play([&] { exchange = std::async(std::launch::async, [this] { stream.pipeline.SetInput(MakeClip()); }); });
+  exchange.get();
+  EXPECT_GE(stream.watch.frames, 15U);
+}
+
+TEST_F(PlaylistTest, TheCallbackReplacesTheInputAtEos) {
+  Play([this] { stream.pipeline.SetInput(MakeClip()); });
+  EXPECT_GE(stream.watch.frames, 15U);
+}
+
 }  // namespace
 }  // namespace mox::gstreamer
