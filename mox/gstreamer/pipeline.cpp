@@ -128,7 +128,7 @@ class Pipeline::Impl {
 
   void SetInput(const Ptr<GstElement>& input) {
     const Lock lock(mutex_);
-    if (!input && state_ != State::Stopped) {
+    if (!input && GetState() != State::Stopped) {
       throw std::runtime_error("Cannot remove the input if the pipeline is not stopped");
     }
     const GstState target = GetTarget();
@@ -188,6 +188,7 @@ class Pipeline::Impl {
   }
 
   void SetState(bool enable) {
+    const Lock lock(state_mutex_);
     const State completing = enable ? State::Starting : State::Stopping;
     const State done = enable ? State::Playing : State::Stopped;
     if (enable == enable_ || state_ == completing || state_ == done) {
@@ -203,12 +204,12 @@ class Pipeline::Impl {
     enable_ = enable;
     start_failed_ = false;
     if (!enable) {
-      ForgetStreams();
+      stopped_at_ = gst_util_seqnum_next();
     }
   }
 
   void OnStreamStart(const GstMessage& message) {
-    const Lock lock(mutex_);
+    const Lock lock(state_mutex_);
     // Ignore a late message, which the reader popped before its stream was stopped, or while its start failed.
     const guint32 sent_at = gst_message_get_seqnum(const_cast<GstMessage*>(&message));
     if (enable_ || (gst_util_seqnum_compare(sent_at, stopped_at_) > 0 && !HasStartFailed())) {
@@ -218,12 +219,21 @@ class Pipeline::Impl {
 
   // Makes OnStreamStart ignore the streams up to now.
   void ForgetStreams() {
+    const Lock lock(state_mutex_);
     start_failed_ = false;
     stopped_at_ = gst_util_seqnum_next();
   }
 
   // Returns the state that this class or the program requested last.
-  GstState GetTarget() const { return HasStartFailed() ? GST_STATE_NULL : GST_STATE_TARGET(pipeline_.Get()); }
+  GstState GetTarget() {
+    const Lock lock(state_mutex_);
+    return HasStartFailed() ? GST_STATE_NULL : GST_STATE_TARGET(pipeline_.Get());
+  }
+
+  State GetState() {
+    const Lock lock(state_mutex_);
+    return state_;
+  }
 
   bool HasStartFailed() const { return start_failed_ && HasFailed(Element()); }
 
@@ -276,10 +286,12 @@ class Pipeline::Impl {
   type::Binding on_end_of_stream_;
   type::Binding on_error_;
   type::Binding on_latency_;
+  std::mutex mutex_;  // of all operations, even while they wait
+  // Of the members below. Separate, because the bus reader takes it: it would stop reading while an operation waits.
+  std::mutex state_mutex_;
   State state_ = State::Stopped;
-  std::atomic<bool> enable_ = false;  // a stop reads it without the lock
+  std::atomic<bool> enable_ = false;  // a stop reads it without a lock
   bool start_failed_ = false;
-  std::mutex mutex_;
   // The sequence number of the last stop. GStreamer numbers events and messages in one sequence.
   guint32 stopped_at_ = gst_util_seqnum_next();
 };
@@ -299,14 +311,10 @@ unsigned Pipeline::GetId() const {
   return Deref(impl_).id_;
 }
 Pipeline::State Pipeline::GetState() const {
-  Impl& impl = Deref(impl_);
-  const Impl::Lock lock(impl.mutex_);
-  return impl.state_;
+  return Deref(impl_).GetState();
 }
 bool Pipeline::GetEnable() const {
-  Impl& impl = Deref(impl_);
-  const Impl::Lock lock(impl.mutex_);
-  return impl.enable_;
+  return Deref(impl_).enable_;
 }
 Ptr<GstContext> Pipeline::GetContext() const {
   return Ptr<GstContext>(gst_element_get_context(GST_ELEMENT(Deref(impl_).pipeline_.Get()), kContextType));
@@ -329,12 +337,12 @@ std::vector<Ptr<GstElement>> Pipeline::GetFilters() const {
 }
 void Pipeline::AddFilters(std::vector<Ptr<GstElement>> filters) {
   const Impl::ChangeScope scope(Deref(impl_));
-  const auto add = impl_->state_ == State::Stopped ? bin::filter::AddFilters : bin::filter::BlockAddFilters;
+  const auto add = impl_->GetState() == State::Stopped ? bin::filter::AddFilters : bin::filter::BlockAddFilters;
   add(impl_->FilterBin(), std::move(filters));
 }
 void Pipeline::EraseFilters(std::vector<Ptr<GstElement>> filters) {
   const Impl::ChangeScope scope(Deref(impl_));
-  const auto erase = impl_->state_ == State::Stopped ? bin::filter::EraseFilters : bin::filter::BlockEraseFilters;
+  const auto erase = impl_->GetState() == State::Stopped ? bin::filter::EraseFilters : bin::filter::BlockEraseFilters;
   erase(impl_->FilterBin(), std::move(filters));
 }
 std::vector<pipeline::Output> Pipeline::GetOutputs() const {

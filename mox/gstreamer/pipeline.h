@@ -25,9 +25,10 @@ namespace mox::gstreamer {
  * stream-start messages. It always uses the system clock, because an element that provides a clock may be removed.
  *
  * Every operation may be called from any thread except the pipeline's streaming threads. Operations on one pipeline run
- * one after the other: each waits for the previous one, even if that waits for data. `Get`, `GetId`, `GetBus` and
- * `GetContext` do not wait, and `SetEnable(false)` ends a change of filters or outputs that waits. A pipeline must not
- * be destroyed during a call. Destroy several pipelines in parallel, because each takes up to 500 ms.
+ * one after the other: each waits for the previous one, even if that waits for data. `Get`, `GetId`, `GetState`,
+ * `GetEnable`, `GetContext` and `GetBus` do not wait for it, and `SetEnable(false)` ends a change of filters or outputs
+ * that waits, in a pipeline that `SetEnable(true)` has started. A pipeline must not be destroyed during a call. Destroy
+ * several pipelines in parallel, because each takes up to 500 ms.
  *
  * Elements are shared: the caller keeps its handles. A floating element that is refused has no other owner, and is gone
  * with the caller's handle.
@@ -115,8 +116,8 @@ class MOX_EXPORT Pipeline {
   void EraseOutputs(std::vector<Ptr<GstElement>> outputs);
 
   /**
-   * `bin::output::FinishOutputs`, in every state. Video plays on meanwhile, but other operations wait, except
-   * `SetEnable(false)`, which ends the call.
+   * `bin::output::FinishOutputs`, in every state. Video plays on meanwhile, but other operations wait.
+   * `SetEnable(false)` ends the call.
    */
   void FinishOutputs(std::vector<Ptr<GstElement>> outputs, std::chrono::nanoseconds timeout);
 
@@ -140,7 +141,8 @@ class MOX_EXPORT Pipeline {
    *
    * Stopping waits for every element to stop. It discards data on its way and sends the outputs no EOS, so end
    * recordings with `FinishOutputs` first. A change of filters or outputs that waits on another thread raises
-   * std::runtime_error, and changes nothing. Stopping waits for an exchange of the input.
+   * std::runtime_error, and changes nothing; `FinishOutputs` detaches its outputs. Stopping waits for an exchange of
+   * the input.
    *
    * @throws std::logic_error if it is to start without an input
    * @throws std::runtime_error if an element refuses; state and enable stay as they were

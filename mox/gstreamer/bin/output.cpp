@@ -30,18 +30,32 @@ Ptr<GstElement> MakeDummy() {
   return check::element::Make("fakesink", kDummy, kElementError);
 }
 
+void AttachDummy(GstBin& outputBin, GstElement& tee) {
+  if (!Holds(outputBin, kDummy)) {
+    live::Attach(outputBin, tee, {MakeDummy()});
+  }
+}
+
+void DetachDummy(GstBin& outputBin, GstElement& tee) {
+  live::Detach(outputBin, tee, {check::bin::GetElement(outputBin, kDummy, kBinError)});
+}
+
 void AddOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element) {
   const bool is_first = GetOutputs(outputBin).empty();
   if (is_first) {
-    live::Detach(outputBin, tee, {check::bin::GetElement(outputBin, kDummy, kBinError)});
+    DetachDummy(outputBin, tee);
   }
   try {
     live::Attach(outputBin, tee, {check::element::Make("queue", nullptr, kElementError), element});
   } catch (const live::Stopped&) {
     if (is_first) {
-      live::Attach(outputBin, tee, {MakeDummy()});
+      AttachDummy(outputBin, tee);
     }
     throw;
+  }
+  // The placeholder is still there if the last output refused to stop after it was finished.
+  if (Holds(outputBin, kDummy)) {
+    DetachDummy(outputBin, tee);
   }
 }
 
@@ -60,8 +74,8 @@ live::Branch Take(std::vector<gstreamer::pipeline::Output>& outputs, const Ptr<G
 void EraseOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element) {
   auto outputs = GetOutputs(outputBin);
   live::Detach(outputBin, tee, Take(outputs, element));
-  if (outputs.empty() && !Holds(outputBin, kDummy)) {
-    live::Attach(outputBin, tee, {MakeDummy()});
+  if (outputs.empty()) {
+    AttachDummy(outputBin, tee);
   }
 }
 
@@ -87,6 +101,29 @@ class FirstError {
 
  private:
   std::exception_ptr error_;
+};
+
+// A sink without EOS. It keeps the output bin from posting EOS while outputs end one after the other, and from dropping
+// the EOS messages of its outputs once all have ended. If all others have ended, its removal lets the bin post EOS.
+class EndlessSink {
+ public:
+  explicit EndlessSink(GstBin& outputBin)
+      : bin_(outputBin), sink_(check::element::Make("fakesink", "endless_output", kElementError)) {
+    g_object_set(sink_.Get(), "async", FALSE, nullptr);
+    const StateLock lock(*GST_ELEMENT(&bin_));
+    Add(bin_, sink_);
+    Sync(*sink_);
+  }
+  EndlessSink(const EndlessSink&) = delete;
+  EndlessSink& operator=(const EndlessSink&) = delete;
+  ~EndlessSink() {
+    const StateLock lock(*GST_ELEMENT(&bin_));
+    TakeOut(bin_, *sink_);
+  }
+
+ private:
+  GstBin& bin_;
+  Ptr<GstElement> sink_;
 };
 
 void CheckFinished(const live::Branch& failed) {
@@ -163,9 +200,9 @@ void FinishOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs, std:
   for (const auto& element : outputs) {
     branches.push_back(Take(others, element));
   }
-  // Without another sink the output bin would post EOS, although the stream goes on.
-  if (others.empty() && !Holds(outputBin, kDummy)) {
-    live::Attach(outputBin, *tee, {MakeDummy()});
+  const EndlessSink endless(outputBin);
+  if (others.empty()) {
+    AttachDummy(outputBin, *tee);
   }
 
   FirstError error;

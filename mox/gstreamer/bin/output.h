@@ -77,19 +77,21 @@ MOX_EXPORT void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> out
  * not wait.
  *
  * - All outputs of the list receive their EOS at once, and share the timeout. They are detached in the order given.
- * - An output that is a bin has ended once it posts EOS: after all of its sinks, and all files of a splitmuxsink.
- * - A branch that no segment has reached, as in a stopped pipeline, has nothing to end and is detached at once.
- * - Sinks end only while they play. If the pipeline is paused, the call waits until it plays.
+ * - An output that is a bin has ended once it posts EOS: after all of its sinks, and all files of a splitmuxsink. If it
+ *   contains sources, they receive an EOS too.
+ * - A branch that no caps have reached, as in a stopped pipeline, has nothing to end and is detached at once.
+ * - Sinks end only while they play. If the pipeline is paused, the call waits until it plays or the timeout ends.
  * - A flushing seek discards the EOS, which is sent again.
  *
- * Every output is detached, even if the call throws; unless one of the list is not attached, or refuses to stop. A
- * timeout of zero or less does not wait for the sinks.
+ * Every output is detached, even if the call throws; unless one of the list is not attached, or refuses to stop. The
+ * timeout does not include the time that elements take to stop. A timeout of zero or less does not wait for the sinks.
  *
  * @throws std::runtime_error "Cannot remove an output that has not been added to the bin"; nothing is changed
  * @throws std::runtime_error with the names of the outputs that have not ended in time: a sink that is stuck, an
  * element that drops EOS, a branch that has failed, an output without a sink
  * @throws std::runtime_error "Cannot finish the outputs because the pipeline is being stopped"
- * @throws std::runtime_error if an element refuses to stop; it stays attached
+ * @throws std::runtime_error if an element refuses to stop. It stays attached and runs again, so that a file sink may
+ * overwrite its file
  */
 MOX_EXPORT void FinishOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs,
                               std::chrono::nanoseconds timeout);

@@ -22,6 +22,15 @@ struct Allocation {
   bool was_refused = false;  ///< A probe waits for the output bin to play.
 };
 
+// Returns true if the queue, or the output around it, is cut off, so that the output may never be idle.
+bool IsInsideCutOff(GstElement& queue) noexcept {
+  Ptr<GstObject> object(GST_OBJECT(gst_object_ref(&queue)));
+  while (object && g_object_get_data(G_OBJECT(object.Get()), kCutOff) == nullptr) {
+    object = Ptr<GstObject>(gst_object_get_parent(object.Get()));
+  }
+  return static_cast<bool>(object);
+}
+
 // Returns true if a bin around the queue does not play, or is about to stop playing: then an output may wait for
 // preroll.
 bool MayPreroll(GstElement& queue) noexcept {
@@ -52,6 +61,9 @@ gboolean Answer(GstPad& sink, GstElement& queue, GstQuery& query) {
   const auto is_idle = idle.GetFuture();
   // A pause or a flush may take a playing output back to its preroll, so the state is checked again and again.
   for (auto wait = std::chrono::milliseconds(0); is_idle.wait_for(wait) != std::future_status::ready; wait = kSlice) {
+    if (IsInsideCutOff(queue)) {
+      return FALSE;
+    }
     if (MayPreroll(queue)) {
       if (!std::exchange(static_cast<Allocation*>(sink.querydata)->was_refused, true)) {
         gst_pad_add_probe(&sink, kBuffers, OnBuffer, &queue, nullptr);

@@ -14,6 +14,9 @@ namespace mox::gstreamer::bin::live {
  */
 void LetAllocationOvertake(GstElement& queue);
 
+/** Set on the elements of a branch that is cut off: allocation queries inside of it are refused at once. */
+inline constexpr auto kCutOff = "mox-cut-off";
+
 }  // namespace mox::gstreamer::bin::live
 
 #endif

@@ -12,6 +12,7 @@
 #include "mox/gstreamer/pad_probe.h"
 
 #include <algorithm>
+#include <functional>
 #include <optional>
 #include <string_view>
 #include <thread>
@@ -94,14 +95,21 @@ class UnlimitedQueue {
   guint64 time_ = 0;
 };
 
-// Waits until nothing is passing the pad of the tee that leads to the branch.
-void WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch) {
+// Waits until nothing is passing the pad of the tee that leads to the branch. Returns false if that takes too long.
+bool WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch, const std::function<bool()>& isLate) {
   std::optional<UnlimitedQueue> unlimited;
   if (branch.size() > 1) {
     unlimited.emplace(*branch.front());
   }
   PadProbe idle(pad, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
-  Await(outputBin, idle.GetFuture());
+  const auto is_idle = idle.GetFuture();
+  while (is_idle.wait_for(kSlice) != std::future_status::ready) {
+    CheckStop(outputBin);
+    if (isLate()) {
+      return false;
+    }
+  }
+  return true;
 }
 
 // Returns the elements of an output: itself, or what is inside of it if it is a bin.
@@ -141,35 +149,50 @@ void Start(const Ptr<GstElement>& output) {
   Sync(*output);
 }
 
-// The probe that drops everything that the tee pushes to a branch. Otherwise the FLUSHING of a branch that stops would
-// end the whole stream.
-constexpr auto kDrops = "mox-drops";
+// The probe at the tee's pad that cuts a branch off. It drops everything, because the FLUSHING of a branch that stops
+// would end the whole stream, and refuses queries, because a sink that is stuck would never answer.
+constexpr auto kCutOffProbe = "mox-cut-off-probe";
 
-void StartDropping(GstPad& pad) {
-  if (g_object_get_data(G_OBJECT(&pad), kDrops) == nullptr) {
+void CutOff(GstPad& pad, const Branch& branch) {
+  if (g_object_get_data(G_OBJECT(&pad), kCutOffProbe) == nullptr) {
     const auto drop = [](GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*data*/) noexcept {
       return GST_PAD_PROBE_DROP;
     };
-    const gulong id = gst_pad_add_probe(&pad, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, drop, nullptr, nullptr);
-    g_object_set_data(G_OBJECT(&pad), kDrops, GSIZE_TO_POINTER(id));
+    constexpr auto items =
+        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM | GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM);
+    const gulong id = gst_pad_add_probe(&pad, items, drop, nullptr, nullptr);
+    g_object_set_data(G_OBJECT(&pad), kCutOffProbe, GSIZE_TO_POINTER(id));
+  }
+  for (const auto& element : branch) {
+    g_object_set_data(G_OBJECT(element.Get()), kCutOff, element.Get());
   }
 }
 
-void StopDropping(GstPad& pad) {
-  gst_pad_remove_probe(&pad, GPOINTER_TO_SIZE(g_object_steal_data(G_OBJECT(&pad), kDrops)));
+void Reconnect(GstPad& pad, const Branch& branch) {
+  for (const auto& element : branch) {
+    g_object_set_data(G_OBJECT(element.Get()), kCutOff, nullptr);
+  }
+  gst_pad_remove_probe(&pad, GPOINTER_TO_SIZE(g_object_steal_data(G_OBJECT(&pad), kCutOffProbe)));
 }
 
-// Starts a branch again whose output refused to stop. One that cannot run any more keeps the probe that drops.
+// Starts a branch again whose output refused to stop. One that cannot run any more stays cut off.
 void Restart(GstPad& pad, const Branch& branch) noexcept try {
-  // Nothing may reach the pad before it stops dropping. Otherwise the stream's events, which the restarted queue needs
-  // again, are dropped too.
+  // Nothing may reach the pad before it is reconnected. Otherwise the stream's events, which the restarted queue needs
+  // again, are dropped.
   PadProbe blocked(pad, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
   blocked.GetFuture().wait();
+  const NoPreroll no_preroll(branch.back());
   // The output first: in PAUSED it keeps a buffer, and the queue could not stop.
-  Start(branch.back());
+  Sync(*branch.back());
   check::element::SetNullState(*branch.front(), kElementError);
+  // An output that has received EOS rejects everything until a flush.
+  const auto sink = check::pad::GetPeer(*check::element::GetPad(*branch.front(), "src", kElementError), kPadError);
+  if (GST_PAD_IS_EOS(sink.Get())) {
+    gst_pad_send_event(sink.Get(), gst_event_new_flush_start());
+    gst_pad_send_event(sink.Get(), gst_event_new_flush_stop(FALSE));
+  }
   Sync(*branch.front());
-  StopDropping(pad);
+  Reconnect(pad, branch);
 } catch (...) {  // the caller raises why the output did not stop
 }
 
@@ -181,22 +204,59 @@ void Unlink(GstElement& tee, GstElement& first) {
   }
 }
 
-// Sends the branch an EOS, unless it has one. Returns false if the branch has failed. A flush discards the EOS.
+// Sends a branch an EOS, unless it has one. Returns false if the branch has failed. A flush discards the EOS, and a
+// query in the queue keeps it out, so this is repeated.
 bool SendEos(GstPad& sink) {
-  return GST_PAD_IS_EOS(&sink) || gst_pad_send_event(&sink, check::event::MakeEos("Event Error: ").Ref()) ||
-         GST_PAD_IS_FLUSHING(&sink);
+  if (GST_PAD_IS_EOS(&sink) || !GST_PAD_STREAM_TRYLOCK(&sink)) {
+    return true;
+  }
+  const bool accepted = gst_pad_send_event(&sink, check::event::MakeEos("Event Error: ").Ref());
+  GST_PAD_STREAM_UNLOCK(&sink);
+  return accepted || GST_PAD_IS_FLUSHING(&sink);
 }
 
-// Returns true if the output has posted EOS. Its bin keeps the message until the next change to PLAYING.
-bool HasPostedEos(GstBin& outputBin, GstElement& output) {
+// Returns the EOS message that an output has posted. Its bin stores it until the next change to PLAYING, or until all
+// of the bin's sinks have ended.
+Ptr<GstMessage> FindEos(GstBin& outputBin, GstElement& output) {
   const auto is_eos = [](gconstpointer message, gconstpointer source) noexcept -> gint {
     return GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS && GST_MESSAGE_SRC(message) == source ? 0 : 1;
   };
   GST_OBJECT_LOCK(&outputBin);
-  const bool found = g_list_find_custom(outputBin.messages, &output, is_eos) != nullptr;
+  const GList* const found = g_list_find_custom(outputBin.messages, &output, is_eos);
+  Ptr<GstMessage> message(found != nullptr ? gst_message_ref(GST_MESSAGE(found->data)) : nullptr);
   GST_OBJECT_UNLOCK(&outputBin);
-  return found;
+  return message;
 }
+
+// Returns true if every sink of the output has an EOS.
+bool AreSinksAtEos(const Ptr<GstElement>& output) {
+  const auto elements = GetElements(output);
+  return std::all_of(elements.begin(), elements.end(), [](const Ptr<GstElement>& element) {
+    const bool is_sink = GST_OBJECT_FLAG_IS_SET(element.Get(), GST_ELEMENT_FLAG_SINK) && !GST_IS_BIN(element.Get());
+    const auto pads =
+        is_sink ? Collect<GstPad>(gst_element_iterate_sink_pads(element.Get())) : std::vector<Ptr<GstPad>>();
+    return std::all_of(pads.begin(), pads.end(), [](const Ptr<GstPad>& pad) { return GST_PAD_IS_EOS(pad.Get()); });
+  });
+}
+
+/** A branch on its way to the end. */
+struct Ending {
+  enum class Progress { Running, Ended, Failed };
+
+  Progress Check(GstBin& outputBin) const {
+    if (!SendEos(*sink)) {
+      return Progress::Failed;
+    }
+    const auto posted = FindEos(outputBin, *output);
+    const bool has_ended = (posted && posted != stale) || (had_eos && AreSinksAtEos(output));
+    return has_ended ? Progress::Ended : Progress::Running;
+  }
+
+  Ptr<GstElement> output;
+  Ptr<GstPad> sink;       ///< Of the queue.
+  bool had_eos;           ///< The stream has ended. The bin may have dropped the message already.
+  Ptr<GstMessage> stale;  ///< Posted at the end of an earlier stream.
+};
 
 // Returns the filter bin that feeds the output bin; empty if there is none, or at the end of the stream.
 Ptr<GstElement> GetFilterBin(GstBin& outputBin) {
@@ -265,9 +325,9 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
   const auto pad = check::pad::GetPeer(*GetSink(*branch.front()), kPadError);
   std::optional<StateLock> lock;
   bool runs = true;
-  StartDropping(*pad);
+  CutOff(*pad, branch);
   try {
-    WaitUntilIdle(outputBin, *pad, branch);
+    WaitUntilIdle(outputBin, *pad, branch, [] { return false; });
     lock.emplace(*GST_ELEMENT(&outputBin));
     runs = false;
     for (auto element = branch.rbegin(); element != branch.rend(); ++element) {
@@ -275,7 +335,7 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
     }
   } catch (...) {
     if (runs) {
-      StopDropping(*pad);
+      Reconnect(*pad, branch);
     } else {
       Restart(*pad, branch);
     }
@@ -287,40 +347,49 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
   Unlink(tee, *branch.front());
   for (auto element = branch.rbegin(); element != branch.rend(); ++element) {
     check::bin::RemoveElement(outputBin, **element, kBinError);
+    g_object_set_data(G_OBJECT(element->Get()), kCutOff, nullptr);
   }
 }
 
 Branch Finish(GstBin& outputBin, const std::vector<Branch>& branches, std::chrono::nanoseconds timeout) {
   const auto begin = std::chrono::steady_clock::now();
-  // All stop receiving before the first is waited for.
-  std::vector<Branch> running;
+  const auto is_late = [&] { return std::chrono::steady_clock::now() - begin >= timeout; };
+  std::vector<Ending> running;
+  Branch failed;
+
+  // Cut all off before the first is waited for.
   for (const auto& branch : branches) {
+    const auto& output = branch.back();
     const auto sink = GetSink(*branch.front());
     const auto pad = check::pad::GetPeer(*sink, kPadError);
-    StartDropping(*pad);
-    WaitUntilIdle(outputBin, *pad, branch);
-    if (Ptr<GstEvent>(gst_pad_get_sticky_event(sink.Get(), GST_EVENT_SEGMENT, 0))) {
-      running.push_back(branch);
+    CutOff(*pad, branch);
+    if (!WaitUntilIdle(outputBin, *pad, branch, is_late)) {
+      failed.push_back(output);
+    } else if (gst_pad_has_current_caps(sink.Get())) {
+      const bool had_eos = GST_PAD_IS_EOS(sink.Get());
+      running.push_back({output, sink, had_eos, had_eos ? Ptr<GstMessage>() : FindEos(outputBin, *output)});
+      if (GST_IS_BIN(output.Get())) {
+        // Ends the sources of the output itself, such as a microphone.
+        gst_element_send_event(output.Get(), check::event::MakeEos("Event Error: ").Ref());
+      }
     }
   }
 
-  Branch failed;
-  const auto has_ended = [&](const Branch& branch) {
-    const bool accepted = SendEos(*GetSink(*branch.front()));
-    if (!accepted) {
-      failed.push_back(branch.back());
+  while (!running.empty()) {
+    const auto has_stopped = [&](const Ending& ending) {
+      const auto progress = ending.Check(outputBin);
+      if (progress == Ending::Progress::Failed || (progress == Ending::Progress::Running && is_late())) {
+        failed.push_back(ending.output);
+        return true;
+      }
+      return progress == Ending::Progress::Ended;
+    };
+    running.erase(std::remove_if(running.begin(), running.end(), has_stopped), running.end());
+    if (!running.empty()) {
+      CheckStop(outputBin);
+      std::this_thread::sleep_for(kSlice);
     }
-    return !accepted || HasPostedEos(outputBin, *branch.back());
-  };
-  while (true) {
-    running.erase(std::remove_if(running.begin(), running.end(), has_ended), running.end());
-    if (running.empty() || std::chrono::steady_clock::now() - begin >= timeout) {
-      break;
-    }
-    CheckStop(outputBin);
-    std::this_thread::sleep_for(kSlice);
   }
-  std::for_each(running.begin(), running.end(), [&](const Branch& late) { failed.push_back(late.back()); });
   return failed;
 }
 

@@ -24,16 +24,18 @@ using Branch = std::vector<Ptr<GstElement>>;
 void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch);
 
 /**
- * Stops the branch, releases its request pad and takes it out of the bin. The other branches lose nothing.
+ * Stops the branch, releases its request pad and removes it from the bin. The other branches lose nothing.
  *
  * @throws std::runtime_error if an element refuses to stop, Stopped if the pipeline stops first; the branch stays
  */
 void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch);
 
 /**
- * Sends each branch an EOS behind what its queue holds, and nothing from then on. Waits until each output has posted
- * EOS, which it does once every sink in it has received one. Returns the outputs that have not by the end of the
- * timeout, or that refuse the EOS. A branch that has received no segment, as in a stopped pipeline, has nothing to end.
+ * Cuts each branch off, sends it an EOS after the last buffer in its queue, and waits until its output has posted EOS.
+ * An output posts it once every sink in it has received one. Returns the outputs that have not by the end of the
+ * timeout, or that have failed. A branch that has received no caps, as in a stopped pipeline, has nothing to end.
+ *
+ * The bin must have another sink without EOS. Otherwise it drops the messages as soon as the last output has ended.
  *
  * @throws Stopped if the pipeline is stopped meanwhile
  */
