@@ -1,5 +1,8 @@
 #include "mox_live/description.h"
 
+#include "mox/gstreamer/name.h"
+
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 
@@ -7,10 +10,18 @@ namespace mox_live {
 namespace {
 
 using mox::gstreamer::Ptr;
+using mox::gstreamer::element::GetName;
+
+Ptr<GstCaps> MakeVideoCaps() {
+  return Ptr<GstCaps>(gst_caps_from_string("video/x-raw(ANY)"));
+}
+
+GList* GetPads(GstElement& element, GstPadDirection direction) {
+  return direction == GST_PAD_SRC ? element.srcpads : element.sinkpads;
+}
 
 void AddGhostPad(GstElement& element, const char* name, GstPadDirection direction) {
-  const Ptr<GstPad> own(gst_element_get_static_pad(&element, name));
-  if (own || !GST_IS_BIN(&element)) {
+  if (GetPads(element, direction) != nullptr || !GST_IS_BIN(&element)) {
     return;
   }
   const Ptr<GstPad> inner(gst_bin_find_unlinked_pad(GST_BIN(&element), direction));
@@ -19,16 +30,18 @@ void AddGhostPad(GstElement& element, const char* name, GstPadDirection directio
   }
 }
 
-void CheckPad(GstElement& element, const char* name) {
-  const Ptr<GstPad> pad(gst_element_get_static_pad(&element, name));
-  if (!pad) {
-    throw std::runtime_error(std::string(GST_ELEMENT_NAME(&element)) + " has no pad '" + name + "'");
+// A link requests such a pad, as of a mixer.
+bool HasVideoRequestPad(GstElement& element) {
+  const auto video = MakeVideoCaps();
+  for (const GList* item = gst_element_get_pad_template_list(&element); item != nullptr; item = item->next) {
+    auto* const pad = GST_PAD_TEMPLATE(item->data);
+    const Ptr<GstCaps> caps(gst_pad_template_get_caps(pad));
+    if (GST_PAD_TEMPLATE_DIRECTION(pad) == GST_PAD_SINK && GST_PAD_TEMPLATE_PRESENCE(pad) == GST_PAD_REQUEST &&
+        gst_caps_can_intersect(caps.Get(), video.Get()) != FALSE) {
+      return true;
+    }
   }
-  const Ptr<GstCaps> video(gst_caps_from_string("video/x-raw(ANY)"));
-  const Ptr<GstCaps> common(gst_pad_query_caps(pad.Get(), video.Get()));
-  if (gst_caps_is_empty(common.Get()) != FALSE) {
-    throw std::runtime_error(std::string(GST_ELEMENT_NAME(&element)) + " has no raw video on its pad '" + name + "'");
-  }
+  return false;
 }
 
 }  // namespace
@@ -46,13 +59,31 @@ Ptr<GstElement> MakeElement(const std::string& description, Role role) {
   }
   if (role != Role::Input) {
     AddGhostPad(*element, "sink", GST_PAD_SINK);
-    CheckPad(*element, "sink");
+    const bool has_request_pad = role == Role::Filter && HasVideoRequestPad(*element);
+    if (!has_request_pad && !FindVideoPad(*element, GST_PAD_SINK)) {
+      throw std::runtime_error(GetName(*element) + " has no sink pad for raw video");
+    }
   }
   if (role != Role::Output) {
     AddGhostPad(*element, "src", GST_PAD_SRC);
-    CheckPad(*element, "src");
+    const auto pad = FindVideoPad(*element, GST_PAD_SRC);
+    if (!pad || (role == Role::Filter && std::strcmp(GST_PAD_NAME(pad.Get()), "src") != 0)) {
+      throw std::runtime_error(GetName(*element) + " has no source pad 'src' for raw video");
+    }
   }
   return element;
+}
+
+Ptr<GstPad> FindVideoPad(GstElement& element, GstPadDirection direction) {
+  const auto video = MakeVideoCaps();
+  for (const GList* item = GetPads(element, direction); item != nullptr; item = item->next) {
+    auto* const pad = GST_PAD(item->data);
+    const Ptr<GstCaps> common(gst_pad_query_caps(pad, video.Get()));
+    if (gst_caps_is_empty(common.Get()) == FALSE) {
+      return Ptr<GstPad>(GST_PAD(gst_object_ref(pad)));
+    }
+  }
+  return {};
 }
 
 }  // namespace mox_live

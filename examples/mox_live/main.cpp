@@ -1,16 +1,21 @@
 #include "mox/gstreamer/check/ptr.h"
 #include "mox/gstreamer/session.h"
-#include "mox_live/live.h"
+#include "mox_live/commands.h"
+#include "mox_live/events.h"
+#include "mox_live/interrupts.h"
+#include "mox_live/line_reader.h"
+#include "mox_live/player.h"
 
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gst/gst.h>
 
 #include <getopt.h>
+#include <unistd.h>
 
 namespace {
 
@@ -28,10 +33,12 @@ Options Parse(int argc, char** argv) {
                           {"output", required_argument, nullptr, 'o'}, {"report", no_argument, nullptr, 'r'},
                           {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0}};
   Options options;
+  bool has_input = false;
   for (int found = 0; (found = getopt_long(argc, argv, "i:f:o:rh", known, nullptr)) != -1;) {
     switch (found) {
       case 'i':
-        options.commands.push_back(std::string("input ") + optarg);
+        options.commands.push_back((has_input ? "input next " : "input ") + std::string(optarg));
+        has_input = true;
         break;
       case 'f':
         options.commands.push_back(std::string("filter add ") + optarg);
@@ -58,7 +65,7 @@ void WriteHelp(std::ostream& stream) {
 Plays video and changes how it is filtered and where it goes while it plays.
 
 Options:
-  -i, --input DESCRIPTION   the input to begin with
+  -i, --input DESCRIPTION   the input to begin with; may be repeated: each plays once the stream of the one before ends
   -f, --filter DESCRIPTION  a filter to begin with; may be repeated
   -o, --output DESCRIPTION  an output to begin with; may be repeated
   -r, --report              at the end, tell how long each change took and what frames each input gave and each output got
@@ -66,7 +73,7 @@ Options:
 
 Commands, read from standard input line by line:
 )";
-  mox_live::Live::WriteCommands(stream);
+  mox_live::Commands::Write(stream);
   stream << R"(
 A DESCRIPTION is that of gst-launch-1.0. Several elements become one bin. NAME is that of the element: the one set with
 'name=', or the one that 'show' tells. A bin is named inside round brackets:
@@ -74,14 +81,22 @@ A DESCRIPTION is that of gst-launch-1.0. Several elements become one bin. NAME i
   videoflip name=mirror video-direction=horiz
   ( name=pictures videoconvert ! pngenc ! multifilesink location=%03d.png )
 
-A command that is refused says why on standard error, and the next one is read. The exit status is 0 if no command was
-refused, 1 if one was, 2 if the options are wrong.
+While a pipeline plays, the end of standard input, 'quit' and an interrupt (SIGINT or SIGTERM) end all recordings before
+the program ends. An interrupt also ends 'wait'. A second interrupt ends the program at once.
+
+The next --input, or 'input next', replaces the one whose stream has ended, also during 'wait'. All outputs restart for
+it, and time starts at zero. The command 'input' leaves the list as it is.
+
+ERROR and WARNING messages go to standard error. A command that is refused says why there, and the next one is read. The
+exit status is 0 if no command was refused, 1 if one was, 2 if the options are wrong, and 128 + the number of the signal
+after an interrupt: 130 or 143.
 )";
 }
 
-bool Run(mox_live::Live& live, const std::string& command) {
+// Returns false if the action was refused.
+bool Try(const std::function<void()>& action) {
   try {
-    live.Run(command);
+    action();
     return true;
   } catch (const std::exception& error) {
     std::cerr << std::string("mox-live: ") + error.what() + '\n';
@@ -97,19 +112,37 @@ void AvoidDirectFb() {
   }
 }
 
+// Runs the commands of the options and of standard input. Returns false if one was refused.
+bool Play(mox_live::Player& player, const mox_live::Events& events, const std::vector<std::string>& options) {
+  mox_live::Commands commands(player);
+  bool succeeded = true;
+  for (const auto& command : options) {
+    succeeded = Try([&] { commands.Run(command); }) && succeeded;
+  }
+  mox_live::LineReader input(STDIN_FILENO);
+  for (bool more = true; more && !commands.HasQuit() && events.GetSignal() == 0;) {
+    const auto read_and_run = [&] {
+      const auto line = input.Read([&](int file) { return player.WaitForFile(file); });
+      more = line.has_value();
+      commands.Run(line.value_or(""));
+    };
+    succeeded = Try(read_and_run) && succeeded;
+  }
+  return Try([&] { player.FinishOutputs(); }) && succeeded;
+}
+
 int Run(const Options& options) {
+  mox_live::Events events;
+  const mox_live::Interrupts interrupts(events);
   const mox::gstreamer::Session session;
   AvoidDirectFb();
-  mox_live::Live live;
-  bool succeeded = true;
-  for (const auto& command : options.commands) {
-    succeeded = Run(live, command) && succeeded;
-  }
-  for (std::string line; !live.HasQuit() && std::getline(std::cin, line);) {
-    succeeded = Run(live, line) && succeeded;
-  }
+  mox_live::Player player(events);
+  const bool succeeded = Play(player, events, options.commands);
   if (options.report) {
-    live.WriteReport(std::cout);
+    player.WriteReport(std::cout);
+  }
+  if (events.GetSignal() != 0) {
+    return 128 + events.GetSignal();
   }
   return succeeded ? 0 : 1;
 }

@@ -1,0 +1,31 @@
+#ifndef MOX_LIVE_INTERRUPTS_H
+#define MOX_LIVE_INTERRUPTS_H
+
+#include "mox_live/events.h"
+
+#include <atomic>
+#include <thread>
+
+namespace mox_live {
+
+/**
+ * Takes SIGINT and SIGTERM for as long as it exists. The first one raises an event; the second one ends the process at
+ * once, with the status 128 + the number of the signal. It must exist before other threads start, because they inherit
+ * the blocked signals.
+ */
+class Interrupts {
+ public:
+  /** @throws std::system_error if the thread that waits for the signals cannot be started */
+  explicit Interrupts(Events& events);
+  Interrupts(const Interrupts&) = delete;
+  Interrupts& operator=(const Interrupts&) = delete;
+  ~Interrupts();
+
+ private:
+  std::atomic<bool> stop_ = false;
+  std::thread thread_;
+};
+
+}  // namespace mox_live
+
+#endif
