@@ -2,6 +2,7 @@
 #include <array>
 #include <csignal>
 #include <cstddef>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -61,11 +62,13 @@ class MoxLive : public testing::Test {
     ASSERT_EQ(write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
 
-  // Asks until the output has got a frame.
-  void AwaitFrames(const std::string& output) {
+  // Asks until the output has got so many frames.
+  void AwaitFrames(const std::string& output, int count = 1) {
+    int frames = 0;
     do {
       ASSERT_NO_FATAL_FAILURE(Write("show\n"));
-    } while (ReadUntil("output " + output + ": (\\d+) frames") == "0");
+      frames = std::atoi(ReadUntil("output " + output + ": (\\d+) frames").c_str());
+    } while (frames < count && !HasFailure());
   }
 
   // Reads on until the pattern appears, and returns its group.
@@ -207,7 +210,7 @@ TEST_F(MoxLive, InputsPlayOneAfterTheOther) {
 TEST_F(MoxLive, AFinishedRecordingIsWhole) {
   Start({"-i", kInput, "-o", kScreen});
   Write("start\noutput add " + MakeRecording(folder / "file.webm") + "\n");
-  AwaitFrames("recording");
+  AwaitFrames("recording", 30);
   Write("output finish recording\nshow\n");
   ReadUntil(R"(output finish recording: \d+\.\d ms\nstate    playing, enabled\n.*\n.*\noutput screen.*\n)");
   EXPECT_EQ(Finish(), 0);
@@ -223,7 +226,7 @@ TEST_F(MoxLive, AnInterruptEndsRecordingsAndTheProgram) {
   for (const auto& [signal, command] : {Interrupt{SIGINT, "wait 1000\n"}, Interrupt{SIGTERM, ""}}) {
     Start({"-i", kInput, "-o", MakeRecording(folder / "file.webm")});
     Write("start\n");
-    AwaitFrames("recording");
+    AwaitFrames("recording", 30);
     Write(command);
     Kill(signal);
     const int frames = std::stoi(ReadUntil(R"(output recording +(\d+) +0 +0\n)"));
