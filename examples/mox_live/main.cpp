@@ -68,7 +68,7 @@ Options:
   -i, --input DESCRIPTION   the input to begin with; may be repeated: each plays once the stream of the one before ends
   -f, --filter DESCRIPTION  a filter to begin with; may be repeated
   -o, --output DESCRIPTION  an output to begin with; may be repeated
-  -r, --report              at the end, tell how long each change took and what frames each input gave and each output got
+  -r, --report              at the end, write the time of each change and the frames of each input and output
   -h, --help                show this help
 
 Commands, read from standard input line by line:
@@ -76,7 +76,7 @@ Commands, read from standard input line by line:
   mox_live::Commands::Write(stream);
   stream << R"(
 A DESCRIPTION is that of gst-launch-1.0. Several elements become one bin. NAME is that of the element: the one set with
-'name=', or the one that 'show' tells. A bin is named inside round brackets:
+'name=', or the one that 'show' writes. A bin is named inside round brackets:
 
   videoflip name=mirror video-direction=horiz
   ( name=pictures videoconvert ! pngenc ! multifilesink location=%03d.png )
@@ -84,8 +84,9 @@ A DESCRIPTION is that of gst-launch-1.0. Several elements become one bin. NAME i
 While a pipeline plays, the end of standard input, 'quit' and an interrupt (SIGINT or SIGTERM) end all recordings before
 the program ends. An interrupt also ends 'wait'. A second interrupt ends the program at once.
 
-The next --input, or 'input next', replaces the one whose stream has ended, also during 'wait'. All outputs restart for
-it, and time starts at zero. The command 'input' leaves the list as it is.
+The next --input, or 'input next', replaces the one whose stream has ended, also during 'wait'. The command 'input' does
+so at once, and leaves the list as it is. Time starts at zero then, and all outputs restart: a recording overwrites its
+file.
 
 ERROR and WARNING messages go to standard error. A command that is refused says why there, and the next one is read. The
 exit status is 0 if no command was refused, 1 if one was, 2 if the options are wrong, and 128 + the number of the signal
