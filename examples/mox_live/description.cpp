@@ -30,7 +30,7 @@ void AddGhostPad(GstElement& element, const char* name, GstPadDirection directio
   }
 }
 
-// A link requests such a pad, as of a mixer.
+// Returns true if a link can request a sink pad for raw video, for example of a mixer.
 bool HasVideoRequestPad(GstElement& element) {
   const auto video = MakeVideoCaps();
   for (const GList* item = gst_element_get_pad_template_list(&element); item != nullptr; item = item->next) {

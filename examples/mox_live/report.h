@@ -21,7 +21,7 @@ class Report {
   /** Writes a line with the time since the start to standard output. Any thread. */
   void Say(const std::string& text) const;
 
-  /** Makes a change, records how long it took, and says so with its result, if there is one. */
+  /** Makes a change, records how long it took, and writes a line with that and the result, if there is one. */
   void Time(const std::string& label, const std::function<void()>& change,
             const std::function<std::string()>& result = {});
 
