@@ -57,7 +57,7 @@ const Command& Find(const std::string& text) {
 
 // The text after the name of the command.
 std::string GetArgument(const Command& command, const std::string& text) {
-  const std::string argument = Trim(text.substr(std::string(command.name).size()));
+  std::string argument = Trim(text.substr(std::string(command.name).size()));
   if (argument.empty() != (*command.argument == '\0')) {
     throw std::runtime_error("use: " + std::string(command.name) + command.argument);
   }

@@ -31,7 +31,7 @@ Interrupts::Interrupts(Events& events)
 
 Interrupts::~Interrupts() {
   stop_ = true;
-  pthread_kill(thread_.native_handle(), SIGTERM);
+  pthread_kill(thread_.native_handle(), SIGINT);
   thread_.join();
 }
 

@@ -20,7 +20,6 @@ namespace mox_live {
 namespace {
 
 using mox::gstreamer::Pipeline;
-using mox::gstreamer::Ptr;
 using mox::gstreamer::element::GetName;
 
 // How long an encoder and a muxer may take to write the end of a recording.
