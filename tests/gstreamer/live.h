@@ -17,13 +17,13 @@
 #include <utility>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gst/gst.h>
-#include <gtest/gtest.h>
 
 #include <sys/prctl.h>
 #include <unistd.h>
 
-// Sources of numbered frames, outputs that prove the numbers, and conditions with a deadline.
+// Sources of numbered frames, outputs that check the numbers, and conditions with a deadline.
 namespace live {
 
 using mox::gstreamer::Pipeline;
@@ -34,14 +34,14 @@ inline Ptr<GstElement> Make(const char* factory, const char* name = nullptr) {
   return mox::gstreamer::check::element::Make(factory, name, "");
 }
 
-/** A bin made of a description, with ghost pads. */
+/** Makes a bin of a description, with ghost pads. */
 inline Ptr<GstElement> Parse(const std::string& description, const char* name = nullptr) {
   Ptr<GstElement> bin(gst_parse_bin_from_description(description.c_str(), TRUE, nullptr));
   gst_object_set_name(GST_OBJECT(bin.Get()), name);
   return bin;
 }
 
-/** The text of the error that the function raises. */
+/** Returns the text of the error that the function raises. */
 template <typename Error = std::runtime_error, typename Function>
 std::string ErrorOf(const Function& function) {
   try {
@@ -52,13 +52,14 @@ std::string ErrorOf(const Function& function) {
   return "no error";
 }
 
-/** How many references there are to an object. */
+/** Returns the number of references to an object. */
 template <typename T>
 int References(const Ptr<T>& object) {
   return GST_OBJECT_REFCOUNT_VALUE(object.Get());
 }
 
-/** Small numbered frames (GST_BUFFER_OFFSET), as fast as they go or 60 a second; `end` goes on with the description. */
+/** Makes a source of small numbered frames (GST_BUFFER_OFFSET), which runs freely or 60 a second. `end` ends its
+ * description. */
 inline Ptr<GstElement> MakeSource(bool paced = false, const std::string& end = "") {
   return Parse(std::string("videotestsrc pattern=black is-live=") + (paced ? "true" : "false") +
                " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1" + end);
@@ -72,7 +73,7 @@ inline Ptr<GstPad> PadOf(GstElement& element, const char* name) {
   return Ptr<GstPad>(gst_element_get_static_pad(&element, name));
 }
 
-/** Has the function decide on what comes to the pad. */
+/** Adds a probe that calls the function. */
 inline gulong AddProbe(GstPad& pad, int types, std::function<GstPadProbeReturn(GstPad&, GstPadProbeInfo&)> function) {
   using Function = decltype(function);
   return gst_pad_add_probe(
@@ -81,9 +82,7 @@ inline gulong AddProbe(GstPad& pad, int types, std::function<GstPadProbeReturn(G
       new Function(std::move(function)), [](gpointer data) { delete static_cast<Function*>(data); });
 }
 
-/**
- * Ends the program in so many seconds, unless another deadline is set before: a thread hangs. Tells what every thread
- * does, where gdb is installed.
+/** Aborts in so many seconds, unless called again before. If gdb is installed, prints the stacks of all threads first.
  */
 inline void SetDeadline(unsigned seconds = 280) {
   std::signal(SIGALRM, [](int) {
@@ -103,17 +102,20 @@ void Await(const Condition& condition) {
   }
 }
 
-/** Whether the event starts another stream, of another group, than this. A pad that is linked again receives it again.
- */
+/** Returns true if the event starts another stream than this. A pad that is linked again receives its event again. */
 inline bool Starts(GstEvent& event, guint& stream) {
   const guint before = stream;
   return GST_EVENT_TYPE(&event) == GST_EVENT_STREAM_START && gst_event_parse_group_id(&event, &stream) != FALSE &&
          stream != before;
 }
 
+MATCHER(IsIntact, "lost, repeated or reordered no frame and received no EOS") {
+  return arg.lost == 0U && arg.misplaced == 0U && arg.eos == 0U;
+}
+
 /**
  * Counts what reaches an element's "sink" pad, and every step in the frames' numbers that is not one. The first frame
- * seen follows on nothing; that of a later stream is number 0.
+ * may have any number, that of a later stream has number 0.
  */
 class Watch {
  public:
@@ -131,16 +133,20 @@ class Watch {
   }
   ~Watch() { gst_pad_remove_probe(pad_.Get(), probe_); }
 
-  /** Waits until `count` more frames have come. */
+  /** Waits for `count` more frames. */
   void AwaitFrames(std::size_t count = 2) const {
     Await([this, target = frames + count] { return frames >= target; });
   }
 
-  /** Expects the stream to go on, and no more frames to be lost than may be dropped. */
-  void ExpectWhole(std::size_t dropped = 0) const {
+  /** Expects the stream to go on, and to be intact. */
+  void ExpectWhole() const {
     AwaitFrames(10);
-    EXPECT_LE(lost, dropped);
-    EXPECT_EQ(misplaced + eos, 0U);
+    EXPECT_THAT(*this, IsIntact());
+  }
+
+  friend std::ostream& operator<<(std::ostream& stream, const Watch& watch) {
+    return stream << watch.frames << " frames, " << watch.lost << " lost, " << watch.misplaced << " misplaced, "
+                  << watch.eos << " EOS";
   }
 
   const Ptr<GstElement> element;
