@@ -8,10 +8,10 @@
 
 #include <dlfcn.h>
 
-// After how many allocations one is to fail, counted down by each; none is while it is negative.
+// How many allocations succeed before one fails. None fails while it is negative.
 static std::atomic<long> until_failure = -1;
 
-// In the place of the program's own, for all that it loads.
+// Replaces that of the program and of its libraries.
 void* operator new(std::size_t size) {
   static const auto allocate = reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, "_Znwm"));
   return until_failure >= 0 && until_failure-- == 0 ? throw std::bad_alloc() : allocate(size);
@@ -22,101 +22,117 @@ namespace {
 using namespace live;  // NOLINT(google-build-using-namespace)
 using faulty::Faults;
 
-constexpr auto kNoError = "no error";
-constexpr auto kEnded = "Cannot change the filters because the stream has ended";
+using Call = std::function<void()>;
+using testing::StartsWith;
+using testing::ThrowsMessage;
 
-/** What comes of a faulty element in a playing pipeline. */
-enum Outcome {
-  kGoesOn,
-  kRefused,     // it is not taken in; the stream goes on, as soon as it has an input again
-  kCannotStop,  // it runs, but the call that takes it out raises and leaves it in
-  kEnds,        // the call succeeds; the source ends the stream and the outputs get an EOS
-  kSilent       // the call succeeds; nothing arrives any more
-};
+const testing::Matcher<Call> kSucceeds = testing::Not(testing::Throws<std::exception>());
+const testing::Matcher<Call> kStreamHasEnded =
+    ThrowsMessage<std::runtime_error>("Cannot change the filters because the stream has ended");
+
+/** What becomes of a playing pipeline with a faulty element, in the words of docs/faults.md. */
+enum Outcome { kContinues, kRefused, kCannotStop, kEnds, kSilent };
 
 struct Fault {
   const char* name;
-  void (*tell)(Faults&);
-  Outcome as_filter, as_output, as_input;
+  void (*set)(Faults&);
+  Outcome as_filter;
+  Outcome as_output;
+  Outcome as_input;
 
   friend std::ostream& operator<<(std::ostream& stream, const Fault& fault) { return stream << fault.name; }
 };
 
-template <GstStateChange kChange, std::atomic<GstStateChange> Faults::*kFault = &Faults::fails>
-void On(Faults& faults) {
-  faults.*kFault = kChange;
+template <auto kMember, auto kValue>
+void Set(Faults& faults) {
+  faults.*kMember = kValue;
 }
-
-template <int kFlow>
-void Answers(Faults& faults) {
-  faults.flow = static_cast<GstFlowReturn>(kFlow);
-}
+template <GstStateChange kChange>
+constexpr auto kFails = Set<&Faults::fails, kChange>;
+template <GstStateChange kChange>
+constexpr auto kBlocks = Set<&Faults::blocks, kChange>;
+template <GstFlowReturn kFlow>
+constexpr auto kReturns = Set<&Faults::flow, kFlow>;
 
 constexpr Fault kFaults[] = {
-    {"FailsNullToReady", On<GST_STATE_CHANGE_NULL_TO_READY>, kRefused, kRefused, kRefused},
-    {"FailsReadyToPaused", On<GST_STATE_CHANGE_READY_TO_PAUSED>, kRefused, kRefused, kRefused},
-    {"FailsPausedToPlaying", On<GST_STATE_CHANGE_PAUSED_TO_PLAYING>, kRefused, kRefused, kRefused},
-    {"FailsPlayingToPaused", On<GST_STATE_CHANGE_PLAYING_TO_PAUSED>, kCannotStop, kCannotStop, kCannotStop},
-    {"FailsPausedToReady", On<GST_STATE_CHANGE_PAUSED_TO_READY>, kCannotStop, kCannotStop, kCannotStop},
-    {"FailsReadyToNull", On<GST_STATE_CHANGE_READY_TO_NULL>, kCannotStop, kCannotStop, kCannotStop},
-    {"BlocksWhileStarting", On<GST_STATE_CHANGE_READY_TO_PAUSED, &Faults::blocks>, kGoesOn, kGoesOn, kGoesOn},
-    {"BlocksWhileStopping", On<GST_STATE_CHANGE_PAUSED_TO_READY, &Faults::blocks>, kGoesOn, kGoesOn, kGoesOn},
-    {"RefusesCaps", [](Faults& faults) { faults.refuses_caps = true; }, kEnds, kEnds, kEnds},
-    {"DropsEveryFrame", Answers<Faults::kDrops>, kSilent, kGoesOn, kSilent},
-    {"NotLinked", Answers<GST_FLOW_NOT_LINKED>, kEnds, kGoesOn, kEnds},
-    {"Flushing", Answers<GST_FLOW_FLUSHING>, kSilent, kSilent, kSilent},
-    {"Eos", Answers<GST_FLOW_EOS>, kEnds, kEnds, kEnds},
-    {"NotNegotiated", Answers<GST_FLOW_NOT_NEGOTIATED>, kEnds, kEnds, kEnds},
-    {"Error", Answers<GST_FLOW_ERROR>, kEnds, kEnds, kEnds},
-    {"NotSupported", Answers<GST_FLOW_NOT_SUPPORTED>, kEnds, kEnds, kEnds},
-    {"PostsErrors", [](Faults& faults) { faults.errors = 5; }, kGoesOn, kGoesOn, kSilent},
+    {"FailsNullToReady", kFails<GST_STATE_CHANGE_NULL_TO_READY>, kRefused, kRefused, kRefused},
+    {"FailsReadyToPaused", kFails<GST_STATE_CHANGE_READY_TO_PAUSED>, kRefused, kRefused, kRefused},
+    {"FailsPausedToPlaying", kFails<GST_STATE_CHANGE_PAUSED_TO_PLAYING>, kRefused, kRefused, kRefused},
+    {"FailsPlayingToPaused", kFails<GST_STATE_CHANGE_PLAYING_TO_PAUSED>, kCannotStop, kCannotStop, kCannotStop},
+    {"FailsPausedToReady", kFails<GST_STATE_CHANGE_PAUSED_TO_READY>, kCannotStop, kCannotStop, kCannotStop},
+    {"FailsReadyToNull", kFails<GST_STATE_CHANGE_READY_TO_NULL>, kCannotStop, kCannotStop, kCannotStop},
+    {"BlocksWhileStarting", kBlocks<GST_STATE_CHANGE_READY_TO_PAUSED>, kContinues, kContinues, kContinues},
+    {"BlocksWhileStopping", kBlocks<GST_STATE_CHANGE_PAUSED_TO_READY>, kContinues, kContinues, kContinues},
+    {"RefusesCaps", Set<&Faults::refuses_caps, true>, kEnds, kEnds, kEnds},
+    {"DropsEveryFrame", kReturns<Faults::kDrops>, kSilent, kContinues, kSilent},
+    {"NotLinked", kReturns<GST_FLOW_NOT_LINKED>, kEnds, kContinues, kEnds},
+    {"Flushing", kReturns<GST_FLOW_FLUSHING>, kSilent, kSilent, kSilent},
+    {"Eos", kReturns<GST_FLOW_EOS>, kEnds, kEnds, kEnds},
+    {"NotNegotiated", kReturns<GST_FLOW_NOT_NEGOTIATED>, kEnds, kEnds, kEnds},
+    {"Error", kReturns<GST_FLOW_ERROR>, kEnds, kEnds, kEnds},
+    {"NotSupported", kReturns<GST_FLOW_NOT_SUPPORTED>, kEnds, kEnds, kEnds},
+    {"PostsErrors", Set<&Faults::errors, 5>, kContinues, kContinues, kSilent},
 };
 
-// A bin made of a description, which has a faulty element of the name "told".
-Ptr<GstElement> MakeFaulty(const char* description) {
+// Makes a bin of a description with the element "faulty".
+Ptr<GstElement> MakeFaulty(const std::string& description) {
   gst_element_register(nullptr, "faulty", GST_RANK_NONE, faulty::Type());
   return Parse(description);
 }
 
-constexpr auto kFaultyInput =
-    "videotestsrc pattern=black ! capsfilter caps=video/x-raw,width=16,height=16 ! faulty name=told";
+const std::string kGoodInput = "videotestsrc pattern=black ! capsfilter caps=video/x-raw,width=16,height=16";
+const std::string kFaultyInput = kGoodInput + " ! faulty name=faulty";
 
-Faults& Told(const Ptr<GstElement>& bin) {
-  return faulty::Of(Find(*GST_BIN(bin.Get()), "told").Get());
+Faults& FaultsIn(const Ptr<GstElement>& bin) {
+  return faulty::Of(Find(*GST_BIN(bin.Get()), "faulty").Get());
 }
 
 struct FaultsTest : live::Test, testing::WithParamInterface<Fault> {
-  // Tells an element of the fault, puts it into the playing pipeline by one call and takes it out by the other.
-  void Expect(const Ptr<GstElement>& element, Outcome outcome, const std::string& at_the_end,
-              const std::function<void()>& put, const std::function<void()>& take) {
-    const auto expect = [](const std::function<void()>& call, const std::string& text) {
-      EXPECT_EQ(ErrorOf(call).substr(0, text.size()), text);
-    };
-    GetParam().tell(Told(element));
-    expect(put, outcome == kRefused ? "Element Error: Failed to sync the state of the element '" : kNoError);
-    if (outcome == kEnds) {
-      Await([&] { return stream.watch.eos == 1; });
-      expect(take, at_the_end);
-    } else if (outcome == kGoesOn || outcome == kCannotStop) {
-      stream.watch.AwaitFrames();
-      expect(take, outcome == kCannotStop ? "Element Error: Failed to set the state of the element '" : kNoError);
-      Told(element).fails = Faults::kNone;  // what could never be stopped could not be destroyed either
+  // Puts a faulty element into the playing pipeline and takes it out. At the end of the stream that may be refused.
+  void Expect(Outcome outcome, const Ptr<GstElement>& element, const Call& put, const Call& take,
+              const testing::Matcher<Call>& take_at_the_end = kSucceeds) {
+    Faults& faults = FaultsIn(element);
+    GetParam().set(faults);
+    switch (outcome) {
+      case kContinues:
+        put();
+        stream.watch.AwaitFrames();
+        take();
+        EXPECT_FALSE(IsIn(element));
+        break;
+      case kRefused:
+        EXPECT_THAT(put, ThrowsMessage<std::runtime_error>(
+                             StartsWith("Element Error: Failed to sync the state of the element '")));
+        EXPECT_EQ(IsIn(element), IsInput(element));
+        break;
+      case kCannotStop:
+        put();
+        stream.watch.AwaitFrames();
+        EXPECT_THAT(take, ThrowsMessage<std::runtime_error>(
+                              StartsWith("Element Error: Failed to set the state of the element '")));
+        EXPECT_TRUE(IsIn(element));
+        faults.fails = Faults::kNone;
+        break;
+      case kEnds:
+        put();
+        Await([&] { return stream.watch.eos == 1; });
+        EXPECT_THAT(take, take_at_the_end);
+        break;
+      case kSilent:
+        put();
+        EXPECT_TRUE(IsIn(element));
     }
-    const bool is_input = !PadOf(*element, "sink");
-    const bool is_out =
-        outcome == kGoesOn || (outcome == kRefused && !is_input) || (outcome == kEnds && at_the_end == kNoError);
-    EXPECT_EQ(GST_OBJECT_PARENT(element.Get()) == nullptr, is_out);
-    const auto inside = outcome == kCannotStop && !is_input ? std::make_unique<Watch>(element) : nullptr;
-    if (inside) {
-      inside->AwaitFrames();
+    EXPECT_EQ(stream.watch.eos, static_cast<std::size_t>(outcome == kEnds));
+    if (!IsInput(element) && outcome == kCannotStop) {
+      Watch(element).AwaitFrames();
     }
-    if (outcome <= kCannotStop && !is_input) {
+    if (!IsInput(element) && outcome != kEnds && outcome != kSilent) {
       stream.watch.ExpectWhole();
     }
-    EXPECT_EQ(stream.watch.eos, outcome == kEnds ? 1U : 0U);
-    // Whatever was wrong, the pipeline can be stopped, and started with a good input.
+
+    // In each case the pipeline can be stopped, and started with another input.
     pipeline.SetEnable(false);
-    if (!is_out) {
+    if (IsIn(element)) {
       take();
     }
     pipeline.SetInput(MakeSource());
@@ -125,29 +141,32 @@ struct FaultsTest : live::Test, testing::WithParamInterface<Fault> {
     EXPECT_EQ(stream.watch.misplaced, 0U);
   }
 
+  static bool IsIn(const Ptr<GstElement>& element) { return GST_OBJECT_PARENT(element.Get()) != nullptr; }
+  static bool IsInput(const Ptr<GstElement>& element) { return element->numsinkpads == 0; }
+
   Stream stream;
   Pipeline& pipeline = stream.pipeline;
 };
 
 TEST_P(FaultsTest, AsFilter) {
-  const auto filter = MakeFaulty("faulty name=told");
-  Expect(
-      filter, GetParam().as_filter, kEnded, [&] { pipeline.AddFilters({filter}); },
-      [&] { pipeline.EraseFilters({filter}); });
+  const auto filter = MakeFaulty("faulty name=faulty");
+  const auto put = [&] { pipeline.AddFilters({filter}); };
+  const auto take = [&] { pipeline.EraseFilters({filter}); };
+  Expect(GetParam().as_filter, filter, put, take, kStreamHasEnded);
 }
 
 TEST_P(FaultsTest, AsOutputBesideAnother) {
-  const auto output = MakeFaulty("faulty name=told ! fakesink");
-  Expect(
-      output, GetParam().as_output, kNoError, [&] { pipeline.AddOutputs({output}); },
-      [&] { pipeline.EraseOutputs({output}); });
+  const auto output = MakeFaulty("faulty name=faulty ! fakesink");
+  const auto put = [&] { pipeline.AddOutputs({output}); };
+  const auto take = [&] { pipeline.EraseOutputs({output}); };
+  Expect(GetParam().as_output, output, put, take);
 }
 
 TEST_P(FaultsTest, AsInput) {
   const auto input = MakeFaulty(kFaultyInput);
-  Expect(
-      input, GetParam().as_input, kNoError, [&] { pipeline.SetInput(input); },
-      [&] { pipeline.SetInput(MakeSource()); });
+  const auto put = [&] { pipeline.SetInput(input); };
+  const auto take = [&] { pipeline.SetInput(MakeSource()); };
+  Expect(GetParam().as_input, input, put, take);
 }
 
 INSTANTIATE_TEST_SUITE_P(Element, FaultsTest, testing::ValuesIn(kFaults),
@@ -155,135 +174,149 @@ INSTANTIATE_TEST_SUITE_P(Element, FaultsTest, testing::ValuesIn(kFaults),
 
 using Faulty = live::Test;
 
-TEST_F(Faulty, AChangeWaitsForASourceThatIsSilent) {
-  const auto input = MakeFaulty(kFaultyInput);
-  Stream stream(input);
-  Told(input).flow = Faults::kDrops;
-  Await([&] { return Told(input).dropped > 0; });
-  auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({Make("identity", "late")}); });
-  EXPECT_EQ(change.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
-  Told(input).flow = GST_FLOW_OK;
-  change.get();
-  EXPECT_EQ(stream.pipeline.GetFilters().size(), 1U);
-}
-
-// The source tries again when it is to renegotiate, as here, and goes on.
-TEST_F(Faulty, ATransientFailureToNegotiateDoesNotEndTheStream) {
-  const auto filter = MakeFaulty("faulty name=told");
+// A source that is to renegotiate ignores a not-negotiated, and tries again.
+TEST_F(Faulty, TransientNotNegotiatedDoesNotEndTheStream) {
   std::atomic<bool> has_failed = false;
+  const auto filter = faulty::Make();
   Stream stream(Parse("videotestsrc is-live=true ! capsfilter caps=video/x-raw,framerate=5/1"), {filter});
   AddProbe(*PadOf(*filter, "sink"), GST_PAD_PROBE_TYPE_BUFFER, [&](GstPad& pad, auto&) {
     gst_pad_push_event(&pad, gst_event_new_reconfigure());
-    Told(filter).flow = has_failed.exchange(true) ? GST_FLOW_OK : GST_FLOW_NOT_NEGOTIATED;
+    faulty::Of(filter.Get()).flow = has_failed.exchange(true) ? GST_FLOW_OK : GST_FLOW_NOT_NEGOTIATED;
     return GST_PAD_PROBE_OK;
   });
   const auto feeding = PadOf(*stream.pipeline.GetInput(), "src");
   Await([&] { return gst_pad_get_last_flow_return(feeding.Get()) == GST_FLOW_NOT_NEGOTIATED; });
-  EXPECT_EQ(ErrorOf([&] { stream.pipeline.AddFilters({Make("identity")}); }), kNoError);
+  stream.pipeline.AddFilters({Make("identity")});
+  EXPECT_EQ(stream.pipeline.GetFilters().size(), 2U);
   stream.watch.AwaitFrames();
 }
 
-// The others are stopped around it, or their threads would go on for ever and GStreamer could not be taken down.
-TEST_F(Faulty, DestructionEndsBesideAnElementThatRefusesToStop) {
-  for (const char* bin : {"input", "filter", "output"}) {
-    SCOPED_TRACE(bin);
-    const auto refusing = MakeFaulty(bin == std::string("input")    ? kFaultyInput
-                                     : bin == std::string("filter") ? "queue ! faulty name=told"
-                                                                    : "queue ! faulty name=told ! fakesink");
-    const auto told = Find(*GST_BIN(refusing.Get()), "told");
+// Otherwise the threads of the others would go on, and GStreamer would wait for them.
+TEST_F(Faulty, DestructionStopsTheElementsBesideOneThatRefuses) {
+  const struct {
+    const char* faulty;
+    std::string input;
+    std::string filter;
+    std::string output;
+  } rows[] = {
+      {"input", kFaultyInput, "identity", "queue ! fakesink"},
+      {"filter", kGoodInput, "queue ! faulty name=faulty", "queue ! fakesink"},
+      {"output", kGoodInput, "identity", "queue ! faulty name=faulty ! fakesink"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.faulty);
+    Ptr<GstElement> refusing;
     {
-      Watch watch(Make("fakesink"));
-      Pipeline pipeline(1, "destroyed");
-      pipeline.SetInput(bin == std::string("input") ? refusing : MakeSource());
-      pipeline.AddFilters(bin == std::string("filter") ? Elements{refusing} : Elements());
-      pipeline.AddOutputs({watch.element});
-      pipeline.AddOutputs(bin == std::string("output") ? Elements{refusing} : Elements());
-      pipeline.SetEnable(true);
-      watch.AwaitFrames();
-      faulty::Of(told.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_READY;
+      Stream stream(MakeFaulty(row.input), {MakeFaulty(row.filter)}, false);
+      stream.pipeline.AddOutputs({MakeFaulty(row.output)});
+      stream.pipeline.SetEnable(true);
+      stream.watch.AwaitFrames();
+      refusing = stream.Find("faulty");
+      faulty::Of(refusing.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_READY;
       SetDeadline(10);
     }
-    EXPECT_EQ(GST_STATE(told.Get()), GST_STATE_PAUSED);
-    faulty::Of(told.Get()).fails = Faults::kNone;
-    EXPECT_EQ(gst_element_set_state(told.Get(), GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
+    EXPECT_EQ(GST_STATE(refusing.Get()), GST_STATE_PAUSED);
+    faulty::Of(refusing.Get()).fails = Faults::kNone;
+    EXPECT_EQ(gst_element_set_state(refusing.Get(), GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
   }
   gst_deinit();
 }
 
-// An input with a queue of its own sends no EOS when a frame fails. Of a failure between its queue and its end that
-// queue alone knows.
-TEST_F(Faulty, AFailureEndsTheStreamOfAnInputWithAQueue) {
-  for (const auto& [end, flow] : {std::pair(" ! queue name=last", GST_FLOW_ERROR),
-                                  std::pair(" ! queue name=last ! identity error-after=20", GST_FLOW_OK)}) {
-    const auto filter = faulty::Make();
-    faulty::Of(filter.Get()).flow = flow;
-    Stream stream(MakeSource(false, end), {filter}, false);
+// A queue that has failed sends no EOS.
+TEST_F(Faulty, FailureOfAQueueInTheInputEndsTheStream) {
+  const auto failing = faulty::Make();
+  faulty::Of(failing.Get()).flow = GST_FLOW_ERROR;
+  const struct {
+    const char* input_end;
+    Ptr<GstElement> filter;
+  } rows[] = {{" ! queue name=last", failing}, {" ! queue name=last ! identity error-after=20", Make("identity")}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.input_end);
+    Stream stream(MakeSource(false, row.input_end), {row.filter}, false);
     stream.pipeline.SetEnable(true);
     const auto pad = PadOf(*stream.Find("last"), "src");
     Await([&] { return gst_pad_get_last_flow_return(pad.Get()) == GST_FLOW_ERROR; });
-    EXPECT_EQ(ErrorOf([&] { stream.pipeline.AddFilters({Make("identity")}); }), kEnded);
+    EXPECT_THAT([&] { stream.pipeline.AddFilters({Make("identity")}); }, kStreamHasEnded);
   }
 }
 
-// What the input sends may fail while an output is yet to stop.
-TEST_F(Faulty, AStreamThatIsStoppedDoesNotEnd) {
-  for (const bool is_exchanged : {false, true}) {
+// The input fails while an output has yet to stop.
+TEST_F(Faulty, StopsAndExchangesSendNoEos) {
+  void (*const stops[])(Pipeline&) = {[](Pipeline& pipeline) { pipeline.SetEnable(false); },
+                                      [](Pipeline& pipeline) { pipeline.SetInput(MakeSource()); }};
+  for (const auto& stop : stops) {
     const auto input = MakeFaulty(kFaultyInput);
     const Watch slow(faulty::Make());
+    Faults& faults = faulty::Of(slow.element.Get());
+    faults.flow = Faults::kDrops;  // no element follows
+    faults.blocks = GST_STATE_CHANGE_PAUSED_TO_READY;
     Pipeline pipeline(1, "stopped");
-    faulty::Of(slow.element.Get()).flow = Faults::kDrops;  // no element follows
-    faulty::Of(slow.element.Get()).blocks = GST_STATE_CHANGE_PAUSED_TO_READY;
     pipeline.SetInput(input);
     pipeline.AddOutputs({slow.element});
     pipeline.SetEnable(true);
     slow.AwaitFrames();
-    const auto stop = [&] { is_exchanged ? pipeline.SetInput(MakeSource()) : pipeline.SetEnable(false); };
-    auto stopped = std::async(std::launch::async, stop);
+    auto stopped = std::async(std::launch::async, stop, std::ref(pipeline));
     Await([&] { return GST_STATE(slow.element.Get()) == GST_STATE_PAUSED; });
-    Told(input).flow = GST_FLOW_ERROR;
+    FaultsIn(input).flow = GST_FLOW_ERROR;
     stopped.get();
     EXPECT_EQ(slow.eos, 0U);
   }
 }
 
-// Lets each allocation of the call fail in turn until there is none left, every time from the same start.
+// Lets each allocation of the call fail in turn, until it makes no more.
 void FailEachAllocation(
-    const std::function<void()>& call, const std::function<void()>& prepare = [] {}) {
-  bool reached = true;
-  for (long i = 0; reached; ++i) {
+    const Call& call, const Call& prepare = [] {}) {
+  long failed = -1;
+  bool was_reached = true;
+  for (; was_reached; ++failed) {
     prepare();
-    until_failure = i;
-    const std::string error = ErrorOf<std::bad_alloc>(call);
-    reached = until_failure.exchange(-1) < 0;
-    EXPECT_TRUE(reached || (i > 0 && error == kNoError)) << error;
+    until_failure = failed + 1;
+    try {
+      call();
+    } catch (const std::bad_alloc&) {  // or another call has to fail
+    }
+    was_reached = until_failure.exchange(-1) < 0;
   }
+  EXPECT_GT(failed, 0) << "no allocation was made";
 }
 
-TEST_F(Faulty, AnAllocationMayFail) {
+TEST_F(Faulty, FailedAllocationLeavesEachChangeMadeOrNotMade) {
   Stream stream;
   auto& pipeline = stream.pipeline;
-  const Elements filter{Make("identity", "filter")};
-  const Elements output{Parse("identity ! fakesink", "output")};
-  // The stream flows, and the change before was made wholly or not at all: it can be made or undone.
-  const auto have = [&](bool with_filter, bool with_output) {
+  const Elements filter{Make("identity")};
+  const Elements output{Parse("identity ! fakesink")};
+  const auto have_filter = [&](bool wanted) {
     stream.watch.AwaitFrames();
-    if (pipeline.GetFilters().empty() == with_filter) {
-      const auto change = with_filter ? &Pipeline::AddFilters : &Pipeline::EraseFilters;
+    if (pipeline.GetFilters().empty() == wanted) {
+      const auto change = wanted ? &Pipeline::AddFilters : &Pipeline::EraseFilters;
       (pipeline.*change)(filter);
     }
-    if ((pipeline.GetOutputs().size() == 2) != with_output) {
-      const auto change = with_output ? &Pipeline::AddOutputs : &Pipeline::EraseOutputs;
+  };
+  const auto have_output = [&](bool wanted) {
+    stream.watch.AwaitFrames();
+    if ((pipeline.GetOutputs().size() == 2) != wanted) {
+      const auto change = wanted ? &Pipeline::AddOutputs : &Pipeline::EraseOutputs;
       (pipeline.*change)(output);
     }
   };
-  FailEachAllocation([&] { pipeline.AddFilters(filter); }, [&] { have(false, false); });
-  FailEachAllocation([&] { pipeline.EraseFilters(filter); }, [&] { have(true, false); });
-  FailEachAllocation([&] { pipeline.AddOutputs(output); }, [&] { have(false, false); });
-  FailEachAllocation([&] { pipeline.EraseOutputs(output); }, [&] { have(false, true); });
+  FailEachAllocation([&] { pipeline.AddFilters(filter); }, [&] { have_filter(false); });
+  FailEachAllocation([&] { pipeline.EraseFilters(filter); }, [&] { have_filter(true); });
+  FailEachAllocation([&] { pipeline.AddOutputs(output); }, [&] { have_output(false); });
+  FailEachAllocation([&] { pipeline.EraseOutputs(output); }, [&] { have_output(true); });
   EXPECT_EQ(GST_BIN(stream.Find("output_bin").Get())->numchildren, 3);
   stream.watch.ExpectWhole();
-  const auto exchange = [&] { pipeline.SetInput(MakeSource()); };
-  FailEachAllocation(exchange, [&] { exchange(), stream.watch.AwaitFrames(); });
+}
+
+TEST_F(Faulty, FailedAllocationOfAnExchangeIsRepairedByTheNext) {
+  Stream stream;
+  const auto exchange = [&] { stream.pipeline.SetInput(MakeSource()); };
+  FailEachAllocation(exchange, [&] {
+    exchange();
+    stream.watch.AwaitFrames();
+  });
+}
+
+TEST_F(Faulty, FailedAllocationDoesNotOutliveTheCall) {
   FailEachAllocation([] { Pipeline(2, "second"); });
   FailEachAllocation([] { EXPECT_EQ(MoxGstreamerPluginPathResolveFromLibraryName("none"), nullptr); });
   FailEachAllocation([] {

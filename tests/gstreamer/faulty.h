@@ -10,25 +10,24 @@
 #include <gst/base/gstbasetransform.h>
 #include <gst/gst.h>
 
-// An "identity" that fails as it is told to.
+// An "identity" that fails on request.
 namespace faulty {
 
 using mox::gstreamer::Ptr;
 
-/** What goes wrong with an element. May be told at any time, from any thread; at first nothing does. */
+/** What goes wrong with an element. May be set at any time, from any thread. */
 struct Faults {
   static constexpr auto kNone = static_cast<GstStateChange>(0);
   static constexpr auto kDrops = GST_BASE_TRANSFORM_FLOW_DROPPED;
   static constexpr int kFollows = -1;
 
-  std::atomic<int> answer = kFollows;          ///< The answer to a request for any state, instead of following it.
+  std::atomic<int> answer = kFollows;          ///< Returned for each request of a state, without a state change.
   std::atomic<GstStateChange> fails = kNone;   ///< The state change that fails, with an ERROR message.
-  std::atomic<bool> once = false;              ///< Whether it does so once only.
+  std::atomic<bool> once = false;              ///< The next time succeeds.
   std::atomic<GstStateChange> blocks = kNone;  ///< The state change that takes a second.
   std::atomic<bool> refuses_caps = false;
-  std::atomic<GstFlowReturn> flow = GST_FLOW_OK;  ///< The answer to a frame; kDrops lets none through.
-  std::atomic<int> dropped = 0;                   ///< How many frames kDrops has met.
-  std::atomic<int> errors = 0;                    ///< How many ERROR messages are to be posted, one a frame.
+  std::atomic<GstFlowReturn> flow = GST_FLOW_OK;  ///< Returned for each buffer.
+  std::atomic<int> errors = 0;                    ///< The number of ERROR messages to post, one a buffer.
 };
 
 inline Faults& Of(void* element) {
@@ -52,7 +51,7 @@ inline void InitializeClass(gpointer type, gpointer /*data*/) {
     }
     if (change == Of(element).fails) {
       Of(element).fails = Of(element).once ? Faults::kNone : change;
-      GST_ELEMENT_ERROR(element, CORE, STATE_CHANGE, ("told to fail"), (nullptr));
+      GST_ELEMENT_ERROR(element, CORE, STATE_CHANGE, ("set to fail"), (nullptr));
       return GST_STATE_CHANGE_FAILURE;
     }
     return ParentOf<GstElementClass>(element).change_state(element, change);
@@ -63,17 +62,16 @@ inline void InitializeClass(gpointer type, gpointer /*data*/) {
   GST_BASE_TRANSFORM_CLASS(type)->transform_ip = [](GstBaseTransform* element, GstBuffer* frame) {
     if (Of(element).errors > 0) {
       --Of(element).errors;
-      GST_ELEMENT_ERROR(element, STREAM, FAILED, ("told to fail"), (nullptr));
+      GST_ELEMENT_ERROR(element, STREAM, FAILED, ("set to fail"), (nullptr));
     }
     const GstFlowReturn flow = Of(element).flow;
-    Of(element).dropped += flow == Faults::kDrops ? 1 : 0;
     return flow != GST_FLOW_OK ? flow : ParentOf<GstBaseTransformClass>(element).transform_ip(element, frame);
   };
 }
 
 inline void InitializeElement(GTypeInstance* element, gpointer /*type*/) {
   g_object_set_data_full(G_OBJECT(element), "faults", new Faults,
-                         [](void* told) { delete static_cast<Faults*>(told); });
+                         [](void* faults) { delete static_cast<Faults*>(faults); });
 }
 
 inline GType Type() {
