@@ -170,5 +170,23 @@ TEST_F(PlaylistTest, TheCallbackReplacesTheInputAtEos) {
   EXPECT_GE(stream.watch.frames, 15U);
 }
 
+// The reader also handles the stream-start message of the pipeline, which must not wait for the change.
+TEST_F(PlaylistTest, CallbacksRunWhileAChangeWaits) {
+  const auto silent = live::Parse("videotestsrc ! valve drop=true");
+  stream.pipeline.SetInput(silent);
+  stream.pipeline.SetEnable(true);
+  auto change = std::async(std::launch::async, [this] { stream.pipeline.AddFilters({live::Make("identity")}); });
+  live::Await([&] { return gst_pad_is_blocked(live::PadOf(*silent, "src").Get()); });
+  const auto on_warning = stream.pipeline.GetBus().Bind(GST_MESSAGE_WARNING, [this](const GstMessage&) { ++ends; });
+  const Ptr<GstBus> bus(gst_pipeline_get_bus(&stream.pipeline.Get()));
+  gst_bus_post(bus.Get(), gst_message_new_stream_start(nullptr));
+  live::Await([&] {
+    gst_bus_post(bus.Get(), gst_message_new_custom(GST_MESSAGE_WARNING, nullptr, nullptr));
+    return ends > 0;
+  });
+  stream.pipeline.SetEnable(false);
+  EXPECT_THROW(change.get(), std::runtime_error);
+}
+
 }  // namespace
 }  // namespace mox::gstreamer

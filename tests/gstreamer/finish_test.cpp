@@ -1,3 +1,4 @@
+#include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
 #include <filesystem>
@@ -210,6 +211,61 @@ TEST_F(Finish, APausedPipelineEndsItsOutputsOnceItPlays) {
   gst_element_set_state(&element, GST_STATE_PLAYING);
   finished.get();
   EXPECT_EQ(stream.watch.eos, 1U);
+}
+
+TEST_F(Finish, AfterTheEndOfTheStreamThereIsNothingToWaitFor) {
+  std::atomic<int> ends = 0;
+  const auto on_end = stream.pipeline.GetBus().Bind(GST_MESSAGE_EOS, [&](const GstMessage&) { ++ends; });
+  stream.pipeline.SetInput(Parse("videotestsrc num-buffers=5"));
+  Await([&] { return ends == 1; });
+  EXPECT_NO_THROW(stream.pipeline.FinishOutputs({stream.watch.element}, 20s));
+  EXPECT_EQ(stream.watch.eos, 1U);
+}
+
+// A sink keeps a buffer for ever, and the allocation query that follows a new output waits for it.
+TEST_F(Finish, OutputsThatAreStuckHoldUpNoOther) {
+  const Watch other(Make("fakesink", "other"));
+  const Watch third(Make("fakesink", "third"));
+  stream.pipeline.AddOutputs({other.element});
+  other.AwaitFrames();
+  AddProbe(*PadOf(*stream.watch.element, "sink"), GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER,
+           [](GstPad&, auto&) { return GST_PAD_PROBE_OK; });
+  stream.pipeline.AddOutputs({third.element});
+  auto finished = std::async(std::launch::async, [&] { stream.pipeline.FinishOutputs({stream.watch.element}, 500ms); });
+  other.ExpectWhole();
+  EXPECT_EQ(finished.wait_for(0s), std::future_status::timeout) << "the others waited for the output that is stuck";
+  EXPECT_THROW(finished.get(), std::runtime_error);
+  third.ExpectWhole();
+}
+
+// Elements inside of the output have the EOS on their pads, and would end the stream with it.
+TEST_F(Finish, OutputsThatRefuseToStopRunAgain) {
+  const auto refusing = faulty::Make("refusing");
+  const Ptr<GstElement> output(gst_bin_new("output"));
+  const Watch last(Make("fakesink"));
+  gst_bin_add_many(GST_BIN(output.Get()), refusing.Ref(), last.element.Ref(), nullptr);
+  gst_element_link(refusing.Get(), last.element.Get());
+  gst_element_add_pad(output.Get(), gst_ghost_pad_new("sink", PadOf(*refusing, "sink").Get()));
+  stream.pipeline.AddOutputs({output});
+  last.AwaitFrames();
+  faulty::Of(refusing.Get()).once = true;
+  faulty::Of(refusing.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_READY;
+  EXPECT_THROW(stream.pipeline.FinishOutputs({output}, 20s), std::runtime_error);
+  last.AwaitFrames();
+  stream.watch.ExpectWhole();
+
+  // The EOS of the first time does not count.
+  DropEos(*refusing);
+  EXPECT_THROW(stream.pipeline.FinishOutputs({output}, 100ms), std::runtime_error);
+}
+
+TEST_F(Finish, SourcesInsideAnOutputEndToo) {
+  const auto output = MakeOutput("fakesink videotestsrc is-live=true ! fakesink name=own");
+  const Watch own(Find(*GST_BIN(output.Get()), "own"));
+  stream.pipeline.AddOutputs({output});
+  own.AwaitFrames();
+  stream.pipeline.FinishOutputs({output}, 20s);
+  EXPECT_EQ(own.eos, 1U);
 }
 
 }  // namespace
