@@ -57,6 +57,7 @@ struct Ground {
     const Ptr<GstBus> bus(gst_element_get_bus(GST_ELEMENT(&whole)));
     gst_bus_enable_sync_message_emission(bus.Get());
     g_signal_connect(bus.Get(), "sync-message::error", G_CALLBACK(OnError), this);
+    g_signal_connect(bus.Get(), "sync-message::eos", G_CALLBACK(+[] { ADD_FAILURE() << "an EOS message"; }), nullptr);
   }
 
   void Number(GstPadProbeInfo& info) {
@@ -257,6 +258,11 @@ struct Walker {
   void EraseOutput(bool after_frames) {
     std::swap(From(outputs), outputs.back());
     const Watch& watch = *outputs.back();
+    if (after_frames && Below(4) == 0) {
+      FinishOutput(watch);
+      outputs.pop_back();
+      return;
+    }
     if (after_frames) {
       watch.AwaitFrames(1);
     }
@@ -264,6 +270,21 @@ struct Walker {
       EXPECT_THAT(watch, IsIntact()) << GST_OBJECT_NAME(watch.element.Get());
       outputs.pop_back();
     }
+  }
+
+  // The output is detached even if a stop ends the call. After a restart by others there may be nothing to end yet.
+  void FinishOutput(const Watch& watch) {
+    std::unique_lock lock(ground.stopping, std::defer_lock);
+    if (Below(2) == 0) {
+      lock.lock();
+    }
+    watch.AwaitFrames(1);
+    Change([&] { pipeline.FinishOutputs({watch.element}, std::chrono::seconds(15)); });
+    if (lock) {
+      EXPECT_EQ(watch.eos, 1U);
+    }
+    EXPECT_EQ(watch.lost, 0U);
+    EXPECT_EQ(watch.misplaced, 0U);
   }
 
   Ptr<GstElement> Make(const std::string& description) {

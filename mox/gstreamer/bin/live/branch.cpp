@@ -228,6 +228,15 @@ Ptr<GstMessage> FindEos(GstBin& outputBin, GstElement& output) {
   return message;
 }
 
+// Ends the sources that an output contains, such as a microphone.
+void EndSources(const Ptr<GstElement>& output) {
+  for (const auto& element : GetElements(output)) {
+    if (GST_OBJECT_FLAG_IS_SET(element.Get(), GST_ELEMENT_FLAG_SOURCE) && !GST_IS_BIN(element.Get())) {
+      gst_element_send_event(element.Get(), check::event::MakeEos("Event Error: ").Ref());
+    }
+  }
+}
+
 // Returns true if every sink of the output has an EOS.
 bool AreSinksAtEos(const Ptr<GstElement>& output) {
   const auto elements = GetElements(output);
@@ -368,10 +377,7 @@ Branch Finish(GstBin& outputBin, const std::vector<Branch>& branches, std::chron
     } else if (gst_pad_has_current_caps(sink.Get())) {
       const bool had_eos = GST_PAD_IS_EOS(sink.Get());
       running.push_back({output, sink, had_eos, had_eos ? Ptr<GstMessage>() : FindEos(outputBin, *output)});
-      if (GST_IS_BIN(output.Get())) {
-        // Ends the sources of the output itself, such as a microphone.
-        gst_element_send_event(output.Get(), check::event::MakeEos("Event Error: ").Ref());
-      }
+      EndSources(output);
     }
   }
 
