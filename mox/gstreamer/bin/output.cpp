@@ -197,6 +197,7 @@ void FinishOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs, std:
   const auto tee = GetTee(outputBin);
   auto others = GetOutputs(outputBin);
   std::vector<live::Branch> branches;
+  branches.reserve(outputs.size());
   for (const auto& element : outputs) {
     branches.push_back(Take(others, element));
   }
