@@ -175,6 +175,17 @@ void Reconnect(GstPad& pad, const Branch& branch) {
   gst_pad_remove_probe(&pad, GPOINTER_TO_SIZE(g_object_steal_data(G_OBJECT(&pad), kCutOffProbe)));
 }
 
+void StartQueue(GstBin& outputBin, const Ptr<GstElement>& queue, const Ptr<GstElement>& output) {
+  LetAllocationOvertake(*queue);
+  for (const auto& element : GetElements(output)) {
+    if (std::string_view(G_OBJECT_TYPE_NAME(element.Get())) == "GstQueue") {
+      LetAllocationOvertake(*element);
+    }
+  }
+  Add(outputBin, queue);
+  Sync(*queue);
+}
+
 // Starts a branch again whose output refused to stop. One that cannot run any more stays cut off.
 void Restart(GstPad& pad, const Branch& branch) noexcept try {
   // Nothing may reach the pad before it is reconnected. Otherwise the stream's events, which the restarted queue needs
@@ -248,9 +259,17 @@ bool AreSinksAtEos(const Ptr<GstElement>& output) {
   });
 }
 
-/** A branch on its way to the end. */
+/** A branch that is cut off, on its way to the end. */
 struct Ending {
   enum class Progress { Running, Ended, Failed };
+
+  Ending(GstBin& outputBin, Ptr<GstElement> of, Ptr<GstPad> queue)
+      : output(std::move(of)),
+        sink(std::move(queue)),
+        had_eos(GST_PAD_IS_EOS(sink.Get())),
+        stale(had_eos ? Ptr<GstMessage>() : FindEos(outputBin, *output)) {
+    EndSources(output);
+  }
 
   Progress Check(GstBin& outputBin) const {
     if (!SendEos(*sink)) {
@@ -308,14 +327,7 @@ void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
   try {
     Start(last);
     if (!is_placeholder) {
-      LetAllocationOvertake(*first);
-      for (const auto& element : GetElements(last)) {
-        if (std::string_view(G_OBJECT_TYPE_NAME(element.Get())) == "GstQueue") {
-          LetAllocationOvertake(*element);
-        }
-      }
-      Add(outputBin, first);
-      Sync(*first);
+      StartQueue(outputBin, first, last);
     }
     lock.reset();
     if (!is_placeholder) {
@@ -368,27 +380,26 @@ Branch Finish(GstBin& outputBin, const std::vector<Branch>& branches, std::chron
 
   // Cut all off before the first is waited for.
   for (const auto& branch : branches) {
-    const auto& output = branch.back();
     const auto sink = GetSink(*branch.front());
     const auto pad = check::pad::GetPeer(*sink, kPadError);
     CutOff(*pad, branch);
     if (!WaitUntilIdle(outputBin, *pad, branch, is_late)) {
-      failed.push_back(output);
+      failed.push_back(branch.back());
     } else if (gst_pad_has_current_caps(sink.Get())) {
-      const bool had_eos = GST_PAD_IS_EOS(sink.Get());
-      running.push_back({output, sink, had_eos, had_eos ? Ptr<GstMessage>() : FindEos(outputBin, *output)});
-      EndSources(output);
+      running.emplace_back(outputBin, branch.back(), sink);
     }
   }
 
+  // Nothing announces that an output has posted EOS.
   while (!running.empty()) {
     const auto has_stopped = [&](const Ending& ending) {
       const auto progress = ending.Check(outputBin);
-      if (progress == Ending::Progress::Failed || (progress == Ending::Progress::Running && is_late())) {
+      const bool has_failed =
+          progress == Ending::Progress::Failed || (progress == Ending::Progress::Running && is_late());
+      if (has_failed) {
         failed.push_back(ending.output);
-        return true;
       }
-      return progress == Ending::Progress::Ended;
+      return has_failed || progress == Ending::Progress::Ended;
     };
     running.erase(std::remove_if(running.begin(), running.end(), has_stopped), running.end());
     if (!running.empty()) {
