@@ -24,8 +24,8 @@ constexpr auto kUsage =
     "frame or receives an EOS, if the stream or a thread stands still, if a call raises what it should not, or if\n"
     "elements, probes, descriptors, threads or memory are left.\n";
 
-// With and without threads of their own, some with other caps. The queues are short because a change waits until they
-// are drained, maybe at the pace of the slowest output.
+// With and without threads of their own, some with other caps. The queues are short because a
+// change waits until they are drained, maybe at the pace of the slowest output.
 constexpr const char* kFilters[] = {"identity",
                                     "identity ! identity",
                                     "queue max-size-buffers=2",
@@ -48,7 +48,7 @@ constexpr auto kIsPaced = "is-paced";
 /** What the walkers share. */
 struct Ground {
   Ground() {
-    // Frames are numbered where the library receives them, so that from here on no number may be missing.
+    // Numbers the frames where the library receives them. From here on none may be missing.
     constexpr auto items = GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM;
     AddProbe(*PadOf(*Find(whole, "color_converter"), "sink"), items, [this](GstPad&, auto& info) {
       Number(info);
@@ -162,15 +162,16 @@ struct Walker {
     }
   }
 
-  // Otherwise many threads on a busy machine would restart the stream before a first frame has passed the filters.
+  // Otherwise many threads would restart the stream before a first frame has passed the filters.
   void MaybeAwaitFrame() {
     if (Below(4) > 0) {
       ground.leaving.AwaitFrames(1);
     }
   }
 
-  // A seek that does not flush waits for the streaming thread, which must not be waiting for a preroll. A flush that
-  // meets the first events of a stream is an error for its source, so they have to be through.
+  // A seek that does not flush waits for the streaming thread, which must not be waiting for a
+  // preroll. A flush that meets the first events of a stream is an error for its source, so they
+  // have to be through.
   void Seek() {
     const std::unique_lock lock(ground.stopping);
     ground.leaving.AwaitFrames(1);
@@ -181,8 +182,9 @@ struct Walker {
                             flushes ? GST_SEEK_FLAG_FLUSH : GST_SEEK_FLAG_NONE, 0);
   }
 
-  // Through the element, as a program does it. An exchange waits, because it would restore the pause. If the slowest
-  // output set the pace, the others would wait for a preroll that is stuck at its full queue.
+  // Through the element, as a program does it. An exchange waits, because it would restore the
+  // pause. If the slowest output set the pace, the others would wait for a preroll that is stuck at
+  // its full queue.
   void Pause() {
     const std::unique_lock lock(ground.stopping);
     if (g_object_get_data(G_OBJECT(pipeline.GetInput().Get()), kIsPaced) != nullptr) {
@@ -314,7 +316,7 @@ struct Walker {
     ++changes;
   }
 
-  // While the pipeline is stopped, this thread makes a few changes, as others may do. A start may fail.
+  // Makes a few changes while the pipeline is stopped, as others may do. A start may fail.
   void StopAndStart() {
     const std::unique_lock lock(ground.stopping);
     ground.Stop();
@@ -358,7 +360,7 @@ struct Walker {
         {"erase an unknown filter", [&] { pipeline.EraseFilters({one}); }},
         {"erase an unknown output", [&] { pipeline.EraseOutputs({one}); }},
         {"remove the input", [&] { pipeline.SetInput({}); }},
-        // The first output stays. If the wrong one were the first, no output could be added any more.
+        // The first output stays. Without it no output could be added any more.
         {"add an output for audio",
          [&] {
            pipeline.AddOutputs({MakeOutput("fakesink"), audio});
@@ -429,7 +431,7 @@ std::size_t CountOwn(const std::string& kind) {
 
 /** What the process holds. */
 struct Holding {
-  // Waits for what goes by itself: threads that GLib keeps for a moment, and elements that a last message refers to.
+  // Waits for threads that GLib keeps for a moment, and for elements in a last message.
   Holding(const Ground& ground, std::size_t threads_at_rest) {
     for (int tenths = 0; tenths < 50 && (CountOwn("task") > threads_at_rest || ground.alive > 0); ++tenths) {
       std::this_thread::sleep_for(100ms);

@@ -88,7 +88,7 @@ Faults& FaultsIn(const Ptr<GstElement>& bin) {
 }
 
 struct FaultsTest : live::Test, testing::WithParamInterface<Fault> {
-  // Puts a faulty element into the playing pipeline and takes it out. At the end of the stream that may be refused.
+  // Puts a faulty element into the playing pipeline and takes it out.
   void Expect(Outcome outcome, const Ptr<GstElement>& element, const Call& put, const Call& take,
               const testing::Matcher<Call>& take_at_the_end = kSucceeds) {
     Faults& faults = FaultsIn(element);

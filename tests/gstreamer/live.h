@@ -58,8 +58,10 @@ int References(const Ptr<T>& object) {
   return GST_OBJECT_REFCOUNT_VALUE(object.Get());
 }
 
-/** Makes a source of small numbered frames (GST_BUFFER_OFFSET), which runs freely or 60 a second. `end` ends its
- * description. */
+/**
+ * Makes a source of small frames, numbered in GST_BUFFER_OFFSET: 60 a second if it is paced,
+ * otherwise as many as it can. Its description ends with `end`.
+ */
 inline Ptr<GstElement> MakeSource(bool paced = false, const std::string& end = "") {
   return Parse(std::string("videotestsrc pattern=black is-live=") + (paced ? "true" : "false") +
                " ! capsfilter caps=video/x-raw,width=16,height=16,framerate=60/1" + end);
@@ -82,8 +84,7 @@ inline gulong AddProbe(GstPad& pad, int types, std::function<GstPadProbeReturn(G
       new Function(std::move(function)), [](gpointer data) { delete static_cast<Function*>(data); });
 }
 
-/** Aborts in so many seconds, unless called again before. If gdb is installed, prints the stacks of all threads first.
- */
+/** Aborts in so many seconds, unless called again before. With gdb it prints all stacks first. */
 inline void SetDeadline(unsigned seconds = 280) {
   std::signal(SIGALRM, [](int) {
     prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
@@ -102,7 +103,7 @@ void Await(const Condition& condition) {
   }
 }
 
-/** Returns true if the event starts another stream than this. A pad that is linked again receives its event again. */
+/** Returns true if the event starts another stream. A new link repeats the old event. */
 inline bool Starts(GstEvent& event, guint& stream) {
   const guint before = stream;
   return GST_EVENT_TYPE(&event) == GST_EVENT_STREAM_START && gst_event_parse_group_id(&event, &stream) != FALSE &&
@@ -114,8 +115,8 @@ MATCHER(IsIntact, "lost, repeated or reordered no frame and received no EOS") {
 }
 
 /**
- * Counts what reaches an element's "sink" pad, and every step in the frames' numbers that is not one. The first frame
- * may have any number, that of a later stream has number 0.
+ * Counts what reaches an element's "sink" pad, and every step in the frames' numbers that is not
+ * one. The first frame may have any number, that of a later stream has number 0.
  */
 class Watch {
  public:
@@ -156,8 +157,9 @@ class Watch {
   std::atomic<std::size_t> eos = 0;
 
  private:
-  // Returns true while the element, or a bin around it, stops. Sinks that have stopped make queues upstream drop
-  // buffers, and those that are still in PAUSED may receive later ones, which they never render.
+  // Returns true while the element, or a bin around it, stops. Sinks that have stopped make queues
+  // upstream drop buffers, and those that are still in PAUSED may receive later ones, which they
+  // never render.
   bool IsStopping() const {
     Ptr<GstObject> object(GST_OBJECT(gst_object_ref(element.Get())));
     while (object && GST_STATE_TARGET(object.Get()) >= GST_STATE_PAUSED) {
@@ -198,7 +200,7 @@ class Watch {
   gulong probe_ = 0;
 };
 
-/** A pipeline with a watched output, which plays if that is asked for. */
+/** A pipeline with an output that is watched. Plays by default. */
 struct Stream {
   explicit Stream(const Ptr<GstElement>& input = MakeSource(), const Elements& filters = {}, bool plays = true) {
     pipeline.SetInput(input);
@@ -216,7 +218,7 @@ struct Stream {
   Pipeline pipeline{1, "stream"};
 };
 
-/** A test with GStreamer up, which fails with what GStreamer warns of, as events out of their order. */
+/** Initialises GStreamer. Its warnings, for example about misordered events, fail the test. */
 class Test : public testing::Test {
  protected:
   static void SetUpTestSuite() {

@@ -114,8 +114,8 @@ TEST_F(Live, SizeThatUpstreamCannotChangeIsRefused) {
   }
 }
 
-// Outputs that receive no frame, wait for the clock, or take 20 seconds for the second of video in their queue. A query
-// for an allocation overtakes that.
+// Outputs that receive no frame, wait for the clock, or take 20 seconds for the second of video in
+// their queue. A query for an allocation overtakes that.
 TEST_F(Live, ChangesDoNotWaitForSlowOutputs) {
   std::atomic<bool> is_full = false;
   Stream stream(MakeSource(true));
@@ -184,7 +184,7 @@ TEST_F(Live, StopEndsAChangeThatWaitsForAFilter) {
   ExpectStopEndsChanges(stream);
 }
 
-// The filter pushes at an EOS, as an encoder does, until an output that keeps its first frame has a full queue.
+// At an EOS the filter pushes, as an encoder does, until the queue of a stuck output is full.
 TEST_F(Live, StopEndsAPushOfAFilterThatDrains) {
   std::atomic<bool> is_pushing = false;
   const auto filter = Make("identity");
@@ -269,8 +269,8 @@ TEST_F(Live, ExchangesAndErrorsKeepTheTargetStateOfTheProgram) {
   }
 }
 
-// The filter drops the EOS of a drain, as if the flush had discarded it. It also drops one that precedes any segment,
-// as some filters with several inputs do.
+// The filter drops the EOS of a drain, as if the flush had discarded it. It also drops one that
+// precedes any segment, as some filters with several inputs do.
 TEST_F(Live, FlushingSeekEndsADrain) {
   std::atomic<bool> drops_eos = false;
   const auto filter = Make("queue");
@@ -291,7 +291,7 @@ TEST_F(Live, FlushingSeekEndsADrain) {
   EXPECT_EQ(stream.watch.eos, 0U);
 }
 
-// An encoder, for example, needs several frames before it pushes the first. The other output waits for its preroll.
+// The slow output needs 30 frames, as an encoder may. The other one waits for its preroll.
 TEST_F(Live, ChangesDoNotWaitForPreroll) {
   std::atomic<int> arrived = 0;
   const auto slow = Parse("identity ! fakesink");
@@ -356,7 +356,7 @@ TEST_F(Live, OutputsHaveTheLatencyOfTheFilters) {
   EXPECT_EQ(latency(), before);
 }
 
-// The time of another input starts at zero. With the base time of the old one all its frames would be late.
+// The time of the new input starts at zero: with the old base time all its frames would be late.
 TEST_F(Live, OutputsRenderAnotherInputOnTime) {
   std::atomic<int> rendered = 0;
   Stream stream(MakeSource(true));
