@@ -41,17 +41,6 @@ inline Ptr<GstElement> Parse(const std::string& description, const char* name = 
   return bin;
 }
 
-/** Returns the text of the error that the function raises. */
-template <typename Error = std::runtime_error, typename Function>
-std::string ErrorOf(const Function& function) {
-  try {
-    function();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return "no error";
-}
-
 /** Returns the number of references to an object. */
 template <typename T>
 int References(const Ptr<T>& object) {
