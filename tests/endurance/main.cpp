@@ -3,7 +3,6 @@
 
 #include <deque>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <memory>
 #include <random>
@@ -436,15 +435,13 @@ struct Holding {
     for (int tenths = 0; tenths < 50 && (CountOwn("task") > threads_at_rest || ground.alive > 0); ++tenths) {
       std::this_thread::sleep_for(100ms);
     }
-    malloc_trim(0);  // what the allocator keeps is no leak
-    std::size_t pages = 0;
-    std::ifstream("/proc/self/statm").ignore(20, ' ') >> pages;
-    memory = pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024;
+    const auto allocated = mallinfo2();  // without what the allocator keeps for later
+    memory = (allocated.uordblks + allocated.hblkhd) / 1024;
     threads = CountOwn("task");
     descriptors = CountOwn("fd");
   }
 
-  std::size_t memory;  ///< In KiB, resident.
+  std::size_t memory;  ///< In KiB, allocated.
   std::size_t threads;
   std::size_t descriptors;
 };

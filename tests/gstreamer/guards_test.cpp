@@ -169,6 +169,24 @@ TEST_F(Guards, OtherProbesDoNotSeeTheEosOfADrain) {
   EXPECT_EQ(ends, 0);
 }
 
+// As if a flush came in between: the filter passes the EOS on to its queue, and answers that it has not.
+TEST_F(Guards, RefusedEosOfADrainDoesNotReachTheOutputs) {
+  const auto filter = Parse("identity name=refusing ! queue");
+  const auto sink = PadOf(*Find(*GST_BIN(filter.Get()), "refusing"), "sink");
+  static const GstPadEventFunction forward = GST_PAD_EVENTFUNC(sink.Get());
+  gst_pad_set_event_function(sink.Get(), [](GstPad* pad, GstObject* element, GstEvent* event) -> gboolean {
+    const bool is_eos = GST_EVENT_TYPE(event) == GST_EVENT_EOS;
+    return forward(pad, element, event) != FALSE && !is_eos;
+  });
+  Stream stream(MakeSource(), {filter});
+  const auto other = Make("identity");
+  for (int i = 0; i < 50; ++i) {
+    stream.pipeline.AddFilters({other});
+    stream.pipeline.EraseFilters({other});
+  }
+  EXPECT_EQ(stream.watch.eos, 0U);
+}
+
 // One frame a second, so the queue has failed before the next one comes.
 TEST_F(Guards, FilterWithAFailedQueueIsErased) {
   const auto filter = Parse("queue name=failed ! faulty name=told");

@@ -12,6 +12,7 @@
 #include <exception>
 #include <future>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 namespace mox::gstreamer::bin::live {
@@ -34,29 +35,39 @@ struct Shared {
   std::promise<void> changed;  ///< The change has been made or has failed.
 };
 
-// Sends an EOS through the filter bin and drops it where it leaves the bin, after the last of the data. A flush ends
-// the drain too, because it discards the data and the EOS.
-void Drain(GstPad& sink, GstPad& source, const std::shared_ptr<Shared>& shared) {
+// Drops the EOS of a drain where it leaves the filter bin, after the last of the data. A flush ends the drain too,
+// because it discards the data and the EOS.
+class EndOfDrain {
+ public:
+  EndOfDrain(GstPad& source, const std::shared_ptr<Shared>& shared)
+      : eos_(source, GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+             [shared](GstPadProbeInfo& info) {
+               // A filter may push events of its own first.
+               if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(&info)) != GST_EVENT_EOS) {
+                 return GST_PAD_PROBE_PASS;
+               }
+               shared->End();
+               return GST_PAD_PROBE_DROP;
+             }),
+        flush_(source, GST_PAD_PROBE_TYPE_EVENT_FLUSH, [shared](GstPadProbeInfo&) {
+          shared->End();
+          return GST_PAD_PROBE_OK;
+        }) {}
+
+ private:
+  ScopedProbe eos_;
+  ScopedProbe flush_;
+};
+
+// Sends an EOS through the filter bin and waits for its end.
+void Drain(GstPad& sink, Shared& shared) {
   // Without a segment no buffer has come. There is nothing to drain, and some filters would keep the EOS.
   if (!Ptr<GstEvent>(gst_pad_get_sticky_event(&sink, GST_EVENT_SEGMENT, 0))) {
     return;
   }
-  constexpr auto blocks_events = GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM;
-  const ScopedProbe eos(source, blocks_events, [shared](GstPadProbeInfo& info) {
-    // A filter may push events of its own first.
-    if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(&info)) != GST_EVENT_EOS) {
-      return GST_PAD_PROBE_PASS;
-    }
-    shared->End();
-    return GST_PAD_PROBE_DROP;
-  });
-  const ScopedProbe flush(source, GST_PAD_PROBE_TYPE_EVENT_FLUSH, [shared](GstPadProbeInfo&) {
-    shared->End();
-    return GST_PAD_PROBE_OK;
-  });
   // A bin that refuses the EOS is open, has failed or is flushing, and has nothing left to drain.
   if (gst_pad_send_event(&sink, check::event::MakeEos("Event Error: ").Ref())) {
-    shared->end.get_future().wait();
+    shared.end.get_future().wait();
   }
 }
 
@@ -74,8 +85,11 @@ class Block {
             return GST_PAD_PROBE_PASS;  // comes from any thread, maybe while a buffer is on its way
           }
           if (!shared->is_taken.exchange(true)) {
+            // Stays until the change is made: an EOS that a flush seems to refuse may be inside a queue already.
+            std::optional<EndOfDrain> end;
             try {
-              Drain(*sink, *source, shared);
+              end.emplace(*source, shared);
+              Drain(*sink, *shared);
               shared->drained.set_value();
             } catch (...) {
               shared->drained.set_exception(std::current_exception());
