@@ -7,13 +7,15 @@
 
 namespace mox::glib {
 
-/** Owns one `GValue`. That of an empty value is not initialised: `G_IS_VALUE` is false. */
+/**
+ * Owns one `GValue`. If the value is empty, the `GValue` is not initialised: `G_IS_VALUE` is false.
+ */
 class MOX_EXPORT Value {
  public:
-  /** Makes an empty value. */
+  /** Creates an empty value. */
   Value() noexcept = default;
 
-  /** Copies `value`. One that is not initialised makes an empty value. */
+  /** Copies `value`. The copy is empty if `value` is not initialised. */
   explicit Value(const GValue& value);
 
   /** Copies the `GValue`, or moves it; `other` is empty after a move. */

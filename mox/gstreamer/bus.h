@@ -15,19 +15,20 @@ namespace mox::gstreamer {
 /**
  * Reads a GStreamer bus on a thread of its own and hands each message to the callbacks bound to its type.
  *
- * The bus must deliver asynchronously, as that of a pipeline does; that of a bin inside a pipeline does not. While
+ * The bus must deliver asynchronously. The bus of a pipeline does; the bus of a bin inside a pipeline does not. While
  * nothing is bound, messages stay on the bus. While something is bound, messages of other types are discarded. A new
  * binding takes effect within 500 ms, and may miss messages of its type until then.
  *
  * Callbacks run on the reader thread, one at a time, in the order of their slots; the first free slot is used first.
  * They borrow the message. They must not throw, bind or release bindings of this bus, or wait for a thread that does.
  *
- * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", destroying it does nothing.
+ * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", and destroying it does
+ * nothing.
  */
 class MOX_EXPORT Bus {
  public:
   /**
-   * Takes over the reference to the bus and starts the reader thread.
+   * Adopts the reference to the bus and starts the reader thread.
    *
    * @throws std::invalid_argument if `bus` is empty
    * @throws std::system_error if the thread cannot be started
@@ -35,8 +36,8 @@ class MOX_EXPORT Bus {
   explicit Bus(Ptr<GstBus> bus);
 
   /**
-   * Takes over the reader and the bindings of `other`, which is empty afterwards. Assignment also destroys the reader
-   * that was there, and waits as the destructor does.
+   * Moves the reader and its bindings; `other` is empty afterwards. Assignment also destroys the previous reader, and
+   * waits as the destructor does.
    */
   ///@{
   Bus(Bus&& other) noexcept;
@@ -44,12 +45,12 @@ class MOX_EXPORT Bus {
   ///@}
 
   /**
-   * Stops and joins the reader: waits up to about 500 ms, and for a callback that is running. A callback that destroys
-   * its bus would wait for itself.
+   * Stops and joins the reader. Waits up to about 500 ms, and for a running callback. A callback that destroys its bus
+   * would wait for itself.
    */
   ~Bus();
 
-  /** The bus, borrowed. */
+  /** Returns the bus, borrowed. */
   ///@{
   GstBus& Get();
   const GstBus& Get() const;
@@ -57,8 +58,7 @@ class MOX_EXPORT Bus {
 
   /**
    * Calls `callback` for every message whose type is exactly `type`, until the returned binding is released. The
-   * binding may be released from any thread but the reader's, waits for a callback that is running, and may outlive
-   * the bus.
+   * binding may outlive the bus. Any thread except the reader may release it; the release waits for a running callback.
    *
    * @throws std::logic_error "Cannot register types exceeding GST_MESSAGE_EXTENDED" for an extended type or
    * GST_MESSAGE_ANY
@@ -73,7 +73,7 @@ class MOX_EXPORT Bus {
   std::shared_ptr<Impl> impl_;
 };
 
-/** Exchanges the two; the callbacks go with their buses. */
+/** Swaps the two; the callbacks stay with their buses. */
 inline void swap(Bus& left, Bus& right) noexcept {
   left.impl_.swap(right.impl_);
 }

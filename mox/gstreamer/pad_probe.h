@@ -20,14 +20,14 @@ namespace mox::gstreamer {
  * the callback throws, the future gets the exception and GStreamer gets GST_PAD_PROBE_OK.
  *
  * The pad is borrowed and must outlive the probe. Destroying the probe removes it from the pad and
- * ends its block. It waits for no callback: one that runs on another thread still delivers to the
- * future, so what the callback refers to must live until the future is ready.
+ * ends its block. It waits for no callback. One that runs on another thread still delivers to the
+ * future, so objects that the callback refers to must live until the future is ready.
  *
- * GStreamer destroys the callback under the object lock of the pad. The destructors of what it owns
- * must not touch that pad, not even to read its peer or to remove another probe; otherwise they
- * deadlock.
+ * GStreamer destroys the callback under the object lock of the pad. The destructors of objects that
+ * it owns must not use that pad, not even to read its peer or to remove another probe. Otherwise
+ * they deadlock.
  *
- * After a move the source is empty: its operations throw std::logic_error "Pimpl is null",
+ * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", and
  * destroying it does nothing.
  */
 class MOX_EXPORT PadProbe {
@@ -44,8 +44,8 @@ class MOX_EXPORT PadProbe {
   PadProbe(PadProbe&& other) noexcept;
 
   /**
-   * Moves the probe, then destroys the one held before. Waits for the object lock of its pad, but
-   * for no callback.
+   * Moves the probe, then destroys the previous one. Waits for the object lock of its pad, but for
+   * no callback.
    */
   PadProbe& operator=(PadProbe&& other) noexcept;
 

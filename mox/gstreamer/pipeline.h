@@ -25,18 +25,18 @@ namespace mox::gstreamer {
  * stream-start messages. It always uses the system clock, because an element that provides a clock may be removed.
  *
  * Every operation may be called from any thread except the pipeline's streaming threads. Operations on one pipeline run
- * one after the other: each waits for the previous one, even if that waits for data. `Get`, `GetId`, `GetState`,
- * `GetEnable`, `GetContext` and `GetBus` do not wait for it, and `SetEnable(false)` ends a change of filters or outputs
- * that waits, in a pipeline that `SetEnable(true)` has started. A pipeline must not be destroyed during a call. Destroy
- * several pipelines in parallel, because each takes up to 500 ms.
+ * one after the other: each waits for the previous one, even if that waits for data. `Get`, `GetId`, `GetEnable`,
+ * `GetContext` and `GetBus` wait for nothing, and `GetState` only while `SetEnable` changes the state. If
+ * `SetEnable(true)` has started the pipeline, `SetEnable(false)` ends a change of filters or outputs that waits. A
+ * pipeline must not be destroyed during a call. Destroy several pipelines in parallel, because each takes up to 500 ms.
  *
- * Elements are shared: the caller keeps its handles. A floating element that is refused has no other owner, and is gone
- * with the caller's handle.
+ * The pipeline and the caller share elements: the caller keeps its handles. A refused floating element has no other
+ * owner, and is destroyed with the caller's handle.
  *
  * A program may set the state through `Get()`, for example to PAUSED. The pipeline keeps that target state. During
  * another call only `SetEnable(false)` may stop the pipeline.
  *
- * A moved-from pipeline throws std::logic_error "Pimpl is null" from its operations; destroying it does nothing. A
+ * The operations of a moved-from pipeline throw std::logic_error "Pimpl is null"; destroying it does nothing. A
  * GStreamer call that fails raises std::runtime_error with a text that names the objects.
  */
 class MOX_EXPORT Pipeline {
@@ -49,18 +49,21 @@ class MOX_EXPORT Pipeline {
     Stopping = 3,  ///< Going to NULL.
   };
 
-  /** Makes a stopped pipeline without input. `name` is the name of the GStreamer element. */
+  /** Creates a stopped pipeline without input. `name` is the name of the GStreamer element. */
   Pipeline(unsigned id, const std::string& name);
 
-  /** Takes over the pipeline of `other`, which is empty afterwards. Assignment waits as the destructor does. */
+  /**
+   * Moves the pipeline; `other` is empty afterwards. Assignment destroys the previous one, and waits as the destructor
+   * does.
+   */
   ///@{
   Pipeline(Pipeline&& other) noexcept;
   Pipeline& operator=(Pipeline&& other) noexcept;
   ///@}
 
   /**
-   * Stops the pipeline and joins its bus reader: waits for every element to stop, and up to about 500 ms. Removes an
-   * element that refuses to stop from its bin, and stops the others.
+   * Stops the pipeline and joins its bus reader. Waits for every element to stop, and up to about 500 ms for the
+   * reader. Removes an element that refuses to stop from its bin, and stops the others.
    */
   ~Pipeline();
 
@@ -84,8 +87,8 @@ class MOX_EXPORT Pipeline {
 
   /**
    * Replaces the input, in any state. An empty handle removes it from a stopped pipeline. The new input must have a
-   * source pad. Stops the whole pipeline for the exchange and restores its target state: running time starts at zero
-   * again, and data and bus messages on their way are dropped. Waits until every element has stopped.
+   * source pad. Stops the whole pipeline for the exchange and restores its target state. Running time starts at zero
+   * again; data inside the pipeline and messages on the bus are dropped. Waits until every element has stopped.
    *
    * If the new element cannot be added or linked, the pipeline has no input until the next `SetInput`, and changes of
    * the filters are refused.
@@ -100,30 +103,30 @@ class MOX_EXPORT Pipeline {
   /** Returns the filters, upstream first. */
   std::vector<Ptr<GstElement>> GetFilters() const;
 
-  /** `bin::filter::AddFilters` while stopped, otherwise `bin::filter::BlockAddFilters`, which waits for data. */
+  /** Calls `bin::filter::AddFilters` if stopped, otherwise `bin::filter::BlockAddFilters`, which waits for data. */
   void AddFilters(std::vector<Ptr<GstElement>> filters);
 
-  /** `bin::filter::EraseFilters` while stopped, otherwise `bin::filter::BlockEraseFilters`, which waits for data. */
+  /** Calls `bin::filter::EraseFilters` if stopped, otherwise `bin::filter::BlockEraseFilters`, which waits for data. */
   void EraseFilters(std::vector<Ptr<GstElement>> filters);
 
   /** Returns the outputs with their queues, in the order of attaching. */
   std::vector<pipeline::Output> GetOutputs() const;
 
-  /** `bin::output::AddOutputs`, in every state. */
+  /** Calls `bin::output::AddOutputs`, in every state. */
   void AddOutputs(std::vector<Ptr<GstElement>> outputs);
 
-  /** `bin::output::EraseOutputs`, in every state. Sends no EOS: `FinishOutputs` ends a recording. */
+  /** Calls `bin::output::EraseOutputs`, in every state. Sends no EOS: `FinishOutputs` ends a recording. */
   void EraseOutputs(std::vector<Ptr<GstElement>> outputs);
 
   /**
-   * `bin::output::FinishOutputs`, in every state. Video plays on meanwhile, but other operations wait.
+   * Calls `bin::output::FinishOutputs`, in every state. The video continues meanwhile, but other operations wait.
    * `SetEnable(false)` ends the call.
    */
   void FinishOutputs(std::vector<Ptr<GstElement>> outputs, std::chrono::nanoseconds timeout);
 
   /**
    * Returns the reader of the pipeline's bus, borrowed until the pipeline is destroyed. Programs bind callbacks by
-   * message type: ERROR, EOS, WARNING, LATENCY, ELEMENT. They run on the reader thread, in the order in which the
+   * message type, for example ERROR, EOS, WARNING or ELEMENT. They run on the reader thread, in the order in which the
    * messages were posted.
    *
    * A callback may call the operations of the pipeline, but no message is read while it runs. Calls that wait, such as
@@ -139,13 +142,13 @@ class MOX_EXPORT Pipeline {
    * Starts or stops the pipeline. Does nothing if `enable` is already set, or if the pipeline is already in a state
    * that the request leads to. Starting does not wait for the first frame.
    *
-   * Stopping waits for every element to stop. It discards data on its way and sends the outputs no EOS, so end
+   * Stopping waits for every element to stop. It discards data inside the pipeline and sends the outputs no EOS, so end
    * recordings with `FinishOutputs` first. A change of filters or outputs that waits on another thread raises
-   * std::runtime_error, and changes nothing; `FinishOutputs` detaches its outputs. Stopping waits for an exchange of
-   * the input.
+   * std::runtime_error and changes nothing; `FinishOutputs` raises it and detaches its outputs. Stopping does not end
+   * an exchange of the input, but waits for it.
    *
-   * @throws std::logic_error if it is to start without an input
-   * @throws std::runtime_error if an element refuses; state and enable stay as they were
+   * @throws std::logic_error if `enable` is true and the pipeline has no input
+   * @throws std::runtime_error if an element refuses; `GetState` and `GetEnable` are unchanged
    */
   void SetEnable(bool enable);
 
@@ -156,7 +159,7 @@ class MOX_EXPORT Pipeline {
   std::unique_ptr<Impl> impl_;
 };
 
-/** Exchanges the two. */
+/** Swaps the two. */
 inline void swap(Pipeline& left, Pipeline& right) noexcept {
   left.impl_.swap(right.impl_);
 }

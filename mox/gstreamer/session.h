@@ -27,15 +27,16 @@ class MOX_EXPORT Session {
  public:
   /**
    * Initialises GStreamer unless the program has done so. Forwards its debug log to the logger
-   * "mox.gstreamer.session", loads the plugins in the folder "gstreamer-1.0" beside this library
-   * and ranks the NVIDIA and VA-API decoders that it finds above the others.
+   * "mox.gstreamer.session" and loads the plugins in the folder "gstreamer-1.0" beside this
+   * library. Ranks the H.264 and H.265 decoders that it finds: those of NVIDIA first, then those of
+   * VA-API, then the others. Lowers the rank of "vaapidecodebin".
    *
-   * Two environment variables select the lines. GST_DEBUG selects what GStreamer logs: warnings and
-   * errors if it is unset or empty. MOX_LOG_LEVEL selects what the logger writes of that: "info"
-   * and above if it is unset. So GST_DEBUG=5 shows DEBUG lines only with MOX_LOG_LEVEL=debug, and
-   * GST_DEBUG=7 shows TRACE lines only with MOX_LOG_LEVEL=trace. FIXME, LOG and MEMDUMP lines have
-   * no level; only MOX_LOG_LEVEL=all shows them. What GStreamer logs during its initialisation
-   * still goes to standard error.
+   * Two environment variables select the lines. GST_DEBUG selects the lines that GStreamer logs:
+   * warnings and errors if it is unset or empty. MOX_LOG_LEVEL selects those of them that the
+   * logger writes: "info" and above if it is unset. For example, GST_DEBUG=5 shows DEBUG lines only
+   * with MOX_LOG_LEVEL=debug, and GST_DEBUG=7 shows TRACE lines only with MOX_LOG_LEVEL=trace.
+   * FIXME, LOG and MEMDUMP lines have no level; only MOX_LOG_LEVEL=all shows them. Lines that
+   * GStreamer logs during its initialisation still go to standard error.
    *
    * @throws std::runtime_error if the path of this library is unknown; GStreamer stays initialised
    * and its debug log stays forwarded
@@ -57,7 +58,7 @@ extern "C" {
 /** Creates a session. Returns null and logs the error if that fails. */
 MOX_EXPORT void* MoxGstreamerSessionCreate(void);
 
-/** Destroys a session; null is ignored. */
+/** Destroys a session; ignores null. */
 MOX_EXPORT void MoxGstreamerSessionRelease(void* session);
 
 #ifdef __cplusplus

@@ -21,8 +21,8 @@ namespace mox::logging {
  *
  * Records are lines on standard error: time (UTC), level, logger name and message. The environment
  * variable MOX_LOG_LEVEL, read at the first record, is the lowest level written: "trace", "debug",
- * "info", "warning" or "error"; "info" if it is unset or unknown. "none" writes nothing, "all"
- * writes records of `Level::None` too.
+ * "info", "warning" or "error". An unset or unknown value means "info". "none" writes nothing,
+ * "all" writes records of `Level::None` too.
  *
  * Several threads may use a logger at once.
  */

@@ -9,7 +9,7 @@
 
 namespace mox::object {
 
-/** An object with a run-time type, the hash of a type name ("mox.property.Bool"). Any thread. */
+/** An object with a run-time type: the hash of a name such as "mox.property.Bool". Any thread. */
 class MOX_EXPORT Object {
  public:
   virtual ~Object();

@@ -24,7 +24,7 @@ struct Limits<bool> {};
 template <>
 struct Limits<std::string> {};
 
-/** A property that holds one of the ten value types. */
+/** A property of one of the ten value types. */
 template <typename T>
 class MOX_EXPORT Primitive final : public Property {
  public:

@@ -12,11 +12,13 @@
 namespace mox::property {
 
 /**
- * A named, typed value that is set and read as any of the ten value types that can hold the value.
+ * A named value of one of the ten value types. It is set and read as any of the ten types that can
+ * represent the value.
  *
- * A number converts to a number type that has exactly this value; only a double is rounded to the
- * nearest float. A bool converts to 0 or 1. Text converts to nothing else. Any other conversion
- * throws a std::runtime_error that names the property and the value, and changes nothing.
+ * A number converts to another number type if that type has exactly this value. A double converts
+ * to the nearest float. A bool converts to 0 or 1. Text converts to nothing else. Any other
+ * conversion throws a std::runtime_error that names the property and the value, and changes
+ * nothing.
  *
  * Setting a property notifies nobody. Several threads may set, read and write a property at once;
  * none sees half a value.
@@ -49,8 +51,8 @@ class MOX_EXPORT Property : public object::Object {
   /**
    * Sets the value.
    *
-   * @throws std::runtime_error if the type cannot hold the value, or if it is outside the limits,
-   * which the text names
+   * @throws std::runtime_error if the type cannot represent the value, or if the value is outside
+   * the limits; the text names the limits
    */
   ///@{
   Property& operator=(bool value) { return Assign(value); }
@@ -64,16 +66,16 @@ class MOX_EXPORT Property : public object::Object {
   Property& operator=(double value) { return Assign(value); }
   ///@}
   /**
-   * Sets the value to a copy of the text, which is not null.
+   * Sets the value to a copy of the text, which must not be null.
    *
-   * @throws std::runtime_error if the property is not of text
+   * @throws std::runtime_error if the property is not a text
    */
   Property& operator=(const char* value) { return Assign(std::string(value)); }
 
   /**
    * Returns the value.
    *
-   * @throws std::runtime_error if the type cannot hold the value
+   * @throws std::runtime_error if the type cannot represent the value
    */
   ///@{
   operator bool() const { return Read<bool>(); }
@@ -88,10 +90,10 @@ class MOX_EXPORT Property : public object::Object {
   ///@}
   /**
    * Returns a copy of the text in memory of the calling thread, which the next such read of any
-   * property reuses. So two texts read in a row are the same memory, with the second text. Copy a
-   * text to keep it, or use `GetValue`.
+   * property reuses. Two texts read in a row therefore share that memory, which then has the second
+   * text. Copy a text to keep it, or use `GetValue`.
    *
-   * @throws std::runtime_error if the property is not of text
+   * @throws std::runtime_error if the property is not a text
    */
   operator const char*() const;
 

@@ -22,13 +22,15 @@ class MOX_EXPORT Binding {
   /** Moves the registration; `other` is empty afterwards. */
   Binding(Binding&& other) noexcept;
 
-  /** Moves the registration, then releases the one owned before. Drops what that release throws. */
+  /**
+   * Moves the registration, then releases the previous one. Discards an exception of that release.
+   */
   Binding& operator=(Binding&& other) noexcept;
 
-  /** Releases. Drops what the release function throws. */
+  /** Releases the registration. Discards an exception of the release function. */
   ~Binding();
 
-  /** Calls the release function, unless it was called before. Throws what it throws. */
+  /** Calls the release function, unless it was called before. Throws its exceptions. */
   void Release();
 
  private:

@@ -28,12 +28,12 @@ MOX_EXPORT bool IsInitialized(GstBin& filterBin) noexcept;
 /** Adds the two fixed ends and the ghost pads to an empty bin. */
 MOX_EXPORT void Initialize(GstBin& filterBin);
 
-/** Returns the filters without the fixed ends, upstream first. */
+/** Returns the filters without the fixed ends, upstream first; none if the chain is open. */
 MOX_EXPORT std::vector<Ptr<GstElement>> GetFilters(GstBin& filterBin);
 
 /**
- * Appends `filters` at the downstream end of a bin without data flow. Changes no states. A failure to add or link
- * leaves the chain open.
+ * Appends `filters` at the downstream end of a bin without data flow. Changes no states. If an element cannot be added
+ * or linked, the chain stays open.
  *
  * @throws std::invalid_argument if one of the handles is empty; nothing is changed
  */
@@ -51,28 +51,29 @@ MOX_EXPORT void EraseFilters(GstBin& filterBin, std::vector<Ptr<GstElement>> fil
 MOX_EXPORT std::string GetGraph(GstBin& filterBin);
 
 /**
- * `AddFilters` and `EraseFilters` while data flows, in a pipeline that is not stopped. Blocks upstream of the colour
- * converter that feeds the bin, or at the peer of the bin's "sink" if it stands alone. Then drains the bin into the
+ * Adds or erases filters while data flows, in a pipeline that is not stopped. Blocks upstream of the colour converter
+ * that feeds the bin, or at the peer of the bin's "sink" if there is no converter. Then drains the bin into the
  * outputs, changes the chain and unblocks. No buffer is lost or repeated: the blocked one is converted for the new
  * chain.
  *
- * A chain that needs another frame size must contain a "videoscale". Otherwise the change is refused; unless the input
- * is a source that can send that size, with no queue in between. Such a source renegotiates, and one frame is dropped.
+ * A chain that needs another frame size must contain a "videoscale". Otherwise the change is refused, unless the input
+ * is a source that can send that size, without a queue in between. Such a source renegotiates, and one frame is
+ * dropped.
  *
  * Must not be called from a streaming thread of the pipeline. Waits without a time limit for the next item to reach the
  * bin, then until the bin is drained:
  * - `Pipeline::SetEnable(false)` on another thread ends the wait.
  * - A filter must forward EOS, which marks the end of the drain. One that drops it blocks the call.
- * - A flushing seek discards the data that is being drained, and the change is made.
+ * - A flushing seek discards the data that is being drained, and the change completes.
  *
- * If a change fails, the stream goes on. The error is that of `AddFilters` or `EraseFilters`, or of a filter that
+ * If a change fails, the stream continues. The error is that of `AddFilters` or `EraseFilters`, or of a filter that
  * refuses a state. If the chain is open or does not start, the previous one is restored.
  *
  * @throws std::runtime_error "Cannot change the filters because the stream has ended" if an EOS has passed or the
  * stream has failed; nothing is changed
  * @throws std::runtime_error "Cannot change the filters because the pipeline is being stopped"; nothing is changed
- * @throws std::runtime_error with the names of the input and of the first new filter if their caps have nothing in
- * common; nothing is changed
+ * @throws std::runtime_error with the names of the input and of the first element of `filters` if the input cannot send
+ * caps that the new chain accepts; nothing is changed
  */
 ///@{
 MOX_EXPORT void BlockAddFilters(GstBin& filterBin, std::vector<Ptr<GstElement>> filters);

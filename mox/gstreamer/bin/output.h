@@ -42,16 +42,15 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
 
 /**
  * Attaches each element as a new branch, in the order given, and brings it to the state of the bin. The new output
- * receives whole frames only, and the others lose nothing. The first output waits for the frame in the placeholder; in
- * a paused bin, until it plays.
+ * receives whole frames only, and the others lose nothing. For the first output, the call waits for the frame in the
+ * placeholder; if the bin is paused, until it plays.
  *
  * If the new output accepts the current caps, the stream resumes once every output has finished its current frame.
- * Otherwise the stream renegotiates to caps that all accept. This waits as a change of the filters does, and loses no
- * frame. An output that has no caps in common with the others, or needs a size that the input does not send, is
- * refused.
+ * Otherwise the stream renegotiates to caps that all accept. The call then waits as a filter change does, and loses no
+ * frame. An output is refused if it has no caps in common with the others, or needs a size that the input cannot send.
  *
  * Elements listed before one that fails stay attached. The one that fails is outside the bin, in NULL. If it was to be
- * the first output, neither output nor placeholder are left, and no output can be attached any more.
+ * the first output, neither an output nor the placeholder is left, and no output can be attached any more.
  *
  * @throws std::invalid_argument if one of the handles is empty; nothing is changed
  * @throws std::runtime_error if an element does not start, or cannot be linked to its queue or to the tee; or what
@@ -77,21 +76,21 @@ MOX_EXPORT void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> out
  * not wait.
  *
  * - All outputs of the list receive their EOS at once, and share the timeout. They are detached in the order given.
- * - An output that is a bin has ended once it posts EOS: after all of its sinks, and all files of a splitmuxsink. If it
- *   contains sources, they receive an EOS too.
+ * - An output that is a bin has ended once it posts EOS: when all of its sinks have ended, and a splitmuxsink has
+ *   written all files. If it contains sources, they receive an EOS too.
  * - A branch that no caps have reached, as in a stopped pipeline, has nothing to end and is detached at once.
  * - Sinks end only while they play. If the pipeline is paused, the call waits until it plays or the timeout ends.
  * - A flushing seek discards the EOS, which is sent again.
  *
- * Every output is detached, even if the call throws; unless one of the list is not attached, or refuses to stop. The
+ * Every output is detached, even if the call throws, unless one of the list is not attached or refuses to stop. The
  * timeout does not include the time that elements take to stop. A timeout of zero or less does not wait for the sinks.
  *
  * @throws std::runtime_error "Cannot remove an output that has not been added to the bin"; nothing is changed
  * @throws std::runtime_error with the names of the outputs that have not ended in time: a sink that is stuck, an
  * element that drops EOS, a branch that has failed, an output without a sink
  * @throws std::runtime_error "Cannot finish the outputs because the pipeline is being stopped"
- * @throws std::runtime_error if an element refuses to stop. It stays attached and runs again, so that a file sink may
- * overwrite its file
+ * @throws std::runtime_error if an element refuses to stop. Its output stays attached and runs again; a file sink in it
+ * may then overwrite its file
  */
 MOX_EXPORT void FinishOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs,
                               std::chrono::nanoseconds timeout);

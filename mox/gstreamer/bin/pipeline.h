@@ -8,19 +8,19 @@
 /**
  * The fixed skeleton of a pipeline: "input_bin" → "filter_bin" → "output_bin".
  *
- * Elements are found again by name, also in nested bins, so no element of a caller may bear a name of the skeleton. The
- * functions lock nothing and must not run at the same time on one pipeline. A failing GStreamer call raises
+ * The functions find elements by name, in nested bins too, so no element of a caller may have a name of the skeleton.
+ * The functions lock nothing and must not run at the same time on one pipeline. A failing GStreamer call raises
  * std::runtime_error.
  */
 namespace mox::gstreamer::bin::pipeline {
 
-/** Returns true if all three bins are there and complete. Never throws. */
+/** Returns true if all three bins exist and are complete. Never throws. */
 MOX_EXPORT bool IsInitialized(GstBin& pipeline) noexcept;
 
 /** Builds the skeleton in an empty pipeline. A failure leaves the bins that have been added. */
 MOX_EXPORT void Initialize(GstBin& pipeline);
 
-/** The three bins, borrowed from the pipeline that owns them. */
+/** Returns one of the three bins, borrowed from the pipeline that owns it. */
 ///@{
 MOX_EXPORT GstBin& GetInputBin(GstBin& pipeline);
 MOX_EXPORT GstBin& GetFilterBin(GstBin& pipeline);

@@ -15,8 +15,8 @@ namespace mox::gstreamer::check::bin {
 
 /**
  * Adds the element to the bin, which sinks a floating reference or takes one of its own. If the bin
- * refuses a floating element, GStreamer drops that reference: without another one the element is
- * gone. `Ptr::Ref` keeps the handle valid.
+ * refuses a floating element, GStreamer drops that reference, and destroys the element if it was
+ * the only one. `Ptr::Ref` keeps the handle valid.
  */
 MOX_EXPORT void AddElement(GstBin& bin, GstElement& element, boost::string_view prefix);
 

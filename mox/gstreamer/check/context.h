@@ -9,8 +9,8 @@
 
 /**
  * Checked operations on contexts, for any thread. Each makes one GStreamer call. A call that fails
- * throws std::runtime_error with `prefix` and a sentence that names the objects, and leaves what
- * was passed in as it was.
+ * throws std::runtime_error with `prefix` and a sentence that names the objects, and leaves its
+ * arguments unchanged.
  */
 namespace mox::gstreamer::check::context {
 

@@ -14,13 +14,13 @@
 namespace mox::gstreamer::property {
 
 /**
- * Makes framework properties the GObject properties of an element. Borrows the properties: each
- * must outlive its binding or the binder.
+ * Makes framework properties GObject properties of an element. Borrows the properties: each must
+ * outlive its binding or the binder.
  *
  * The identifier of a bound property is its position, counted from 1. The class and each instance
  * of an element have a binder with the same properties in the same order. Class initialisation
  * calls `InstallProperties`; the instance forwards its GObject calls to `SetProperty` and
- * `GetProperty`, and catches what they throw, because no exception may pass through GObject.
+ * `GetProperty`, and catches their exceptions, because none may pass through GObject.
  *
  * GObject emits "notify" for a property that is set through GObject. An assignment to the framework
  * property itself emits nothing; call `g_object_notify` if others must see it.
@@ -39,24 +39,24 @@ class MOX_EXPORT Binder : public mox::property::Binder {
   void Bind(mox::property::Property& property) override;
 
   /**
-   * Unbinds the property of the same name, be it this object or another. Later identifiers decrease
+   * Unbinds the property of the same name, even if it is another object. Later identifiers decrease
    * by one.
    */
   void Unbind(mox::property::Property& property) override;
 
   /**
-   * Installs a readable and writable GObject property for each bound one, in order. The default is
-   * its value, the limits are its own. GLib refuses an invalid name or a default outside the limits
-   * with a critical; the other properties are installed.
+   * Installs a readable and writable GObject property for each bound one, in order, with its
+   * limits, and with its current value as the default. GLib refuses an invalid name or a default
+   * outside the limits with a critical; the other properties are installed.
    *
-   * @throws std::runtime_error if a property is of none of the ten kinds; earlier properties stay
+   * @throws std::runtime_error if a property has none of the ten kinds; earlier properties stay
    * installed
    */
   void InstallProperties(GObjectClass* klass);
 
   /**
-   * Sets the property with the identifier to a value of the kind of the param spec; a null string
-   * sets an empty one. Does nothing if the param spec is null or of none of the ten kinds.
+   * Sets the property with the identifier to `value`, read by the type of the param spec. A null
+   * string sets an empty one. Does nothing if the param spec is null or has none of the ten kinds.
    *
    * @throws std::logic_error if there is no such identifier
    * @throws std::runtime_error if the property refuses the value
@@ -64,11 +64,11 @@ class MOX_EXPORT Binder : public mox::property::Binder {
   void SetProperty(unsigned int id, const GValue* value, GParamSpec* pspec);
 
   /**
-   * Reads the property with the identifier into a value that is initialised for the param spec.
-   * Does nothing if the param spec is null or of none of the ten kinds.
+   * Reads the property with the identifier into `value`, which is initialised for the param spec.
+   * Does nothing if the param spec is null or has none of the ten kinds.
    *
    * @throws std::logic_error if there is no such identifier
-   * @throws std::runtime_error if the kind of the param spec cannot hold the value
+   * @throws std::runtime_error if the kind of the param spec cannot represent the value
    */
   void GetProperty(unsigned int id, GValue* value, GParamSpec* pspec) const;
 

@@ -12,9 +12,9 @@
 namespace mox::gstreamer::plugin::path::resolve {
 
 /**
- * Returns the folder "gstreamer-1.0" beside the running executable, which need not exist. The path
- * is absolute, with links resolved: it is beside the target of a link to the program. Any thread,
- * with or without a session.
+ * Returns the folder "gstreamer-1.0" beside the running executable; the folder need not exist. The
+ * path is absolute, with links resolved: the folder is beside the target of a link to the program.
+ * Any thread, with or without a session.
  *
  * @throws boost::filesystem::filesystem_error if the path of the executable is unknown, or if the
  * executable or the working directory no longer exists
@@ -33,7 +33,7 @@ extern "C" {
  */
 MOX_EXPORT char* MoxGstreamerPluginPathResolveFromExecutable(void);
 
-/** Frees `path`; null is ignored. */
+/** Frees `path`; ignores null. */
 MOX_EXPORT void MoxGstreamerPluginPathResolveFromExecutableRelease(char* path);
 
 #ifdef __cplusplus

@@ -14,9 +14,10 @@
 namespace mox::gstreamer::plugin::path::resolve {
 
 /**
- * Returns the folder "gstreamer-1.0" beside a loaded shared library, which need not exist. `name`
- * is the base name: "mox_system" means libmox_system.so. The path is absolute, with links resolved:
- * it is beside the target of a link to the library. Any thread, with or without a session.
+ * Returns the folder "gstreamer-1.0" beside a loaded shared library; the folder need not exist.
+ * `name` is the base name: "mox_system" means libmox_system.so. The path is absolute, with links
+ * resolved: the folder is beside the target of a link to the library. Any thread, with or without a
+ * session.
  *
  * @throws std::runtime_error if no such library is loaded
  * @throws boost::filesystem::filesystem_error if the library's file or the working directory no
@@ -36,7 +37,7 @@ extern "C" {
  */
 MOX_EXPORT char* MoxGstreamerPluginPathResolveFromLibraryName(const char* name);
 
-/** Frees `path`; null is ignored. */
+/** Frees `path`; ignores null. */
 MOX_EXPORT void MoxGstreamerPluginPathResolveFromLibraryNameRelease(char* path);
 
 #ifdef __cplusplus
