@@ -17,7 +17,7 @@
 namespace mox::gstreamer {
 namespace {
 
-// The longest wait of the reader for a message. Until it ends, a stop or a new binding has no effect.
+// The longest wait of the reader for a message. A stop or a new binding takes effect when the wait ends.
 constexpr std::chrono::nanoseconds kSlice = std::chrono::milliseconds(500);
 
 using Callback = std::function<void(const GstMessage&)>;

@@ -9,9 +9,9 @@
 namespace mox::gstreamer {
 
 /**
- * Runs the body of an exported C function. Returns its result, or null after a line on the logger
- * if it throws: `with_text`, whose "%0%" is the text of a standard exception, or `without_text` for
- * any other.
+ * Runs the body of an exported C function and returns its result. If the body throws, logs a line
+ * and returns null. The line is `with_text`, with the text of a standard exception for "%0%", or
+ * `without_text` for any other exception.
  */
 template <typename Body>
 auto NullOnException(const logging::Logger& log, const char* with_text, const char* without_text,

@@ -11,8 +11,8 @@
 
 namespace mox::gstreamer {
 
-// Returns the objects of the iterator and frees it. Stops at the first change of its list by
-// another thread. Private to the library.
+// Returns the objects of the iterator and frees it. Stops if another thread changes the list.
+// Private to the library.
 template <typename T>
 std::vector<Ptr<T>> Collect(GstIterator* iterator) {
   const std::unique_ptr<GstIterator, decltype(&gst_iterator_free)> owned(iterator, gst_iterator_free);

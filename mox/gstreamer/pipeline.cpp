@@ -35,21 +35,21 @@ mox::glib::Value MakeUnsigned(unsigned number) {
   return mox::glib::Value(value);
 }
 
-// Makes the pipeline element with the skeleton and the context that holds the identifier.
+// Creates the pipeline element with the skeleton and the context with the identifier.
 Ptr<GstPipeline> Make(unsigned id, const std::string& name) {
   auto element = check::pipeline::Make(name.c_str(), kPipelineError);
   bin::pipeline::Initialize(*GST_BIN(element.Get()));
   const auto context = check::context::Make(kContextType, "Context Error: ");
   context::SetValue(*context, "id", MakeUnsigned(id));
   gst_element_set_context(GST_ELEMENT(element.Get()), context.Get());
-  // Always the system clock, because an element that provides a clock may be removed, and its clock would stand still.
+  // Always use the system clock. An element that provides a clock may be removed, and its clock would stop.
   const Ptr<GstClock> clock(gst_system_clock_obtain());
   gst_pipeline_use_clock(element.Get(), clock.Get());
   return element;
 }
 
-// Blocks an EOS upstream of the outputs while the elements stop. The input sends one if an element that has stopped
-// already rejects what it pushes, and outputs that still run would take it for the end of the stream.
+// Blocks an EOS upstream of the outputs while the elements stop. The input sends one if it pushes into an element that
+// has already stopped. Outputs that still run would take it for the end of the stream.
 ScopedProbe BlockEos(GstBin& filterBin) {
   const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", bin::kElementError);
   return {*source, GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [](GstPadProbeInfo& info) {
@@ -89,8 +89,8 @@ class Pipeline::Impl {
       SetEnable(false);
     } catch (...) {  // the elements are stopped below
     }
-    // Also stop what a failed start or the program has started. If one element refuses, the threads of the others go
-    // on.
+    // Stop elements that a failed start or the program has started, too. If one element refuses, the threads of the
+    // others would continue.
     if (gst_element_set_state(&Element(), GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
       StopEach(Whole());
       gst_element_set_state(&Element(), GST_STATE_NULL);
@@ -115,7 +115,7 @@ class Pipeline::Impl {
         impl_.Recover();
       } catch (...) {  // the change itself raises its error
       }
-      // Other elements have another latency. GStreamer leaves it to the program to distribute it.
+      // The latency may have changed with the elements. GStreamer expects the program to distribute it.
       if (impl_.enable_) {
         gst_bin_recalculate_latency(&impl_.Whole());
       }
@@ -143,10 +143,10 @@ class Pipeline::Impl {
     }
   }
 
-  // Stops the bins and exchanges the input. If that fails, the pipeline gets its target state again, but not the bins:
-  // the next exchange starts them.
+  // Stops the bins and exchanges the input. If that fails, the pipeline gets its target state again, but its bins do
+  // not: the next exchange starts them.
   void ExchangeInput(const Ptr<GstElement>& input, GstState target) {
-    // Locked, because a pipeline that is still starting must not start one bin while another is being stopped.
+    // Lock the bins, because a pipeline that is still starting must not start one bin while another is being stopped.
     LockBins(TRUE);
     gst_element_set_state(&Element(), GST_STATE_NULL);
     bool stopped = false;
@@ -180,7 +180,7 @@ class Pipeline::Impl {
     }
     Lock lock(mutex_, std::defer_lock);
     const auto blocked_eos = BlockEos(FilterBin());
-    // End a change that waits for data while it holds the lock.
+    // End a change that has the lock and waits for data.
     const bin::live::StopRequest filters(FilterBin());
     const bin::live::StopRequest outputs(OutputBin());
     lock.lock();
@@ -237,8 +237,8 @@ class Pipeline::Impl {
 
   bool HasStartFailed() const { return start_failed_ && HasFailed(Element()); }
 
-  // Returns true if an element has posted an ERROR or refused a state since the state of the bin was set. Until it is
-  // set again, GStreamer brings none of its elements to PLAYING.
+  // Returns true if an element has posted an ERROR or refused a state since the state of the bin was set. Until the
+  // state is set again, GStreamer brings none of the bin's elements to PLAYING.
   static bool HasFailed(GstElement& bin) {
     return gst_element_get_state(&bin, nullptr, nullptr, 0) == GST_STATE_CHANGE_FAILURE;
   }
@@ -286,8 +286,9 @@ class Pipeline::Impl {
   type::Binding on_end_of_stream_;
   type::Binding on_error_;
   type::Binding on_latency_;
-  std::mutex mutex_;  // of all operations, even while they wait
-  // Of the members below. Separate, because the bus reader takes it: it would stop reading while an operation waits.
+  std::mutex mutex_;  // serialises the operations, even while one waits
+  // Of the members below. Separate, because the bus reader takes it too, and must not wait as long as an operation
+  // does.
   std::mutex state_mutex_;
   State state_ = State::Stopped;
   std::atomic<bool> enable_ = false;  // a stop reads it without a lock

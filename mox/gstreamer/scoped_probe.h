@@ -11,11 +11,11 @@
 
 namespace mox::gstreamer {
 
-// Calls `callback` for every item of these types that reaches the pad, until it is destroyed.
-// Private to the library.
+// Calls `callback` for every item of these types that reaches the pad, until the probe is
+// destroyed. Private to the library.
 //
 // The callback runs on the thread that reaches the pad and must not throw. A call on another thread
-// may outlast the probe, so the callback owns what it refers to.
+// may outlast the probe, so the callback must own the objects that it uses.
 class ScopedProbe {
  public:
   using Callback = std::function<GstPadProbeReturn(GstPadProbeInfo&)>;

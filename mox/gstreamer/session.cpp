@@ -63,7 +63,8 @@ void ForwardDebugLog() {
       gst_debug_set_active(TRUE);
     }
   }
-  // The functions, in parentheses, because the macros of the same names are not valid in C++.
+  // The parentheses select the functions, because the macros of the same names are not valid in
+  // C++.
   (gst_debug_remove_log_function)(nullptr);
   (gst_debug_add_log_function)(LogGstreamerMessage, nullptr, nullptr);
 }

@@ -120,7 +120,7 @@ void Logger::Output(std::unique_ptr<std::string> text, bool urgent) const noexce
   // One call, so that the lines of several threads do not mix.
   std::fwrite(text->data(), 1, text->size(), stderr);
   if (urgent) {
-    std::fflush(stderr);  // because the program may have set a buffer
+    std::fflush(stderr);  // the program may have given stderr a buffer
   }
 }
 

@@ -68,7 +68,7 @@ bool IsClosed(GstElement& sinkFilter) {
   return gst_pad_is_linked(check::element::GetPad(sinkFilter, "src", kElementError).Get());
 }
 
-// Puts back the chain that was there before a change, whatever the failed change has left.
+// Restores the chain as it was before a failed change.
 void Restore(GstBin& filterBin, const Filters& before) {
   const Ends ends = GetEnds(filterBin);
   gst_element_unlink(ends.sink.Get(), ends.source.Get());
@@ -89,7 +89,7 @@ void Block(GstBin& filterBin, const std::function<void(GstBin&, Filters)>& chang
     change(filterBin, filters);
     raised = false;
   };
-  // A change that raised after it closed the chain itself stands.
+  // A change that has raised an error may have closed the chain itself. Keep that chain.
   const auto undo = [&] {
     if (!raised || !IsClosed(*GetEnds(filterBin).sink)) {
       Restore(filterBin, before);

@@ -79,7 +79,7 @@ void EraseOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& elem
   }
 }
 
-// Lets the steps after one that fails run too.
+// Runs every step, even after one that fails, and keeps the first error.
 class FirstError {
  public:
   template <typename Step>
@@ -103,8 +103,9 @@ class FirstError {
   std::exception_ptr error_;
 };
 
-// A sink without EOS. It keeps the output bin from posting EOS while outputs end one after the other, and from dropping
-// the EOS messages of its outputs once all have ended. If all others have ended, its removal lets the bin post EOS.
+// A sink that never receives EOS. It keeps the output bin from posting EOS while outputs end one after the other, and
+// from dropping the EOS messages of its outputs once all have ended. If all others have ended, its removal lets the bin
+// post EOS.
 class EndlessSink {
  public:
   explicit EndlessSink(GstBin& outputBin)
@@ -159,7 +160,7 @@ void Initialize(GstBin& outputBin) {
   const auto dummy = MakeDummy();
   Add(outputBin, dummy);
   const auto tee = check::element::Make("tee", kTee, kElementError);
-  // Between the placeholder and a branch the tee has no linked pad, which must not end the stream.
+  // While the placeholder is exchanged for a branch, the tee has no linked pad. That must not end the stream.
   g_object_set(tee.Get(), "allow-not-linked", TRUE, nullptr);
   Add(outputBin, tee);
   check::element::LinkElement(*tee, *dummy, kElementError);

@@ -6,7 +6,8 @@
 
 namespace mox::gstreamer::check {
 
-// Throws the error of a checked operation: the pieces in a row. Private to the library.
+// Throws the error of a checked operation. Its text is the pieces, one after the other. Private to
+// the library.
 template <typename... Pieces>
 [[noreturn]] void Fail(const Pieces&... pieces) {
   std::ostringstream message;

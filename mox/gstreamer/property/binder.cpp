@@ -28,8 +28,8 @@ auto HasNameOf(const Property& property) {
 }
 
 // Creates the param spec with `make` and installs it, unless GLib refuses it with a critical.
-// GLib's functions for the kinds of values crash after they have refused a name, so an invalid name
-// goes to the function that they call.
+// GLib's functions for each kind crash after they have refused a name, so pass an invalid name to
+// the function that they call.
 template <typename Function>
 void Install(const Property& property, GObjectClass* klass, unsigned int id, const Function& make) {
   const char* const name = property.GetName().c_str();
@@ -86,8 +86,8 @@ const std::array<Transfer, 10> transfers{
     TransferOf<GetString, g_value_set_string>(G_TYPE_PARAM_STRING),
 };
 
-// Compares the type of the param spec and its parents with the ten. Instance checks would find the
-// same, because none of the ten is derived from another, but cost a function call each.
+// Compares the type of the param spec and its parents with the ten. Instance checks would have the
+// same result, because none of the ten is derived from another, but cost a function call each.
 const Transfer* FindTransfer(const GParamSpec* pspec) {
   GType type = pspec != nullptr ? G_PARAM_SPEC_TYPE(pspec) : G_TYPE_INVALID;
   for (; type != G_TYPE_INVALID; type = g_type_parent(type)) {
@@ -102,7 +102,7 @@ const Transfer* FindTransfer(const GParamSpec* pspec) {
 
 }  // namespace
 
-/** Installs a string or a boolean, whose default is a `U` in GLib. */
+/** Installs a string or a boolean. GLib takes its default as a `U`. */
 template <typename T, typename U>
 bool InstallProperty(const Property& property, GObjectClass* klass, unsigned int id,
                      GParamSpec* (*make)(const char*, const char*, const char*, U, GParamFlags)) {

@@ -43,12 +43,13 @@ bool HasAllEvents(GstPad& source, GstPad& sink) {
   return walk.second;
 }
 
-// Blocks what is to enter the tee while its pads come and go. A pad that is requested while an event passes would miss
-// it, and at one that is released the event would fail, and with it the stream. A buffer inside the tee does no harm
-// and is not waited for, because it may stay long in the queue of a slow output.
+// Blocks items upstream of the tee while its pads are requested and released. An event that passes meanwhile would miss
+// a new pad, and would fail at a released one and end the stream. A buffer inside the tee does no harm. The constructor
+// does not wait for it, because a slow output may keep it there for long.
 class BlockedTee {
  public:
-  // A stop ends the wait. It raises `Stopped` or goes on, because by then an event that fails does no harm.
+  // A stop ends the wait. The constructor then raises `Stopped`, or goes on if `raises` is false, because an event that
+  // fails during a stop does no harm.
   BlockedTee(GstBin& outputBin, GstElement& tee, bool raises)
       : sink_(GetSink(tee)),
         entrance_(check::pad::GetPeer(*sink_, kPadError)),
@@ -64,7 +65,7 @@ class BlockedTee {
     }
   }
 
-  /** Returns the caps that flow, those of a blocked caps event included; empty if there are none yet. */
+  /** Returns the current caps, including those of a blocked caps event; an empty handle if there are none yet. */
   Ptr<GstCaps> GetCaps() const { return Ptr<GstCaps>(gst_pad_get_current_caps(entrance_.Get())); }
 
  private:
@@ -112,14 +113,14 @@ bool WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch, const s
   return true;
 }
 
-// Returns the elements of an output: itself, or what is inside of it if it is a bin.
+// Returns the elements of an output: the output itself, or everything inside it if it is a bin.
 std::vector<Ptr<GstElement>> GetElements(const Ptr<GstElement>& output) {
   return GST_IS_BIN(output.Get()) ? Collect<GstElement>(gst_bin_iterate_recurse(GST_BIN(output.Get())))
                                   : std::vector<Ptr<GstElement>>{output};
 }
 
-// Lets the sinks of an output start without preroll. One that prerolls takes the whole pipeline back to PAUSED, where
-// other outputs may wait for it while it waits for the buffers that they hold up.
+// Lets the sinks of an output start without preroll. A sink that prerolls takes the whole pipeline back to PAUSED.
+// There, other outputs may wait for it while it waits for the buffers that they block.
 class NoPreroll {
  public:
   explicit NoPreroll(const Ptr<GstElement>& output) {
@@ -186,14 +187,14 @@ void StartQueue(GstBin& outputBin, const Ptr<GstElement>& queue, const Ptr<GstEl
   Sync(*queue);
 }
 
-// Starts a branch again whose output refused to stop. One that cannot run any more stays cut off.
+// Starts a branch again after its output refused to stop. A branch that cannot run any more stays cut off.
 void Restart(GstPad& pad, const Branch& branch) noexcept try {
   // Nothing may reach the pad before it is reconnected. Otherwise the stream's events, which the restarted queue needs
   // again, are dropped.
   PadProbe blocked(pad, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
   blocked.GetFuture().wait();
   const NoPreroll no_preroll(branch.back());
-  // The output first: in PAUSED it keeps a buffer, and the queue could not stop.
+  // Start the output first. In PAUSED it would keep a buffer, and the queue could not stop.
   Sync(*branch.back());
   check::element::SetNullState(*branch.front(), kElementError);
   // An output that has received EOS rejects everything until a flush.
@@ -204,7 +205,7 @@ void Restart(GstPad& pad, const Branch& branch) noexcept try {
   }
   Sync(*branch.front());
   Reconnect(pad, branch);
-} catch (...) {  // the caller raises why the output did not stop
+} catch (...) {  // the caller raises the error of the output
 }
 
 // Unlinks a branch, if it is linked, and releases its request pad.
@@ -215,8 +216,8 @@ void Unlink(GstElement& tee, GstElement& first) {
   }
 }
 
-// Sends a branch an EOS, unless it has one. Returns false if the branch has failed. A flush discards the EOS, and a
-// query in the queue keeps it out, so this is repeated.
+// Sends a branch an EOS, unless it has one. Returns false if the branch has failed. The caller repeats the call,
+// because a flush discards the EOS, and a query that waits in the queue has the stream lock.
 bool SendEos(GstPad& sink) {
   if (GST_PAD_IS_EOS(&sink) || !GST_PAD_STREAM_TRYLOCK(&sink)) {
     return true;
@@ -259,7 +260,7 @@ bool AreSinksAtEos(const Ptr<GstElement>& output) {
   });
 }
 
-/** A branch that is cut off, on its way to the end. */
+/** A branch that is being finished. */
 struct Ending {
   enum class Progress { Running, Ended, Failed };
 
@@ -281,8 +282,8 @@ struct Ending {
   }
 
   Ptr<GstElement> output;
-  Ptr<GstPad> sink;       ///< Of the queue.
-  bool had_eos;           ///< The stream has ended. The bin may have dropped the message already.
+  Ptr<GstPad> sink;       ///< The sink pad of the queue.
+  bool had_eos;           ///< The stream ended earlier. The bin may have dropped the message already.
   Ptr<GstMessage> stale;  ///< Posted at the end of an earlier stream.
 };
 
@@ -300,7 +301,7 @@ void Join(GstBin& outputBin, GstElement& tee, GstElement& first, bool is_placeho
   {
     const BlockedTee blocked(outputBin, tee, !is_placeholder);
     const auto caps = blocked.GetCaps();
-    // Another branch may just have ruled out the caps that flow.
+    // Another branch may just have ruled out the current caps.
     const bool accepted =
         is_placeholder || (caps && AcceptsCaps(*GetSink(tee), *caps) && AcceptsCaps(*GetSink(first), *caps));
     if (!accepted) {
@@ -321,7 +322,7 @@ void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
   const auto& first = branch.front();
   const auto& last = branch.back();
   const bool is_placeholder = first == last;
-  // A pipeline that is still starting must find the branch either not yet there or running.
+  // A pipeline that is still starting must find the branch either absent or running.
   std::optional<StateLock> lock(*GST_ELEMENT(&outputBin));
   Add(outputBin, last);
   try {
@@ -378,7 +379,7 @@ Branch Finish(GstBin& outputBin, const std::vector<Branch>& branches, std::chron
   std::vector<Ending> running;
   Branch failed;
 
-  // Cut all off before the first is waited for.
+  // Cut off all branches before the wait for their sinks.
   for (const auto& branch : branches) {
     const auto sink = GetSink(*branch.front());
     const auto pad = check::pad::GetPeer(*sink, kPadError);

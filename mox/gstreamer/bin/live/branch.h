@@ -15,8 +15,8 @@ namespace mox::gstreamer::bin::live {
 using Branch = std::vector<Ptr<GstElement>>;
 
 /**
- * Starts the branch and links it to the tee while data flows. If it rejects the caps that flow, the stream is drained
- * and renegotiates. A branch that fails is taken out of the bin again, in NULL.
+ * Starts the branch and links it to the tee while data flows. If the branch rejects the current caps, the stream is
+ * drained and renegotiates. A branch that fails is removed from the bin again, in NULL.
  *
  * @throws std::runtime_error if an element cannot be added, started or linked; or what `RunDrained` raises
  * @throws Stopped if the pipeline is stopped meanwhile, unless the branch is the placeholder
@@ -32,10 +32,11 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch);
 
 /**
  * Cuts each branch off, sends it an EOS after the last buffer in its queue, and waits until its output has posted EOS.
- * An output posts it once every sink in it has received one. Returns the outputs that have not by the end of the
- * timeout, or that have failed. A branch that has received no caps, as in a stopped pipeline, has nothing to end.
+ * An output posts it once every sink in it has received one. Returns the outputs that have failed, or have not ended by
+ * the end of the timeout. A branch that has received no caps, as in a stopped pipeline, has nothing to end.
  *
- * The bin must have another sink without EOS. Otherwise it drops the messages as soon as the last output has ended.
+ * The bin must have another sink that receives no EOS. Otherwise it drops the messages as soon as the last output has
+ * ended.
  *
  * @throws Stopped if the pipeline is stopped meanwhile
  */

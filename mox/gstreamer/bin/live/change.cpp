@@ -28,15 +28,15 @@ struct Shared {
     }
   }
 
-  std::atomic<bool> is_taken = false;  ///< An item is blocked, or none is waited for any more.
+  std::atomic<bool> is_taken = false;  ///< An item is blocked, or the wait for one is over.
   std::atomic<bool> has_ended = false;
-  std::promise<void> end;      ///< The EOS, or a flush, has left the bin.
-  std::promise<void> drained;  ///< Or has failed to.
+  std::promise<void> end;      ///< The EOS or a flush has reached the "src" of the bin.
+  std::promise<void> drained;  ///< The drain has completed or has failed.
   std::promise<void> changed;  ///< The change has been made or has failed.
 };
 
-// Drops the EOS of a drain where it leaves the filter bin, after the last of the data. A flush ends the drain too,
-// because it discards the data and the EOS.
+// Drops the EOS of a drain at the "src" of the filter bin, after the last buffer. A flush ends the drain too, because it
+// discards the buffers and the EOS.
 class EndOfDrain {
  public:
   EndOfDrain(GstPad& source, const std::shared_ptr<Shared>& shared)
@@ -61,7 +61,7 @@ class EndOfDrain {
 
 // Sends an EOS through the filter bin and waits for its end.
 void Drain(GstPad& sink, Shared& shared) {
-  // Without a segment no buffer has come. There is nothing to drain, and some filters would keep the EOS.
+  // Without a segment no buffer has arrived. There is nothing to drain, and some filters would keep the EOS.
   if (!Ptr<GstEvent>(gst_pad_get_sticky_event(&sink, GST_EVENT_SEGMENT, 0))) {
     return;
   }
@@ -71,9 +71,10 @@ void Drain(GstPad& sink, Shared& shared) {
   }
 }
 
-// Blocks the feeding pad with the next item and drains the filter bin. The streaming thread that brings the item sends
-// the EOS, which a stop must be able to end, and stays in the probe until the change is made: its stream lock keeps the
-// end of a flush from starting threads of filters that are just being stopped.
+// Blocks the feeding pad at the next item and drains the filter bin. The streaming thread that brings the item sends
+// the EOS, because a stop could not end that push on the caller's thread. The streaming thread stays in the probe until
+// the change is made, because its stream lock keeps the end of a flush from starting threads of filters that are being
+// stopped.
 class Block {
  public:
   Block(GstPad& feeding, const Ptr<GstPad>& sink, const Ptr<GstPad>& source)
@@ -82,7 +83,7 @@ class Block {
         probe_(feeding, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [shared = shared_, sink, source](GstPadProbeInfo& info) {
           if (GST_IS_EVENT(info.data) &&
               (gst_event_type_get_flags(GST_EVENT_TYPE(info.data)) & GST_EVENT_TYPE_SERIALIZED) == 0) {
-            return GST_PAD_PROBE_PASS;  // comes from any thread, maybe while a buffer is on its way
+            return GST_PAD_PROBE_PASS;  // may come from any thread, even while a buffer passes
           }
           if (!shared->is_taken.exchange(true)) {
             // Stays until the change is made: an EOS that a flush seems to refuse may be inside a queue already.
@@ -115,7 +116,7 @@ class Block {
     drained.get();
   } catch (const Stopped&) {
     if (shared_->is_taken.exchange(true)) {
-      // Discard the EOS of the drain. It would reach the outputs, or end the next drain too early.
+      // Discard the EOS of the drain. Otherwise it would reach the outputs, or end the next drain too early.
       gst_pad_send_event(sink_.Get(), gst_event_new_flush_start());
       shared_->End();
       gst_pad_send_event(sink_.Get(), gst_event_new_flush_stop(FALSE));
@@ -134,8 +135,8 @@ class Block {
   ScopedProbe probe_;
 };
 
-// Sends the stream's events to filters that have been started again. Otherwise the next buffer brings them, and if a
-// flush meets them among the filters, the source posts an ERROR.
+// Sends the stream's events to filters that have been started again. Otherwise the next buffer brings them, and the
+// source posts an ERROR if a flush meets them inside the filters.
 void ResendEvents(GstPad& sink) {
   const auto upstream = check::pad::GetPeer(sink, kPadError);
   if (const Ptr<GstEvent> segment(gst_pad_get_sticky_event(upstream.Get(), GST_EVENT_SEGMENT, 0)); segment) {
@@ -158,7 +159,7 @@ void ChangeDrained(GstBin& filterBin, GstPad& feeding, GstPad& sink, const Chang
     }
   } catch (...) {
     const auto error = std::current_exception();
-    // The bin is started even if the change cannot be undone. Only the first error is raised.
+    // Start the bin even if the change cannot be undone. Raise only the first error.
     try {
       check::element::SetNullState(element, kElementError);
       change.undo();
@@ -172,18 +173,18 @@ void ChangeDrained(GstBin& filterBin, GstPad& feeding, GstPad& sink, const Chang
 
 // Lets data flow again through filters that refused to stop.
 void Reopen(GstBin& filterBin, GstPad& feeding, GstPad& sink, GstPad& source) noexcept try {
-  // A bin deactivates its source pads before its children refuse, and does not activate them again.
+  // The bin has deactivated its source pads before its children refused, and does not activate them again.
   gst_pad_set_active(&source, TRUE);
   for (const auto& filter : Collect<GstElement>(gst_bin_iterate_elements(&filterBin))) {
     for (const auto& pad : Collect<GstPad>(gst_element_iterate_src_pads(filter.Get()))) {
       gst_pad_set_active(pad.Get(), TRUE);
     }
   }
-  // The filters still have the EOS on their pads. Only a stream-start event removes it.
+  // The pads of the filters still store the EOS of the drain. Only a stream-start event removes it.
   if (const Ptr<GstEvent> start(gst_pad_get_sticky_event(&feeding, GST_EVENT_STREAM_START, 0)); start) {
     gst_pad_send_event(&sink, gst_event_copy(start.Get()));
   }
-} catch (...) {  // the change itself raises what is amiss
+} catch (...) {  // the change itself raises its error
 }
 
 }  // namespace
@@ -216,7 +217,8 @@ void RunDrained(GstBin& filterBin, const Change& change) {
     Reopen(filterBin, *feeding, *sink, *source);
   }
 
-  // A flush that met the stopped filters has not reached the outputs, which would wait for its start at its end.
+  // The start of a flush that met the stopped filters has not reached the outputs. Send it again, otherwise they would
+  // receive FLUSH_STOP alone.
   if (GST_PAD_IS_FLUSHING(feeding.Get())) {
     gst_pad_send_event(sink.Get(), gst_event_new_flush_start());
   }

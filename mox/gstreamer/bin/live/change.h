@@ -11,10 +11,10 @@
 // Private to the library.
 namespace mox::gstreamer::bin::live {
 
-/** Ends a change that waits while the pipeline is being stopped. */
+/** Thrown by a change that waits while the pipeline is being stopped. */
 class Stopped : public std::exception {};
 
-/** Ends the changes of a bin that wait, and those that are going to, until it is destroyed. */
+/** Ends the waits of a bin's changes, including later ones, until it is destroyed. */
 class StopRequest {
  public:
   explicit StopRequest(GstBin& bin) : bin_(bin) { Count(1); }
@@ -31,7 +31,7 @@ class StopRequest {
 /** @throws Stopped if a stop of the bin is requested */
 void CheckStop(GstBin& bin);
 
-/** How often a wait checks for what nobody announces: a stop, or a task that has paused. */
+/** The interval at which a wait checks for a stop or a paused task, which nobody announces. */
 inline constexpr auto kSlice = std::chrono::milliseconds(10);
 
 /** Waits for the future. @throws Stopped if a stop of the bin is requested first */
@@ -42,22 +42,22 @@ void Await(GstBin& bin, const Future& future) {
   }
 }
 
-/** Reached as soon as a pad passes nothing, and blocks it from then on. */
+/** The types of a probe that GStreamer calls once the pad is idle, and that then blocks the pad. */
 inline constexpr auto kIdleOrBlocked =
     static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
 
-/** A change of a drained filter bin, or of elements downstream of it. */
+/** A change that is made while the filter bin is drained: of its filters, or of elements downstream. */
 struct Change {
   GstBin& changed;             ///< The bin whose stop ends the change.
-  GstElement& named;           ///< Named if upstream cannot send the caps that it needs.
+  GstElement& named;           ///< Named by the error if it needs caps that upstream cannot send.
   std::function<void()> make;  ///< Makes the change; called once, with the filter bin in NULL.
-  std::function<void()> undo;  ///< Puts back what was there, with the filter bin in NULL if it stops.
+  std::function<void()> undo;  ///< Restores what was there, with the filter bin in NULL if it stops.
 };
 
 /**
  * Makes a change while data flows: blocks upstream of the filter bin, drains it with an EOS, stops it, makes the
  * change, starts the bin and unblocks. No buffer is lost, and the EOS does not leave the bin. A change that fails is
- * undone, and the stream goes on. Waits for the next item to reach the bin, then until the bin is drained.
+ * undone, and the stream continues. Waits for the next item to reach the bin, then until the bin is drained.
  *
  * @throws std::runtime_error "Cannot change the filters because the stream has ended"; or what the change, a state
  * change or the negotiation of caps raises

@@ -14,7 +14,7 @@
 namespace mox::gstreamer::bin::live {
 namespace {
 
-// The pad of a real element that a ghost pad, or the inner end of one, stands for.
+// Returns the pad of a real element that a ghost pad, or the inner end of one, stands for.
 Ptr<GstPad> Unwrap(Ptr<GstPad> pad) {
   while (GST_IS_PROXY_PAD(pad.Get())) {
     if (GST_IS_GHOST_PAD(pad.Get())) {
@@ -27,14 +27,15 @@ Ptr<GstPad> Unwrap(Ptr<GstPad> pad) {
   return pad;
 }
 
-/** The task whose thread pushes what comes to a pad. */
+/** The task whose thread pushes items to a pad. */
 struct Pusher {
   GstTaskState state = GST_TASK_STOPPED;
-  Ptr<GstPad> source;      ///< The pad that it pushes from.
-  bool is_source = false;  ///< Its element has no input.
+  Ptr<GstPad> source;      ///< The pad from which it pushes.
+  bool is_source = false;  ///< Its element has no linked sink pad.
 };
 
-// Stopped if an element upstream has several inputs, or if data comes from a thread of the program.
+// Finds the task that pushes to a pad. Its state is stopped if an element upstream has several inputs, or if a thread
+// of the program pushes the data.
 Pusher FindPusher(GstPad& feeding) {
   auto source = Unwrap(Ptr<GstPad>(GST_PAD(gst_object_ref(&feeding))));
   while (source) {
@@ -74,7 +75,8 @@ bool HasStreamEnded(GstPad& feeding) {
   if (GST_PAD_IS_EOS(&feeding) || !GST_PAD_IS_ACTIVE(&feeding)) {
     return true;
   }
-  // A queue pauses its task without an EOS. A source tries again after not-negotiated and keeps its task running.
+  // A queue that fails pauses its task and sends no EOS. A source retries after not-negotiated and keeps its task
+  // running.
   const auto pusher = FindPusher(feeding);
   return pusher.state == GST_TASK_PAUSED && gst_pad_get_last_flow_return(pusher.source.Get()) <= GST_FLOW_EOS;
 }
@@ -85,7 +87,8 @@ bool AcceptsCaps(GstPad& sink, GstCaps& caps) {
 }
 
 bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
-  // Usually nothing needs to be converted in another way. To ask the converter costs as much as all the rest.
+  // Ask the filters first. They usually accept the caps that the converter sends, and a query of the converter is
+  // expensive.
   const Ptr<GstCaps> converted(gst_pad_get_current_caps(check::pad::GetPeer(sink, kPadError).Get()));
   if (converted && AcceptsCaps(sink, *converted)) {
     return true;
@@ -95,7 +98,7 @@ bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
   if (!flowing || AcceptsCaps(*fed, *flowing)) {
     return false;
   }
-  // A source that pushes itself drops the buffer that is refused and renegotiates. A queue or a decoder keeps its caps.
+  // A source drops the refused buffer and renegotiates. A queue or a decoder keeps its caps.
   const Ptr<GstCaps> possible(gst_pad_query_caps(&feeding, nullptr));
   if (!FindPusher(feeding).is_source || !AcceptsCaps(*fed, *possible)) {
     FailToLink(*check::pad::GetParentElement(feeding, kPadError), changed);
@@ -105,14 +108,14 @@ bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
 
 void Renegotiate(GstPad& sink) {
   const auto upstream = check::pad::GetPeer(sink, kPadError);
-  // Marked as well, because a pad that is being flushed drops the event.
+  // Mark the pad too, because a pad that is being flushed drops the event.
   gst_pad_mark_reconfigure(Unwrap(upstream).Get());
   gst_pad_send_event(upstream.Get(), gst_event_new_reconfigure());
 }
 
 void CheckSharedCaps(GstElement& tee, GstElement& first) {
   const auto sink = check::element::GetPad(tee, "sink", kElementError);
-  // Without a filter, because some elements answer "any" for no caps at all.
+  // Query without a filter, because some elements return ANY if the filter has no caps.
   const Ptr<GstCaps> sent(gst_pad_peer_query_caps(sink.Get(), nullptr));
   const Ptr<GstCaps> shared(gst_pad_query_caps(sink.Get(), sent.Get()));
   if (!AcceptsCaps(*check::element::GetPad(first, "sink", kElementError), *shared)) {

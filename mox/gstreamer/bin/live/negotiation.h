@@ -9,20 +9,22 @@
 namespace mox::gstreamer::bin::live {
 
 /**
- * Returns the pad that feeds a filter bin: the one upstream of the colour converter, so that a buffer that waits there
- * can still be converted, or the peer of the bin's "sink". @throws std::runtime_error if nothing is linked there
+ * Returns the pad that feeds a filter bin. It is upstream of the colour converter, so that a buffer that waits there
+ * can still be converted. Without a converter it is the peer of the bin's "sink". @throws std::runtime_error if nothing
+ * is linked there
  */
 Ptr<GstPad> FindFeedingPad(GstBin& filterBin);
 
-/** Returns true if nothing will reach the pad any more: an EOS has passed, or the task that pushes there has failed. */
+/** Returns true if no item will reach the pad any more: an EOS has passed, or the task that pushes there has failed. */
 bool HasStreamEnded(GstPad& feeding);
 
-/** Returns true if the pad, and all that is linked downstream of it, accepts these caps. */
+/** Returns true if the pad, and everything downstream of it, accepts these caps. */
 bool AcceptsCaps(GstPad& sink, GstCaps& caps);
 
 /**
  * Checks that the caps at the feeding pad can be converted for the filter bin's `sink`, or that their source can
- * renegotiate. Otherwise the next buffer would end the stream. Returns true if they are converted as they were before.
+ * renegotiate. Otherwise the next buffer would end the stream. Returns true if the converter sends the same caps as
+ * before the change.
  *
  * @throws std::runtime_error with the names of the two
  */

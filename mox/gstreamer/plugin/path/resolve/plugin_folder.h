@@ -14,7 +14,7 @@ inline boost::filesystem::path GetPluginFolderBeside(const boost::filesystem::pa
   return boost::filesystem::canonical(file, base).parent_path() / "gstreamer-1.0";
 }
 
-/** Returns a copy of the path for a C caller, which a release function frees. */
+/** Returns a copy of the path for a C caller. A release function frees it. */
 inline char* NewString(const boost::filesystem::path& path) {
   const std::size_t size = path.size() + 1;
   return static_cast<char*>(std::memcpy(new char[size], path.c_str(), size));
