@@ -83,8 +83,8 @@ GstFlowReturn TransformFrame(GstVideoFilter* filter, GstVideoFrame* frame) noexc
   return GST_FLOW_OK;
 }
 
-// Ends the program if there is no memory, as GLib does, because initialising a class or an instance
-// cannot fail.
+// Ends the program if there is no memory, as GLib does, because the initialisation of a class or an
+// instance cannot fail.
 template <typename Step>
 void InitializeOrAbort(const Step& step) noexcept {
   try {

@@ -9,9 +9,9 @@ namespace mox_levels {
  * Returns the type of the element "moxlevels", a video filter that makes the picture brighter or
  * darker.
  *
- * Its properties are those of `Settings`. Any thread may set and read them while video flows; a
- * change takes effect with the next frame. The action signal "describe" returns them as JSON, a
- * string that the caller frees.
+ * Its properties are those of `Settings`. Any thread may set and read them while video flows. A
+ * change takes effect with the next frame. The action signal "describe" returns the properties as a
+ * JSON string, which the caller frees.
  */
 GType GetElementType() noexcept;
 

@@ -9,8 +9,8 @@
 namespace mox_levels {
 
 /**
- * The settings of the element. The class installs the properties of one object; each instance has
- * its own.
+ * The settings of the element. The class installs the properties from one object of this type; each
+ * instance has an object of its own.
  */
 struct Settings {
   mox::property::Primitive<bool> enabled{"enabled", "Enabled", "Change the picture", true};

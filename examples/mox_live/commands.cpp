@@ -14,7 +14,7 @@ struct Command {
   void (Player::*run)(const std::string& argument);  ///< Null for the command that ends the program.
 };
 
-// A name that begins with another one comes before it.
+// A name that begins with another name comes first.
 constexpr std::array<Command, 15> kCommands = {{
     {"input next", " DESCRIPTION", "play this input once the stream ends", &Player::AddNextInput},
     {"input", " DESCRIPTION", "exchange the input; 'input none' removes it from a stopped pipeline", &Player::SetInput},
@@ -55,7 +55,7 @@ const Command& Find(const std::string& text) {
   throw std::runtime_error("unknown command '" + text + "'; the commands are: " + known);
 }
 
-// The text after the name of the command.
+// Returns the text after the name of the command.
 std::string GetArgument(const Command& command, const std::string& text) {
   std::string argument = Trim(text.substr(std::string(command.name).size()));
   if (argument.empty() != (*command.argument == '\0')) {

@@ -8,15 +8,15 @@
 
 namespace mox_live {
 
-/** Runs commands in text on a player. */
+/** Parses lines of text and runs the commands on a player. */
 class Commands {
  public:
   explicit Commands(Player& player) : player_(player) {}
 
   /**
-   * Runs one command, which writes to standard output what it did. Ignores empty lines and those that begin with "#".
+   * Runs one command, which writes its result to standard output. Ignores empty lines and those that begin with "#".
    *
-   * @throws std::exception if the command is unknown or refused; the program can go on
+   * @throws std::exception if the command is unknown or refused; the program can continue
    */
   void Run(const std::string& line);
 

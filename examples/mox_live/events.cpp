@@ -12,7 +12,7 @@
 namespace mox_live {
 namespace {
 
-// For poll: -1 waits for ever.
+// Returns a timeout for poll: -1 waits for ever.
 int MillisecondsUntil(const Events::Deadline& deadline) {
   using std::chrono::milliseconds;
   if (!deadline) {
@@ -59,7 +59,8 @@ void Events::ExpectStream() noexcept {
 Events::Event Events::Await(int file, Deadline deadline) {
   std::array<pollfd, 2> files{{{wakeup_, POLLIN, 0}, {file, POLLIN, 0}}};
   for (;;) {
-    // Reset before the look at the events: one that is raised after it ends the poll.
+    // Reset the counter before looking at the events. An event that is raised later then ends the
+    // poll.
     eventfd_t count = 0;
     eventfd_read(wakeup_, &count);
     if (const auto event = Take()) {
@@ -82,7 +83,7 @@ std::optional<Events::Event> Events::Take() noexcept {
   if (failed_.exchange(false)) {
     return Event::Error;
   }
-  // The reader of the bus may deliver the EOS of a stream that another one has replaced.
+  // Ignore the late EOS of a stream that another one has replaced.
   const guint32 ended = ended_.exchange(GST_SEQNUM_INVALID);
   if (ended != GST_SEQNUM_INVALID && gst_util_seqnum_compare(ended, expected_since_) > 0) {
     return Event::StreamEnded;

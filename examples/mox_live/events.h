@@ -13,10 +13,10 @@ namespace mox_live {
 class Events {
  public:
   enum class Event {
-    Readable,     ///< The file can be read, or has ended.
+    Readable,     ///< The file can be read, or is at its end.
     Timeout,      ///< The deadline has passed.
-    Interrupt,    ///< A signal asks the program to end. Comes again at every wait.
-    StreamEnded,  ///< The pipeline has posted EOS for the stream expected last.
+    Interrupt,    ///< A signal asks the program to end. Every later wait returns it again.
+    StreamEnded,  ///< The pipeline has posted EOS for the stream since `ExpectStream`.
     Error,        ///< An element has posted an ERROR.
   };
   using Deadline = std::optional<std::chrono::steady_clock::time_point>;
@@ -27,20 +27,20 @@ class Events {
   Events& operator=(const Events&) = delete;
   ~Events();
 
-  /** Raise an event. Any thread. */
+  /** Raises an event. Any thread. */
   ///@{
   void Interrupt(int signal) noexcept;
   void EndStream(guint32 sequence_number) noexcept;
   void Fail() noexcept;
   ///@}
 
-  /** Forgets the ends and errors of the streams so far: a new one is about to start. Main thread. */
+  /** Discards the ends and errors of earlier streams, before a new one starts. Main thread. */
   void ExpectStream() noexcept;
 
-  /** Blocks until the next event, and takes it. No file if `file` is negative. Main thread. */
+  /** Blocks until the next event and returns it. Ignores `file` if it is negative. Main thread. */
   Event Await(int file, Deadline deadline);
 
-  /** The first signal that was raised, or 0. */
+  /** Returns the first signal that was raised, or 0. */
   int GetSignal() const noexcept { return signal_; }
 
  private:

@@ -38,7 +38,7 @@ void FrameCounter::OnBuffer(const GstBuffer& buffer) {
       step == 0) {
     return;
   }
-  // Rounded to whole frames, for containers round timestamps too.
+  // Round to whole frames, because containers round timestamps too.
   const std::uint64_t steps = now > before ? (now - before + step / 2) / step : 0;
   if (steps == 0) {
     ++frames_.repeated;
@@ -50,7 +50,7 @@ void FrameCounter::OnBuffer(const GstBuffer& buffer) {
 void FrameCounter::OnEvent(GstEvent& event) {
   if (GST_EVENT_TYPE(&event) == GST_EVENT_STREAM_START) {
     guint stream = 0;
-    // A change of the filters sends the stream's start again.
+    // A filter change sends the stream-start event again.
     if (gst_event_parse_group_id(&event, &stream) != FALSE && stream != std::exchange(stream_, stream)) {
       previous_ = GST_CLOCK_TIME_NONE;
     }

@@ -10,19 +10,18 @@
 
 namespace mox_live {
 
-/** What passed a pad. */
+/** The frames that have passed a pad. */
 struct Frames {
   std::uint64_t seen = 0;
-  /** Missing between the first and the last that was seen, by their timestamps and the frame rate. */
+  /** Missing between the first and the last frame seen, by their timestamps and the frame rate. */
   std::uint64_t lost = 0;
-  /** Seen with the timestamp of the frame before, or an earlier one. */
+  /** Seen with the timestamp of the previous frame, or an earlier one. */
   std::uint64_t repeated = 0;
 };
 
 /**
- * Counts the frames that pass a pad from now on. Every stream (each input is one) has timestamps of its own, so nothing
- * is counted as lost or repeated between one stream and the next; nor without a frame rate, or a duration of the
- * frames.
+ * Counts the frames that pass a pad from now on. Every input is a stream with timestamps of its own, so no frame counts
+ * as lost or repeated between two streams. Without a frame rate and a duration of the frames, none does.
  */
 class FrameCounter {
  public:
@@ -31,7 +30,7 @@ class FrameCounter {
   FrameCounter& operator=(const FrameCounter&) = delete;
   ~FrameCounter();
 
-  /** What was counted so far. Any thread. */
+  /** Returns the counts so far. Any thread. */
   Frames Get() const;
 
  private:

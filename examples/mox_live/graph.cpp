@@ -25,7 +25,7 @@ void Write(const File& file, const std::string& name, const std::string& text) {
   }
 }
 
-// Without a shell, because the name of the file may contain anything.
+// Runs "dot" without a shell, because the name of the file may contain anything.
 void Draw(const File& text, const std::string& file, const std::string& format) {
   std::string program = "dot";
   std::string format_option = "-T" + format;

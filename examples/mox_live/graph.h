@@ -9,7 +9,8 @@ namespace mox_live {
 
 /**
  * Writes the elements of the bin, their links, caps and states as a picture. The ending of the file's name selects the
- * kind: ".dot" is Graphviz's text; ".svg" and ".png" are drawn by Graphviz's program "dot". Waits for that program.
+ * kind. A ".dot" file has Graphviz's text. Graphviz's program "dot" draws ".svg" and ".png" files; the call waits for
+ * it.
  *
  * @throws std::runtime_error if the ending is another one, Graphviz is not installed, or the file cannot be written
  */

@@ -9,8 +9,8 @@
 namespace mox_live {
 
 /**
- * Takes SIGINT and SIGTERM for as long as it exists. The first one raises an event; the second one ends the process at
- * once, with the status 128 + the number of the signal. It must exist before other threads start, because they inherit
+ * Receives SIGINT and SIGTERM as long as it exists. The first signal raises an event. The second one ends the process
+ * at once, with the status 128 + the number of the signal. Create it before other threads start, because they inherit
  * the blocked signals.
  */
 class Interrupts {

@@ -7,15 +7,15 @@
 
 namespace mox_live {
 
-/** Reads lines from a file descriptor, and buffers no more than it has read: `poll` sees the rest. */
+/** Reads lines from a file descriptor, without stdio's buffer: `poll` reports all unread data. */
 class LineReader {
  public:
   explicit LineReader(int file) : file_(file) {}
 
   /**
-   * The next line without its end; nothing at the end of the file, or if `wait` returns false.
+   * Returns the next line without its end, or nothing at the end of the file.
    *
-   * @param wait called before each read: blocks until the file can be read
+   * Calls `wait` before each read. `wait` blocks until the file can be read, or returns false to end the call.
    */
   std::optional<std::string> Read(const std::function<bool(int file)>& wait);
 

@@ -22,10 +22,11 @@ namespace {
 using mox::gstreamer::Pipeline;
 using mox::gstreamer::element::GetName;
 
-// How long an encoder and a muxer may take to write the end of a recording.
+// The time that an encoder and a muxer may take to write the end of a recording.
 constexpr std::chrono::seconds kFinishTimeout(10);
 
-// Starts an output before it is attached. Otherwise one that cannot start would leave the pipeline without outputs.
+// Checks that an output starts before it is attached. A first output that cannot start would leave the pipeline without
+// outputs.
 void TryOut(GstElement& output) {
   const bool starts = gst_element_set_state(&output, GST_STATE_PAUSED) != GST_STATE_CHANGE_FAILURE;
   gst_element_set_state(&output, GST_STATE_NULL);
@@ -204,7 +205,7 @@ bool Player::WaitForFile(int file) {
   }
 }
 
-// Takes the next event, and acts on those of the stream.
+// Returns the next event, after acting on those of the stream.
 Events::Event Player::Await(int file, Events::Deadline deadline) {
   const auto event = events_.Await(file, deadline);
   if (event == Events::Event::Error) {

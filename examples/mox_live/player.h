@@ -16,19 +16,19 @@
 namespace mox_live {
 
 /**
- * A pipeline that is changed by commands. Each operation writes to standard output what it did. ERROR and WARNING
- * messages go to standard error. For the main thread.
+ * Changes a pipeline by commands. Each operation writes its result to standard output. ERROR and WARNING messages go to
+ * standard error. For the main thread.
  *
- * @throws std::exception from each operation that is refused; the player can go on
+ * @throws std::exception from each operation that is refused; the player can continue
  */
 class Player {
  public:
-  /** The ends of streams are raised and awaited through `events`, which must outlive the player. */
+  /** Raises and awaits errors and ends of streams through `events`, which must outlive the player. */
   explicit Player(Events& events);
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
 
-  /** The commands. `Commands` describes them; those that take nothing ignore their argument. */
+  /** Runs a command, as `Commands` describes it. Commands without an argument ignore it. */
   ///@{
   void SetInput(const std::string& description);
   void AddNextInput(const std::string& description);
@@ -46,7 +46,7 @@ class Player {
   void Wait(const std::string& seconds);
   ///@}
 
-  /** Blocks until the file can be read, and plays the next inputs meanwhile. Returns false after an interrupt. */
+  /** Blocks until the file can be read, and meanwhile plays the next inputs. Returns false after an interrupt. */
   bool WaitForFile(int file);
 
   /** Ends the recordings of a pipeline that plays, and detaches all outputs. */
@@ -58,7 +58,7 @@ class Player {
  private:
   using Element = mox::gstreamer::Ptr<GstElement>;
 
-  /** The stream of the current input, by the events that were taken. */
+  /** The state of the current input's stream, by the events so far. */
   enum class Stream { Flows, Failed, Ended };
 
   Events::Event Await(int file, Events::Deadline deadline);
@@ -76,7 +76,7 @@ class Player {
   Stream stream_ = Stream::Flows;
   mox::gstreamer::Pipeline pipeline_;
 
-  // The last members: they are released first, because the callbacks use the others.
+  // The last members, so that they are released first: their callbacks use the others.
   mox::type::Binding on_error_;
   mox::type::Binding on_warning_;
   mox::type::Binding on_end_of_stream_;

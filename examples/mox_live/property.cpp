@@ -31,7 +31,8 @@ std::string SetProperty(GstElement& element, const std::string& name, const std:
     throw std::runtime_error("cannot set " + label);
   }
   Value value(*pspec);
-  // A value outside the limits is refused here: GObject would take it for a fault of the program.
+  // Refuse a value outside the limits here, because GObject would treat it as an error of the
+  // program.
   if (gst_value_deserialize_with_pspec(value.Get(), text.c_str(), pspec) == FALSE ||
       g_param_value_validate(pspec, value.Get()) != FALSE) {
     throw std::runtime_error(label + " does not take '" + text + "'");

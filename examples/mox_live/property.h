@@ -8,10 +8,10 @@
 namespace mox_live {
 
 /**
- * Sets the property of an element from text, as gst-launch does, and returns what it holds then, which is something
- * else where the element did not take the value.
+ * Sets the property of an element from text, as gst-launch does. Returns its value afterwards, which differs if the
+ * element has not accepted the new one.
  *
- * @throws std::runtime_error if there is no such property to write, or it takes no such value
+ * @throws std::runtime_error if the element has no such writable property, or the property does not accept the value
  */
 std::string SetProperty(GstElement& element, const std::string& name, const std::string& text);
 

@@ -21,14 +21,14 @@ class Report {
   /** Writes a line with the time since the start to standard output. Any thread. */
   void Say(const std::string& text) const;
 
-  /** Makes a change, records how long it took, and writes a line with that and the result, if there is one. */
+  /** Makes a change, records its duration, and writes a line with the duration and the result, if there is one. */
   void Time(const std::string& label, const std::function<void()>& change,
             const std::function<std::string()>& result = {});
 
-  /** Adds the frames of an input or output. A later one may have the same label. */
+  /** Adds the frames of an input or output. A later input or output may have the same label. */
   void Add(const std::string& label, std::unique_ptr<FrameCounter> frames);
 
-  /** The frames that were added last with this label, as text. */
+  /** Returns the frames of the latest input or output with this label, as text. */
   std::string GetFrames(const std::string& label) const;
 
   /** Writes the table of the changes and that of the frames. */
