@@ -1,7 +1,8 @@
 # mox_library(<name> SOURCES <file>... HEADERS <file>... PRIVATE <header>... LINK <target>...)
 #
-# One shared library of the tree: libmox_<name>.so with the target mox::<name>. HEADERS are the public ones, named as they
-# are included ("mox/logging/logger.h" is logger.h in mox/logging). PRIVATE lists the headers that are not installed.
+# Builds one shared library of the tree: libmox_<name>.so with the target mox::<name>. HEADERS lists the public headers,
+# relative to the folder: logger.h in mox/logging is included as "mox/logging/logger.h". PRIVATE lists the headers that
+# are not installed.
 function(mox_library name)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;HEADERS;PRIVATE;LINK")
   set(target mox_${name})
@@ -13,7 +14,7 @@ function(mox_library name)
   target_sources(${target} PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${ARG_HEADERS})
   target_compile_features(${target} PUBLIC cxx_std_17)
   target_link_libraries(${target} PUBLIC ${ARG_LINK})
-  # No symbol of a library is interposed, so it calls its own functions directly.
+  # No other library interposes its symbols, so the library calls its own functions directly.
   target_compile_options(${target} PRIVATE -fno-semantic-interposition)
   target_link_options(${target} PRIVATE LINKER:--no-undefined LINKER:-Bsymbolic-functions)
   install(TARGETS ${target} EXPORT ${PROJECT_NAME}

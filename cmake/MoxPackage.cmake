@@ -37,7 +37,7 @@ set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "The shared libraries")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libmox-integration-gstreamer-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-# The headers contain types of the Boost that the libraries link with, so a program needs the same version.
+# The headers contain types of Boost, so a program needs the version with which the libraries are linked.
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "libgstreamer1.0-dev (>= 1.22), libboost-filesystem${Boost_VERSION_MAJOR}.${Boost_VERSION_MINOR}-dev, pkgconf")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS gstreamer1.0-plugins-good)  # for the README's program

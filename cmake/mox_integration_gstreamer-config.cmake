@@ -3,7 +3,7 @@ get_property(languages GLOBAL PROPERTY ENABLED_LANGUAGES)
 if("CXX" IN_LIST languages)
   find_dependency(Boost 1.74 CONFIG COMPONENTS filesystem)
 elseif(NOT TARGET Boost::filesystem)
-  # Boost's package needs C++, and a C program needs nothing of Boost.
+  # Boost's package needs C++, and a C program does not use Boost.
   add_library(Boost::filesystem INTERFACE IMPORTED)
 endif()
 find_dependency(Threads)

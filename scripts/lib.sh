@@ -4,7 +4,7 @@
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=$(realpath -m "${MOX_BUILD_DIR:-$root/build}")
 
-# Debian's versions of Boost conflict. Use the one whose headers are installed, or else the default.
+# Debian's versions of Boost conflict. Use the version whose headers are installed, otherwise the default one.
 boost=$(dpkg-query -W -f '${db:Status-Status} ${Package}\n' 'libboost[0-9]*-dev' 2>/dev/null |
   sed -n 's/^installed libboost\([0-9.]*\)-dev$/\1/p' || true)
 
@@ -48,7 +48,7 @@ install_packages() {
   }
 }
 
-# Builds targets of a preset, by default all, and installs what they need.
+# Builds targets of a preset, by default all, and installs the packages that they need.
 build_preset() {
   local preset=$1
   shift
