@@ -4,9 +4,9 @@
 #include <gst/gst.h>
 
 /*
- * The work of the library, written by hand in C as GStreamer's manual advises: changes of a playing
- * stream lose no frame, and no output gets an EOS. It assumes that filters accept the current caps
- * and that nothing fails.
+ * The work of the library, written by hand in C as GStreamer's manual advises. Changes of a playing
+ * stream lose no frame, and no output receives an EOS. The code assumes that filters accept the
+ * current caps and that nothing fails.
  *
  *   source -> videoconvert -> filters -> tee -> for each output, a queue -> the output
  */

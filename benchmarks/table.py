@@ -21,7 +21,7 @@ Row = collections.namedtuple("Row", "what library subject other ratios")  # the 
 
 
 def read(folder):
-    """{(what, arguments but the last): {subject: {last argument: [seconds by rounds]}}}, and the fits by rounds."""
+    """Returns {(what, arguments but the last): {subject: {last argument: [seconds by rounds]}}}, and the fits by rounds."""
     measured = collections.defaultdict(lambda: collections.defaultdict(lambda: collections.defaultdict(list)))
     fits = []
     for file in sorted(folder.glob("*.json")):
@@ -80,7 +80,7 @@ def make_table(rows):
 
 
 def make_meaning(measured):
-    """Returns the figures in terms of a user."""
+    """Returns the sentences about the figures that matter to a user."""
 
     def library(what, argument):
         return statistics.median(measured[what]["library"][argument])

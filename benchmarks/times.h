@@ -28,8 +28,8 @@ struct Times {
 };
 
 /**
- * Returns what the function returns in a child process. GStreamer is initialised once a process,
- * with a session or without; the parent never initialises it.
+ * Returns the result of the function in a child process. GStreamer is initialised once for each
+ * process, with a session or without. The parent never initialises it.
  */
 template <typename Function>
 Times InChild(const Function& function) {

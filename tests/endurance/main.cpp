@@ -69,7 +69,7 @@ struct Ground {
     }
   }
 
-  // During a stop an item may fail because an element has stopped before the one upstream.
+  // During a stop an item may fail, because an element stops before the one upstream of it.
   static void OnError(GstBus* /*bus*/, GstMessage* message, Ground* ground) {
     const std::string source = GST_MESSAGE_SRC_NAME(message);
     if (source.find("faulty") == std::string::npos && ground->stop_edges % 2 == 0) {
@@ -104,8 +104,8 @@ struct Ground {
   Watch leaving{Find(whole, "output_bin")};
   guint stream = 0;
   guint64 number = 0;
-  std::atomic<bool> sends_gaps = false;  ///< GAP events in place of frames.
-  std::shared_mutex stopping;            ///< Shared by what a stop must not meet.
+  std::atomic<bool> sends_gaps = false;  ///< The source sends GAP events instead of frames.
+  std::shared_mutex stopping;            ///< Locked, shared or not, by steps that must not meet a stop.
   Count stop_edges = 0;                  ///< Begins and ends of stops: odd during a stop.
   Count alive = 0;                       ///< Elements that are not finalised.
   std::atomic<bool> stop = false;
@@ -193,7 +193,7 @@ struct Walker {
     }
   }
 
-  // Probes that wait for a buffer would pile up.
+  // Finds probes that wait for a buffer and pile up.
   void SendGaps() {
     ground.sends_gaps = true;
     for (std::size_t i = Below(16); i > 0; --i) {
@@ -203,7 +203,7 @@ struct Walker {
     ground.sends_gaps = false;
   }
 
-  // Each change has a few at a time and leaves none.
+  // Each change has a few probes at a time and leaves none.
   void CheckProbes() const { EXPECT_LE(ground.CountProbes(), 8) << "probes between the bins"; }
 
   void ChangeFilters() {
@@ -228,7 +228,7 @@ struct Walker {
     }
   }
 
-  // Returns false if a stop ended the change, which then has not been made.
+  // Returns false if a stop ended the change, and the change has not been made.
   template <typename Call>
   bool Change(const Call& call) {
     const std::size_t edges = ground.stop_edges;
@@ -293,7 +293,7 @@ struct Walker {
     return ground.Counted(is_bin ? Parse(description) : live::Make(description.c_str()));
   }
 
-  // As many frames as it can send or, one in five, 60 a second.
+  // Sends as many frames as it can. One input in five sends 60 a second.
   Ptr<GstElement> MakeInput() {
     constexpr const char* kEnds[] = {",format=I420", ",format=RGB", ",format=BGRx ! queue", ",format=NV12 ! queue"};
     const bool is_paced = Below(5) == 0;
@@ -309,7 +309,7 @@ struct Walker {
   }
 
   void ExchangeInput() {
-    // Not in place of an input that another thread has just set and that fails to start.
+    // Do not replace an input that another thread has just set and that fails to start.
     const std::shared_lock lock(ground.stopping);
     pipeline.SetInput(MakeInput());
     ++changes;
@@ -331,7 +331,7 @@ struct Walker {
     ChangeFilters();
   }
 
-  // Not while the pipeline is stopped, because its filters would not be restored.
+  // Runs only while the pipeline is not stopped, because a stopped one does not restore its filters.
   void RequestWrongly() {
     const std::shared_lock lock(ground.stopping);
     const auto one = Make("identity");
@@ -396,7 +396,7 @@ void Walk(Ground& ground, int seconds, int thread_count, int seed) {
   }
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   while (std::chrono::steady_clock::now() < end) {
-    // The stream and each thread must get on.
+    // The stream and each thread must make progress.
     SetDeadline(20);
     ground.leaving.AwaitFrames();
     for (const Walker& walker : walkers) {
@@ -410,7 +410,7 @@ void Walk(Ground& ground, int seconds, int thread_count, int seed) {
   for (auto& thread : threads) {
     thread.join();
   }
-  // The library removes what it adds to a stream that is starting once it plays.
+  // The library adds probes to a stream that is starting, and removes them once it plays.
   Await(
       [&] { return gst_element_get_state(GST_ELEMENT(&ground.whole), nullptr, nullptr, 0) != GST_STATE_CHANGE_ASYNC; });
   ground.leaving.AwaitFrames(10);
@@ -450,7 +450,7 @@ void Run(int seconds, int threads, int seed) {
   Ground ground;
   const std::size_t at_rest = CountOwn("task");
   g_thread_pool_set_max_unused_threads(0);
-  // A first short walk makes what GStreamer makes once and keeps.
+  // A first short walk creates the objects that GStreamer creates once and keeps.
   Walk(ground, 2, threads, seed);
   const Holding before(ground, at_rest);
   Walk(ground, seconds, threads, seed);
@@ -471,10 +471,10 @@ int main(int argc, char** argv) {
     std::cerr << kUsage;
     return EXIT_FAILURE;
   }
-  // Before anything else, because a failure may end the program at any time.
+  // Print this before anything else, because a failure may end the program at any time.
   std::cout << "mox-endurance " << seconds << " " << threads << " " << seed << std::endl;
   gst_init(nullptr, nullptr);
   Run(seconds, threads, seed);
-  gst_deinit();  // the tracer "leaks" prints what is left
+  gst_deinit();  // the tracer "leaks" prints the objects that are left
   return testing::UnitTest::GetInstance()->Failed() ? EXIT_FAILURE : EXIT_SUCCESS;
 }

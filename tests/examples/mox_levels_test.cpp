@@ -10,7 +10,7 @@
 
 using Bytes = std::vector<guint8>;
 
-constexpr int kWidth = 37;  // gives rows with bytes behind them
+constexpr int kWidth = 37;  // gives rows with padding
 constexpr int kHeight = 5;
 
 /** Returns the frame with every light and colour level changed by the formula; alpha stays. */

@@ -62,7 +62,7 @@ class MoxLive : public testing::Test {
     ASSERT_EQ(write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
 
-  // Asks until the output has got so many frames.
+  // Sends "show" until the output has received this many frames.
   void AwaitFrames(const std::string& output, int count = 1) {
     int frames = 0;
     do {
@@ -115,7 +115,7 @@ class MoxLive : public testing::Test {
   int input_ = -1;
   int output_ = -1;
   std::string text_;
-  std::ptrdiff_t read_ = 0;  // up to here by `ReadUntil`
+  std::ptrdiff_t read_ = 0;  // the position up to which `ReadUntil` has read
 };
 
 /** The duration of a file in seconds, as GStreamer's discoverer reads it; 0 if it has none. */

@@ -60,7 +60,7 @@ TEST_F(Handle, CastRefusesOtherTypes) {
 }
 
 TEST_F(Checked, FailuresNameTheOperationAndTheObjects) {
-  const auto prefix = boost::string_view("Bin Error: and more").substr(0, 11);  // what follows must not be read
+  const auto prefix = boost::string_view("Bin Error: and more").substr(0, 11);  // the rest must not be read
   const auto pipeline = check::pipeline::Make("p", prefix);
   GstBin& bin = *GST_BIN(pipeline.Get());
   const auto f = faulty::Make("f");
@@ -68,7 +68,7 @@ TEST_F(Checked, FailuresNameTheOperationAndTheObjects) {
   const Ptr<GstPad> alone(gst_pad_new("alone", GST_PAD_SINK));
   gst_element_set_bus(GST_ELEMENT(&bin), nullptr);
   faulty::Of(f.Get()).answer = GST_STATE_CHANGE_FAILURE;
-  g_log_set_always_fatal(G_LOG_LEVEL_ERROR);  // to GStreamer a pad of a name that is taken is a critical mistake
+  g_log_set_always_fatal(G_LOG_LEVEL_ERROR);  // GStreamer logs a critical if the name of a pad is taken
   const struct {
     Call call;
     std::string operation;
@@ -132,7 +132,7 @@ TEST_F(Context, ValueIsEmptyAfterAMove) {
 struct Bins : live::Test {
   Bins() { bin::pipeline::Initialize(whole); }
 
-  // The element and what is linked downstream of it, and so on, without the numbers that GStreamer gives.
+  // Returns the element and everything linked downstream of it, without the numbers in GStreamer's names.
   static std::string Chain(GstElement& element) {
     std::string chain = GST_OBJECT_NAME(&element);
     chain.resize(std::min(chain.size(), chain.find_first_of("0123456789")));
@@ -148,8 +148,8 @@ struct Bins : live::Test {
   struct Step {
     void (*change)(GstBin&, Elements);
     Elements list;
-    const char* chain;  ///< What the change leaves.
-    int elements;       ///< How many the bin has then, linked or not.
+    const char* chain;  ///< The chain after the change.
+    int elements;       ///< The number of elements in the bin afterwards, linked or not.
     Outcome outcome = kSucceeds;
   };
 
@@ -179,7 +179,7 @@ TEST_F(Bins, FiltersAreAppendedAndErasedInOrder) {
   const auto missing =
       ThrowsMessage<std::runtime_error>("Cannot remove a filter that has not been added to the filters list");
   const auto null = ThrowsMessage<std::invalid_argument>("Cannot add a filter that is null");
-  // What fails as it is added leaves the chain open, for the next to close.
+  // An element that cannot be added leaves the chain open. The next change closes it.
   ExpectSteps(bin::pipeline::GetFilterBin(whole), "sink_filter",
               {{add, {a, b}, "sink_filter a b source_filter", 4},
                {erase, {a, a, b}, "sink_filter b source_filter", 3, missing},

@@ -82,7 +82,7 @@ TEST_F(BusTest, ReleaseKeepsWhatSharesTheTypeOrItsBits) {
 
 TEST_F(BusTest, UnboundBusIsLeftAlone) {
   mark.Release();
-  Post(GST_MESSAGE_APPLICATION);  // may be read by a wait that began before
+  Post(GST_MESSAGE_APPLICATION);  // a wait that began before may still read it
   Post(GST_MESSAGE_APPLICATION);
   EXPECT_LT(TakeCpuTime(), 10ms);
   EXPECT_TRUE(gst_bus_have_pending(raw.Get()));

@@ -11,7 +11,7 @@
 
 static std::atomic<std::size_t> allocations, references;
 
-// Replaces the C library's function for everything that is loaded. Calls to calloc and realloc are not counted.
+// Replaces the C library's function for all loaded libraries. Does not count calls to calloc and realloc.
 extern "C" MOX_EXPORT void* malloc(std::size_t size) {
   static const auto allocate = reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, "malloc"));
   ++allocations;
@@ -61,7 +61,8 @@ TEST_F(ChangeCost, StaysWithinLimits) {
   stream.pipeline.SetEnable(true);
   Await([&] { return made == 1; });
 
-  // The cheapest round counts. On a busy machine a change that waits looks for a stop and for the end of the stream.
+  // The cheapest round counts. On a busy machine a change waits longer, and each slice checks for a stop and for the
+  // end of the stream.
   const auto filter = Make("identity");
   Cost least{SIZE_MAX, SIZE_MAX};
   for (std::size_t frames = 0; frames < 42;) {

@@ -17,7 +17,7 @@ using testing::ThrowsMessage;
 
 constexpr auto kFrameRate = 60;
 
-// Only "sink" is ghosted. The parser would ghost a pad inside of a splitmuxsink as well.
+// Ghosts only "sink". The parser would also ghost a pad inside a splitmuxsink.
 Ptr<GstElement> MakeOutput(const std::string& description) {
   Ptr<GstElement> bin(gst_parse_bin_from_description(description.c_str(), FALSE, nullptr));
   const Ptr<GstPad> inner(gst_bin_find_unlinked_pad(GST_BIN(bin.Get()), GST_PAD_SINK));
@@ -53,7 +53,8 @@ class Finish : public Test {
   Stream stream;
 };
 
-// Frames that this encoder takes, in a stream that every muxer takes.
+// Converts the frames to caps that this encoder accepts, and encodes a stream that every muxer
+// accepts.
 constexpr auto kH264 =
     "videoscale ! capsfilter caps=video/x-raw,width=64,height=64 ! videoconvert "
     "! openh264enc gop-size=15 ! h264parse ! ";
@@ -222,7 +223,7 @@ TEST_F(Finish, AfterTheEndOfTheStreamThereIsNothingToWaitFor) {
   EXPECT_EQ(stream.watch.eos, 1U);
 }
 
-// A sink keeps a buffer for ever, and the allocation query that follows a new output waits for it.
+// A sink keeps a buffer for ever. The allocation query that follows a new output would wait for it.
 TEST_F(Finish, OutputsThatAreStuckHoldUpNoOther) {
   const Watch other(Make("fakesink", "other"));
   const Watch third(Make("fakesink", "third"));
@@ -238,7 +239,7 @@ TEST_F(Finish, OutputsThatAreStuckHoldUpNoOther) {
   third.ExpectWhole();
 }
 
-// Elements inside of the output have the EOS on their pads, and would end the stream with it.
+// The pads of elements inside the output store the EOS, and would end the stream with it.
 TEST_F(Finish, OutputsThatRefuseToStopRunAgain) {
   const auto refusing = faulty::Make("refusing");
   const Ptr<GstElement> output(gst_bin_new("output"));

@@ -14,7 +14,7 @@ using testing::ElementsAre;
 /** A test in a process of its own, because GStreamer goes up and down once in a process. */
 struct SessionTest : testing::Test {
   SessionTest() {
-    setenv("GST_REGISTRY_DISABLE", "yes", 1);  // leaves the plugins that a test registers
+    setenv("GST_REGISTRY_DISABLE", "yes", 1);  // keeps the plugins that a test registers
     setenv("GST_DEBUG", "", 1);
     setenv("MOX_LOG_LEVEL", "all", 1);
   }

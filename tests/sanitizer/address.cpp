@@ -1,5 +1,5 @@
-// Preloaded into the test programs. Hides from the address sanitizer the lists of log functions that GStreamer replaces
-// and never frees.
+// Preloaded into the test programs. Hides the lists of log functions from the address sanitizer, because GStreamer
+// replaces and never frees them.
 
 #include <gst/gst.h>
 

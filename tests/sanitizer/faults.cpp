@@ -1,4 +1,5 @@
-// The faults that the sanitizers must report: leaked events, and a race of main with GStreamer's thread for a counter.
+// The faults that the sanitizers must report: leaked events, and a data race of the main thread with a thread of
+// GStreamer.
 
 #include <atomic>
 

@@ -1,4 +1,4 @@
-// This program does not load the library itself, but under another name, which a link gives it.
+// This program loads the library under another name, through a symbolic link.
 
 #include "tests/logging/capture.h"
 
