@@ -31,7 +31,7 @@ std::optional<To> ConvertNumber(From value) {
   return static_cast<To>(exact);
 }
 
-/** Returns the value as another type, or nothing if that type cannot hold it. */
+/** Returns the value as another type, or nothing if that type cannot represent it. */
 template <typename To>
 std::optional<To> Convert(const Value& value) {
   return std::visit(

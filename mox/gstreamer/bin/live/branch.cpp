@@ -48,7 +48,7 @@ bool HasAllEvents(GstPad& source, GstPad& sink) {
 // does not wait for it, because a slow output may keep it there for long.
 class BlockedTee {
  public:
-  // A stop ends the wait. The constructor then raises `Stopped`, or goes on if `raises` is false, because an event that
+  // A stop ends the wait. The constructor then raises `Stopped`, or returns if `raises` is false, because an event that
   // fails during a stop does no harm.
   BlockedTee(GstBin& outputBin, GstElement& tee, bool raises)
       : sink_(GetSink(tee)),
