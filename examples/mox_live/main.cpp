@@ -68,7 +68,7 @@ Options:
   -i, --input DESCRIPTION   the input to begin with; may be repeated: each plays once the stream of the one before ends
   -f, --filter DESCRIPTION  a filter to begin with; may be repeated
   -o, --output DESCRIPTION  an output to begin with; may be repeated
-  -r, --report              at the end, write the time of each change and the frames of each input and output
+  -r, --report              at the end, write the duration of each change and the frames of each input and output
   -h, --help                show this help
 
 Commands, read from standard input line by line:

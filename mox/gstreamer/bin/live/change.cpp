@@ -35,8 +35,8 @@ struct Shared {
   std::promise<void> changed;  ///< The change has been made or has failed.
 };
 
-// Drops the EOS of a drain at the "src" of the filter bin, after the last buffer. A flush ends the drain too, because it
-// discards the buffers and the EOS.
+// Drops the EOS of a drain at the "src" of the filter bin, after the last buffer. A flush ends the drain too, because
+// it discards the buffers and the EOS.
 class EndOfDrain {
  public:
   EndOfDrain(GstPad& source, const std::shared_ptr<Shared>& shared)
