@@ -347,6 +347,7 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
   const auto pad = check::pad::GetPeer(*GetSink(*branch.front()), kPadError);
   std::optional<StateLock> lock;
   bool runs = true;
+  // Cut the branch off, then stop it. The output first, because the queue's thread may wait inside it.
   CutOff(*pad, branch);
   try {
     WaitUntilIdle(outputBin, *pad, branch, [] { return false; });
@@ -364,6 +365,7 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
     throw;
   }
 
+  // Remove the stopped branch between two items of the tee.
   const BlockedTee blocked(outputBin, tee, false);
   gst_element_unlink(branch.front().Get(), branch.back().Get());
   Unlink(tee, *branch.front());
