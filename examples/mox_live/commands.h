@@ -14,7 +14,8 @@ class Commands {
   explicit Commands(Player& player) : player_(player) {}
 
   /**
-   * Runs one command, which writes its result to standard output. Ignores empty lines and those that begin with "#".
+   * Runs one command, which writes its result to standard output. Ignores empty lines and those
+   * that begin with "#".
    *
    * @throws std::exception if the command is unknown or refused; the program can continue
    */

@@ -47,8 +47,8 @@ bool HasVideoRequestPad(GstElement& element) {
 }  // namespace
 
 Ptr<GstElement> MakeElement(const std::string& description, Role role) {
-  // Ghost the pads here. The parser would also ghost a sink pad that is linked inside the bin later, for example that
-  // of a converter downstream of a decoder.
+  // Ghost the pads here. The parser would also ghost a sink pad that is linked inside the bin
+  // later, for example that of a converter downstream of a decoder.
   constexpr auto flags = static_cast<GstParseFlags>(GST_PARSE_FLAG_FATAL_ERRORS | GST_PARSE_FLAG_PLACE_IN_BIN |
                                                     GST_PARSE_FLAG_NO_SINGLE_ELEMENT_BINS);
   GError* error = nullptr;

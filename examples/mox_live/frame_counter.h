@@ -20,8 +20,9 @@ struct Frames {
 };
 
 /**
- * Counts the frames that pass a pad from now on. Every input is a stream with timestamps of its own, so no frame counts
- * as lost or repeated between two streams. Without a frame rate and a duration of the frames, none does.
+ * Counts the frames that pass a pad from now on. Every input is a stream with timestamps of its
+ * own, so no frame counts as lost or repeated between two streams. Without a frame rate and a
+ * duration of the frames, none does.
  */
 class FrameCounter {
  public:

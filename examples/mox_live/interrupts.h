@@ -9,9 +9,9 @@
 namespace mox_live {
 
 /**
- * Receives SIGINT and SIGTERM as long as it exists. The first signal raises an event. The second one ends the process
- * at once, with the status 128 + the number of the signal. Create it before other threads start, because they inherit
- * the blocked signals.
+ * Receives SIGINT and SIGTERM as long as it exists. The first signal raises an event. The second
+ * one ends the process at once, with the status 128 + the number of the signal. Create it before
+ * other threads start, because they inherit the blocked signals.
  */
 class Interrupts {
  public:

@@ -15,7 +15,8 @@ class LineReader {
   /**
    * Returns the next line without its end, or nothing at the end of the file.
    *
-   * Calls `wait` before each read. `wait` blocks until the file can be read, or returns false to end the call.
+   * Calls `wait` before each read. `wait` blocks until the file can be read, or returns false to
+   * end the call.
    */
   std::optional<std::string> Read(const std::function<bool(int file)>& wait);
 

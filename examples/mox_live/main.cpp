@@ -105,7 +105,8 @@ bool Try(const std::function<void()>& action) {
   }
 }
 
-// Keeps autovideosink from trying DirectFB, which crashes in a thread of its own on a machine without a screen.
+// Keeps autovideosink from trying DirectFB, which crashes in a thread of its own on a machine
+// without a screen.
 void AvoidDirectFb() {
   const Ptr<GstObject> sink(GST_OBJECT(gst_registry_lookup_feature(gst_registry_get(), "dfbvideosink")));
   if (sink) {

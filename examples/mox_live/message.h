@@ -7,7 +7,10 @@
 
 namespace mox_live {
 
-/** Returns the text of an ERROR or WARNING message: its kind, the path of the element, the error and the debug text. */
+/**
+ * Returns the text of an ERROR or WARNING message: its kind, the path of the element, the error and
+ * the debug text.
+ */
 std::string DescribeFailure(const GstMessage& message);
 
 }  // namespace mox_live

@@ -25,8 +25,8 @@ using mox::gstreamer::element::GetName;
 // The time that an encoder and a muxer may take to write the end of a recording.
 constexpr std::chrono::seconds kFinishTimeout(10);
 
-// Checks that an output starts before it is attached. A first output that cannot start would leave the pipeline without
-// outputs.
+// Checks that an output starts before it is attached. A first output that cannot start would leave
+// the pipeline without outputs.
 void TryOut(GstElement& output) {
   const bool starts = gst_element_set_state(&output, GST_STATE_PAUSED) != GST_STATE_CHANGE_FAILURE;
   gst_element_set_state(&output, GST_STATE_NULL);

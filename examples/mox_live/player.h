@@ -16,14 +16,16 @@
 namespace mox_live {
 
 /**
- * Changes a pipeline by commands. Each operation writes its result to standard output. ERROR and WARNING messages go to
- * standard error. For the main thread.
+ * Changes a pipeline by commands. Each operation writes its result to standard output. ERROR and
+ * WARNING messages go to standard error. For the main thread.
  *
  * @throws std::exception from each operation that is refused; the player can continue
  */
 class Player {
  public:
-  /** Raises and awaits errors and ends of streams through `events`, which must outlive the player. */
+  /**
+   * Raises and awaits errors and ends of streams through `events`, which must outlive the player.
+   */
   explicit Player(Events& events);
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
@@ -46,7 +48,10 @@ class Player {
   void Wait(const std::string& seconds);
   ///@}
 
-  /** Blocks until the file can be read, and meanwhile plays the next inputs. Returns false after an interrupt. */
+  /**
+   * Blocks until the file can be read, and meanwhile plays the next inputs. Returns false after an
+   * interrupt.
+   */
   bool WaitForFile(int file);
 
   /** Ends the recordings of a pipeline that plays, and detaches all outputs. */

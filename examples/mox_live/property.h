@@ -8,10 +8,11 @@
 namespace mox_live {
 
 /**
- * Sets the property of an element from text, as gst-launch does. Returns its value afterwards, which differs if the
- * element has not accepted the new one.
+ * Sets the property of an element from text, as gst-launch does. Returns its value afterwards,
+ * which differs if the element has not accepted the new one.
  *
- * @throws std::runtime_error if the element has no such writable property, or the property does not accept the value
+ * @throws std::runtime_error if the element has no such writable property, or the property does not
+ * accept the value
  */
 std::string SetProperty(GstElement& element, const std::string& name, const std::string& text);
 

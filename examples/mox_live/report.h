@@ -15,13 +15,19 @@
 
 namespace mox_live {
 
-/** Records the changes of a pipeline and the frames of its inputs and outputs. For one thread, except `Say`. */
+/**
+ * Records the changes of a pipeline and the frames of its inputs and outputs. For one thread,
+ * except `Say`.
+ */
 class Report {
  public:
   /** Writes a line with the time since the start to standard output. Any thread. */
   void Say(const std::string& text) const;
 
-  /** Makes a change, records its duration, and writes a line with the duration and the result, if there is one. */
+  /**
+   * Makes a change, records its duration, and writes a line with the duration and the result, if
+   * there is one.
+   */
   void Time(const std::string& label, const std::function<void()>& change,
             const std::function<std::string()>& result = {});
 

@@ -17,7 +17,8 @@
 namespace mox::gstreamer {
 namespace {
 
-// The longest wait of the reader for a message. A stop or a new binding takes effect when the wait ends.
+// The longest wait of the reader for a message. A stop or a new binding takes effect when the wait
+// ends.
 constexpr std::chrono::nanoseconds kSlice = std::chrono::milliseconds(500);
 
 using Callback = std::function<void(const GstMessage&)>;
@@ -31,7 +32,8 @@ class Bus::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  // Called by the owning Bus, because a binding that is being released may keep this object a little longer.
+  // Called by the owning Bus, because a binding that is being released may keep this object a
+  // little longer.
   void Stop() noexcept {
     stop_.exchange(true);
     thread_.join();
@@ -86,7 +88,8 @@ class Bus::Impl {
     }
   }
 
-  // Called when bindings have changed. Computes the mask from all of them, because types may share bits.
+  // Called when bindings have changed. Computes the mask from all of them, because types may share
+  // bits.
   void Update() {
     mask_ = 0;
     for (const auto& [type, count] : counts_) {
@@ -137,7 +140,8 @@ const GstBus& Bus::Get() const {
 
 mox::type::Binding Bus::Bind(GstMessageType type, Callback callback) {
   Impl& impl = Deref(impl_);
-  // Compared as unsigned numbers, because every extended type and GST_MESSAGE_ANY are above the flag.
+  // Compared as unsigned numbers, because every extended type and GST_MESSAGE_ANY are above the
+  // flag.
   if (static_cast<std::uint32_t>(type) >= static_cast<std::uint32_t>(GST_MESSAGE_EXTENDED)) {
     throw std::logic_error("Cannot register types exceeding GST_MESSAGE_EXTENDED");
   }

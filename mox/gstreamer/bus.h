@@ -13,17 +13,20 @@
 namespace mox::gstreamer {
 
 /**
- * Reads a GStreamer bus on a thread of its own and hands each message to the callbacks bound to its type.
+ * Reads a GStreamer bus on a thread of its own and hands each message to the callbacks bound to its
+ * type.
  *
- * The bus must deliver asynchronously. The bus of a pipeline does; the bus of a bin inside a pipeline does not. While
- * nothing is bound, messages stay on the bus. While something is bound, messages of other types are discarded. A new
- * binding takes effect within 500 ms, and may miss messages of its type until then.
+ * The bus must deliver asynchronously. The bus of a pipeline does; the bus of a bin inside a
+ * pipeline does not. While nothing is bound, messages stay on the bus. While something is bound,
+ * messages of other types are discarded. A new binding takes effect within 500 ms, and may miss
+ * messages of its type until then.
  *
- * Callbacks run on the reader thread, one at a time, in the order of their slots; the first free slot is used first.
- * They borrow the message. They must not throw, bind or release bindings of this bus, or wait for a thread that does.
+ * Callbacks run on the reader thread, one at a time, in the order of their slots; the first free
+ * slot is used first. They borrow the message. They must not throw, bind or release bindings of
+ * this bus, or wait for a thread that does.
  *
- * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", and destroying it does
- * nothing.
+ * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", and
+ * destroying it does nothing.
  */
 class MOX_EXPORT Bus {
  public:
@@ -36,8 +39,8 @@ class MOX_EXPORT Bus {
   explicit Bus(Ptr<GstBus> bus);
 
   /**
-   * Moves the reader and its bindings; `other` is empty afterwards. Assignment also destroys the previous reader, and
-   * waits as the destructor does.
+   * Moves the reader and its bindings; `other` is empty afterwards. Assignment also destroys the
+   * previous reader, and waits as the destructor does.
    */
   ///@{
   Bus(Bus&& other) noexcept;
@@ -45,8 +48,8 @@ class MOX_EXPORT Bus {
   ///@}
 
   /**
-   * Stops and joins the reader. Waits up to about 500 ms, and for a running callback. A callback that destroys its bus
-   * would wait for itself.
+   * Stops and joins the reader. Waits up to about 500 ms, and for a running callback. A callback
+   * that destroys its bus would wait for itself.
    */
   ~Bus();
 
@@ -57,12 +60,14 @@ class MOX_EXPORT Bus {
   ///@}
 
   /**
-   * Calls `callback` for every message whose type is exactly `type`, until the returned binding is released. The
-   * binding may outlive the bus. Any thread except the reader may release it; the release waits for a running callback.
+   * Calls `callback` for every message whose type is exactly `type`, until the returned binding is
+   * released. The binding may outlive the bus. Any thread except the reader may release it; the
+   * release waits for a running callback.
    *
-   * @throws std::logic_error "Cannot register types exceeding GST_MESSAGE_EXTENDED" for an extended type or
-   * GST_MESSAGE_ANY
-   * @throws std::invalid_argument "Cannot insert invalid functions into the Callbacks" for an empty callback
+   * @throws std::logic_error "Cannot register types exceeding GST_MESSAGE_EXTENDED" for an extended
+   * type or GST_MESSAGE_ANY
+   * @throws std::invalid_argument "Cannot insert invalid functions into the Callbacks" for an empty
+   * callback
    */
   mox::type::Binding Bind(GstMessageType type, std::function<void(const GstMessage&)> callback);
 

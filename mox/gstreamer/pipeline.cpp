@@ -42,14 +42,16 @@ Ptr<GstPipeline> Make(unsigned id, const std::string& name) {
   const auto context = check::context::Make(kContextType, "Context Error: ");
   context::SetValue(*context, "id", MakeUnsigned(id));
   gst_element_set_context(GST_ELEMENT(element.Get()), context.Get());
-  // Always use the system clock. An element that provides a clock may be removed, and its clock would stop.
+  // Always use the system clock. An element that provides a clock may be removed, and its clock
+  // would stop.
   const Ptr<GstClock> clock(gst_system_clock_obtain());
   gst_pipeline_use_clock(element.Get(), clock.Get());
   return element;
 }
 
-// Blocks an EOS upstream of the outputs while the elements stop. The input sends one if it pushes into an element that
-// has already stopped. Outputs that still run would take it for the end of the stream.
+// Blocks an EOS upstream of the outputs while the elements stop. The input sends one if it pushes
+// into an element that has already stopped. Outputs that still run would take it for the end of the
+// stream.
 ScopedProbe BlockEos(GstBin& filterBin) {
   const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", bin::kElementError);
   return {*source, GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [](GstPadProbeInfo& info) {
@@ -58,7 +60,8 @@ ScopedProbe BlockEos(GstBin& filterBin) {
           }};
 }
 
-// Stops every element of the bin, sinks first. Removes those that refuse, because their bin could not stop either.
+// Stops every element of the bin, sinks first. Removes those that refuse, because their bin could
+// not stop either.
 void StopEach(GstBin& bin) noexcept try {
   for (const auto& element : Collect<GstElement>(gst_bin_iterate_sorted(&bin))) {
     const bool refuses = gst_element_set_state(element.Get(), GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE;
@@ -89,8 +92,8 @@ class Pipeline::Impl {
       SetEnable(false);
     } catch (...) {  // the elements are stopped below
     }
-    // Stop elements that a failed start or the program has started, too. If one element refuses, the threads of the
-    // others would continue.
+    // Stop elements that a failed start or the program has started, too. If one element refuses,
+    // the threads of the others would continue.
     if (gst_element_set_state(&Element(), GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
       StopEach(Whole());
       gst_element_set_state(&Element(), GST_STATE_NULL);
@@ -115,7 +118,8 @@ class Pipeline::Impl {
         impl_.Recover();
       } catch (...) {  // the change itself raises its error
       }
-      // The latency may have changed with the elements. GStreamer expects the program to distribute it.
+      // The latency may have changed with the elements. GStreamer expects the program to distribute
+      // it.
       if (impl_.enable_) {
         gst_bin_recalculate_latency(&impl_.Whole());
       }
@@ -136,17 +140,19 @@ class Pipeline::Impl {
     if (target == GST_STATE_NULL) {
       ForgetStreams();
     }
-    // Start the whole first, so that all elements share one base time; then each bin, which raises its own error.
+    // Start the whole first, so that all elements share one base time; then each bin, which raises
+    // its own error.
     gst_element_set_state(&Element(), target);
     for (GstElement* const bin : GetBins()) {
       bin::Sync(*bin);
     }
   }
 
-  // Stops the bins and exchanges the input. If that fails, the pipeline gets its target state again, but its bins do
-  // not: the next exchange starts them.
+  // Stops the bins and exchanges the input. If that fails, the pipeline gets its target state
+  // again, but its bins do not: the next exchange starts them.
   void ExchangeInput(const Ptr<GstElement>& input, GstState target) {
-    // Lock the bins, because a pipeline that is still starting must not start one bin while another is being stopped.
+    // Lock the bins, because a pipeline that is still starting must not start one bin while another
+    // is being stopped.
     LockBins(TRUE);
     gst_element_set_state(&Element(), GST_STATE_NULL);
     bool stopped = false;
@@ -210,7 +216,8 @@ class Pipeline::Impl {
 
   void OnStreamStart(const GstMessage& message) {
     const Lock lock(state_mutex_);
-    // Ignore a late message, which the reader popped before its stream was stopped, or while its start failed.
+    // Ignore a late message, which the reader popped before its stream was stopped, or while its
+    // start failed.
     const guint32 sent_at = gst_message_get_seqnum(const_cast<GstMessage*>(&message));
     if (enable_ || (gst_util_seqnum_compare(sent_at, stopped_at_) > 0 && !HasStartFailed())) {
       state_ = State::Playing;
@@ -237,14 +244,14 @@ class Pipeline::Impl {
 
   bool HasStartFailed() const { return start_failed_ && HasFailed(Element()); }
 
-  // Returns true if an element has posted an ERROR or refused a state since the state of the bin was set. Until the
-  // state is set again, GStreamer brings none of the bin's elements to PLAYING.
+  // Returns true if an element has posted an ERROR or refused a state since the state of the bin
+  // was set. Until the state is set again, GStreamer brings none of the bin's elements to PLAYING.
   static bool HasFailed(GstElement& bin) {
     return gst_element_get_state(&bin, nullptr, nullptr, 0) == GST_STATE_CHANGE_FAILURE;
   }
 
-  // Reapplies the target state after an ERROR, because a failed bin ignores its children. Stops a pipeline that a
-  // failed start has left part of the way up.
+  // Reapplies the target state after an ERROR, because a failed bin ignores its children. Stops a
+  // pipeline that a failed start has left part of the way up.
   void Recover() {
     if (!HasFailed(Element())) {
       return;
@@ -287,8 +294,8 @@ class Pipeline::Impl {
   type::Binding on_error_;
   type::Binding on_latency_;
   std::mutex mutex_;  // serialises the operations, even while one waits
-  // Of the members below. Separate, because the bus reader takes it too, and must not wait as long as an operation
-  // does.
+  // Of the members below. Separate, because the bus reader takes it too, and must not wait as long
+  // as an operation does.
   std::mutex state_mutex_;
   State state_ = State::Stopped;
   std::atomic<bool> enable_ = false;  // a stop reads it without a lock

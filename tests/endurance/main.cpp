@@ -273,7 +273,8 @@ struct Walker {
     }
   }
 
-  // The output is detached even if a stop ends the call. After a restart by others there may be nothing to end yet.
+  // The output is detached even if a stop ends the call. After a restart by others there may be
+  // nothing to end yet.
   void FinishOutput(const Watch& watch) {
     std::unique_lock lock(ground.stopping, std::defer_lock);
     if (Below(2) == 0) {
@@ -331,7 +332,8 @@ struct Walker {
     ChangeFilters();
   }
 
-  // Runs only while the pipeline is not stopped, because a stopped one does not restore its filters.
+  // Runs only while the pipeline is not stopped, because a stopped one does not restore its
+  // filters.
   void RequestWrongly() {
     const std::shared_lock lock(ground.stopping);
     const auto one = Make("identity");

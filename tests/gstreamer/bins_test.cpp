@@ -132,7 +132,8 @@ TEST_F(Context, ValueIsEmptyAfterAMove) {
 struct Bins : live::Test {
   Bins() { bin::pipeline::Initialize(whole); }
 
-  // Returns the element and everything linked downstream of it, without the numbers in GStreamer's names.
+  // Returns the element and everything linked downstream of it, without the numbers in GStreamer's
+  // names.
   static std::string Chain(GstElement& element) {
     std::string chain = GST_OBJECT_NAME(&element);
     chain.resize(std::min(chain.size(), chain.find_first_of("0123456789")));

@@ -70,7 +70,7 @@ TEST_F(BusTest, FirstFreeSlotIsUsedFirst) {
   EXPECT_EQ(calls, "fourth fifth third ");
 }
 
-TEST_F(BusTest, ReleaseKeepsWhatSharesTheTypeOrItsBits) {
+TEST_F(BusTest, ReleaseKeepsOtherCallbacksOfTheTypeAndOfSharedBits) {
   const auto eos = Bind(GST_MESSAGE_EOS, "eos ");
   Bind(GST_MESSAGE_EOS, "released ").Release();
   Bind(kEosOrError, "either ").Release();
@@ -170,7 +170,8 @@ TEST_F(PlaylistTest, TheCallbackReplacesTheInputAtEos) {
   EXPECT_GE(stream.watch.frames, 15U);
 }
 
-// The reader also handles the stream-start message of the pipeline, which must not wait for the change.
+// The reader also handles the stream-start message of the pipeline, which must not wait for the
+// change.
 TEST_F(PlaylistTest, CallbacksRunWhileAChangeWaits) {
   const auto silent = live::Parse("videotestsrc ! valve drop=true");
   stream.pipeline.SetInput(silent);

@@ -11,7 +11,8 @@
 
 static std::atomic<std::size_t> allocations, references;
 
-// Replaces the C library's function for all loaded libraries. Does not count calls to calloc and realloc.
+// Replaces the C library's function for all loaded libraries. Does not count calls to calloc and
+// realloc.
 extern "C" MOX_EXPORT void* malloc(std::size_t size) {
   static const auto allocate = reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, "malloc"));
   ++allocations;
@@ -44,9 +45,9 @@ static void CountReferences() {
   gst_tracing_register_hook(tracer, "mini-object-reffed", count);
 }
 
-// Counts what both changes and the two frames that they block cost in GStreamer, GLib and the library together.
-// That is the same in every build. Nearly every call to GStreamer allocates memory or takes a reference, so one
-// more call exceeds a limit.
+// Counts what both changes and the two frames that they block cost in GStreamer, GLib and the
+// library together. That is the same in every build. Nearly every call to GStreamer allocates
+// memory or takes a reference, so one more call exceeds a limit.
 TEST_F(ChangeCost, StaysWithinLimits) {
   CountReferences();
   std::atomic<std::size_t> made = 0;
@@ -61,8 +62,8 @@ TEST_F(ChangeCost, StaysWithinLimits) {
   stream.pipeline.SetEnable(true);
   Await([&] { return made == 1; });
 
-  // The cheapest round counts. On a busy machine a change waits longer, and each slice checks for a stop and for the
-  // end of the stream.
+  // The cheapest round counts. On a busy machine a change waits longer, and each slice checks for a
+  // stop and for the end of the stream.
   const auto filter = Make("identity");
   Cost least{SIZE_MAX, SIZE_MAX};
   for (std::size_t frames = 0; frames < 42;) {

@@ -8,10 +8,10 @@
 
 #include <dlfcn.h>
 
-// How many allocations succeed before one fails. None fails while it is negative.
+// The number of allocations that succeed before one fails; if negative, none fails.
 static std::atomic<long> until_failure = -1;
 
-// Replaces that of the program and of its libraries.
+// Replaces the operator of the program and of its libraries.
 void* operator new(std::size_t size) {
   static const auto allocate = reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, "_Znwm"));
   return until_failure >= 0 && until_failure-- == 0 ? throw std::bad_alloc() : allocate(size);
@@ -30,7 +30,7 @@ const testing::Matcher<Call> kSucceeds = testing::Not(testing::Throws<std::excep
 const testing::Matcher<Call> kStreamHasEnded =
     ThrowsMessage<std::runtime_error>("Cannot change the filters because the stream has ended");
 
-/** What becomes of a playing pipeline with a faulty element, in the words of docs/faults.md. */
+/** The outcomes for a playing pipeline with a faulty element, as docs/faults.md names them. */
 enum Outcome { kContinues, kRefused, kCannotStop, kEnds, kSilent };
 
 struct Fault {
@@ -191,7 +191,7 @@ TEST_F(Faulty, TransientNotNegotiatedDoesNotEndTheStream) {
   stream.watch.AwaitFrames();
 }
 
-// Otherwise the threads of the others would go on, and GStreamer would wait for them.
+// Otherwise the threads of the others would continue, and GStreamer would wait for them.
 TEST_F(Faulty, DestructionStopsTheElementsBesideOneThatRefuses) {
   const struct {
     const char* faulty;

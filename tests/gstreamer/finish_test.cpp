@@ -224,7 +224,7 @@ TEST_F(Finish, AfterTheEndOfTheStreamThereIsNothingToWaitFor) {
 }
 
 // A sink keeps a buffer for ever. The allocation query that follows a new output would wait for it.
-TEST_F(Finish, OutputsThatAreStuckHoldUpNoOther) {
+TEST_F(Finish, StuckOutputsBlockNoOther) {
   const Watch other(Make("fakesink", "other"));
   const Watch third(Make("fakesink", "third"));
   stream.pipeline.AddOutputs({other.element});

@@ -169,7 +169,8 @@ TEST_F(Guards, OtherProbesDoNotSeeTheEosOfADrain) {
   EXPECT_EQ(ends, 0);
 }
 
-// As if a flush came in between: the filter passes the EOS on to its queue, and answers that it has not.
+// As if a flush came in between: the filter passes the EOS on to its queue, and answers that it has
+// not.
 TEST_F(Guards, RefusedEosOfADrainDoesNotReachTheOutputs) {
   const auto filter = Parse("identity name=refusing ! queue");
   const auto sink = PadOf(*Find(*GST_BIN(filter.Get()), "refusing"), "sink");

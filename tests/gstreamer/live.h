@@ -34,7 +34,7 @@ inline Ptr<GstElement> Make(const char* factory, const char* name = nullptr) {
   return mox::gstreamer::check::element::Make(factory, name, "");
 }
 
-/** Makes a bin of a description, with ghost pads. */
+/** Creates a bin of a description, with ghost pads. */
 inline Ptr<GstElement> Parse(const std::string& description, const char* name = nullptr) {
   Ptr<GstElement> bin(gst_parse_bin_from_description(description.c_str(), TRUE, nullptr));
   gst_object_set_name(GST_OBJECT(bin.Get()), name);
@@ -48,7 +48,7 @@ int References(const Ptr<T>& object) {
 }
 
 /**
- * Makes a source of small frames, numbered in GST_BUFFER_OFFSET: 60 a second if it is paced,
+ * Creates a source of small frames, numbered in GST_BUFFER_OFFSET: 60 a second if it is paced,
  * otherwise as many as it can. Its description ends with `end`.
  */
 inline Ptr<GstElement> MakeSource(bool paced = false, const std::string& end = "") {
@@ -73,7 +73,7 @@ inline gulong AddProbe(GstPad& pad, int types, std::function<GstPadProbeReturn(G
       new Function(std::move(function)), [](gpointer data) { delete static_cast<Function*>(data); });
 }
 
-/** Aborts in so many seconds, unless called again before. With gdb it prints all stacks first. */
+/** Aborts after this many seconds, unless it is called again. With gdb it prints all stacks. */
 inline void SetDeadline(unsigned seconds = 280) {
   std::signal(SIGALRM, [](int) {
     prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
@@ -176,7 +176,7 @@ class Watch {
       misplaced += stream_ < before ? 1 : 0;
       next_ = before == 0 || was_flushed_ ? GST_BUFFER_OFFSET_NONE : 0;
     } else if (GST_EVENT_TYPE(&event) == GST_EVENT_FLUSH_STOP) {
-      // Frames have been discarded, maybe the first ones of a stream whose start is still to come.
+      // Frames have been discarded, maybe the first of a stream without stream-start.
       was_flushed_ = true;
       next_ = GST_BUFFER_OFFSET_NONE;
     }

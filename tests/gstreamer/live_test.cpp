@@ -115,7 +115,7 @@ TEST_F(Live, SizeThatUpstreamCannotChangeIsRefused) {
 }
 
 // Outputs that receive no frame, wait for the clock, or take 20 seconds for the second of video in
-// their queue. A query for an allocation overtakes that.
+// their queue. Allocation queries overtake that.
 TEST_F(Live, ChangesDoNotWaitForSlowOutputs) {
   std::atomic<bool> is_full = false;
   Stream stream(MakeSource(true));
@@ -135,7 +135,7 @@ TEST_F(Live, ChangesDoNotWaitForSlowOutputs) {
   stream.watch.AwaitFrames();
 }
 
-// Matches a change that waits, once it is ended by a stop.
+// Matches the error of a waiting change that a stop has ended.
 auto IsEndedByStop(const std::string& changed) {
   return ThrowsMessage<std::runtime_error>("Cannot change the " + changed + " because the pipeline is being stopped");
 }

@@ -67,7 +67,7 @@ TEST_F(SessionTest, ObjectsAreNamedByTheirType) {
   EXPECT_EQ(capture.GetLines().back(), std::string("error") + kLine + "GstRegistry: 5%");
 }
 
-TEST_F(SessionTest, TextThatCannotBeFormattedIsToldSo) {
+TEST_F(SessionTest, TextThatCannotBeFormattedIsReported) {
   const Session session;
   Log(GST_LEVEL_ERROR, nullptr, "%d%");
   EXPECT_EQ(capture.GetLines().back(), std::string("error") + kLine + "Unknown: gst_debug_message_get returned NULL");
@@ -118,7 +118,7 @@ TEST_F(SessionTest, PluginsAreScannedInThisProcess) {
   EXPECT_FALSE(gst_registry_fork_is_enabled());
 }
 
-TEST_F(SessionTest, ReleaseTakesGstreamerDownWithoutALine) {
+TEST_F(SessionTest, ReleaseDeinitializesWithoutLogging) {
   void* const session = MoxGstreamerSessionCreate();
   void* registry = gst_registry_get();
   g_object_add_weak_pointer(static_cast<GObject*>(registry), &registry);

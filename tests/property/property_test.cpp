@@ -23,7 +23,9 @@ Primitive<T> Make(T value, Limits<T> limits = {}) {
 
 constexpr std::nullopt_t kRefused = std::nullopt;
 
-/** Returns what the property holds after it has taken the value, or nothing if it has refused it. */
+/**
+ * Returns what the property holds after it has taken the value, or nothing if it has refused it.
+ */
 template <typename T, typename From>
 std::optional<T> Assign(From value, Limits<T> limits = {}) {
   auto property = Make<T>(1, limits);
@@ -50,7 +52,7 @@ TEST(Property, IntegersTakeWholeNumbersOnly) {
   EXPECT_EQ(Assign<int>(NAN), kRefused);
 }
 
-TEST(Property, DoublesTakeWhatTheyHoldAndFloatsRound) {
+TEST(Property, DoublesKeepAndFloatsRoundTheirValues) {
   EXPECT_EQ(Assign<double>(1L << 53), 0x1p53);
   EXPECT_EQ(Assign<double>((1L << 53) + 1), kRefused);
   EXPECT_EQ(Assign<float>(-0.1), -0.1F);

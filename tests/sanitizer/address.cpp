@@ -1,5 +1,5 @@
-// Preloaded into the test programs. Hides the lists of log functions from the address sanitizer, because GStreamer
-// replaces and never frees them.
+// Preloaded into the test programs. Hides the lists of log functions from the address sanitizer,
+// because GStreamer replaces and never frees them.
 
 #include <gst/gst.h>
 

@@ -1,5 +1,5 @@
-// The faults that the sanitizers must report: leaked events, and a data race of the main thread with a thread of
-// GStreamer.
+// The faults that the sanitizers must report: leaked events, and a data race of the main thread
+// with a thread of GStreamer.
 
 #include <atomic>
 

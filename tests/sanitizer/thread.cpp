@@ -1,4 +1,5 @@
-// Preloaded into the test programs. Reports GLib's mutexes to the thread sanitizer, which does not see futexes.
+// Preloaded into the test programs. Reports GLib's mutexes to the thread sanitizer, which does not
+// see futexes.
 
 #include <glib.h>
 

@@ -13,8 +13,8 @@ bool Holds(GstBin& bin, const char* name) noexcept {
 }
 
 void Add(GstBin& bin, const Ptr<GstElement>& element) {
-  // Hand over a reference only if the element is floating. Otherwise the element was in a bin before: the bin takes a
-  // reference of its own, and one that is handed over would leak.
+  // Hand over a reference only if the element is floating. Otherwise the element was in a bin
+  // before: the bin takes a reference of its own, and one that is handed over would leak.
   GstElement* const handed_over = g_object_is_floating(element.Get()) ? element.Ref() : element.Get();
   check::bin::AddElement(bin, *handed_over, kBinError);
 }

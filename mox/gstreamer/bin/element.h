@@ -17,10 +17,16 @@ inline constexpr auto kColorConverter = "color_converter";
 /** Returns true if the bin, or one inside it, contains an element of that name. */
 bool Holds(GstBin& bin, const char* name) noexcept;
 
-/** Adds the element to the bin, which owns exactly one reference afterwards; the handle keeps its own. */
+/**
+ * Adds the element to the bin, which owns exactly one reference afterwards; the handle keeps its
+ * own.
+ */
 void Add(GstBin& bin, const Ptr<GstElement>& element);
 
-/** Brings an element to the target state of its bin, even if the bin has lost its preroll and is back in PAUSED. */
+/**
+ * Brings an element to the target state of its bin, even if the bin has lost its preroll and is
+ * back in PAUSED.
+ */
 void Sync(GstElement& element);
 
 /** Stops an element that could not be linked and removes it, if it is in the bin. */
@@ -30,8 +36,8 @@ void TakeOut(GstBin& bin, GstElement& element) noexcept;
 Ptr<GstElement> Next(GstElement& element);
 
 /**
- * Delays state changes of an element by other threads, for example by a bin that starts its children on the way to
- * PLAYING. Never held while waiting for data.
+ * Delays state changes of an element by other threads, for example by a bin that starts its
+ * children on the way to PLAYING. Never held while waiting for data.
  */
 class StateLock {
  public:

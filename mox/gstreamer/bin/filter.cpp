@@ -31,8 +31,8 @@ Ends GetEnds(GstBin& filterBin) {
           check::bin::GetElement(filterBin, kSourceFilter, kBinError)};
 }
 
-// Adds and links the chain between the fixed ends, which are unlinked. The upstream end is linked last, so a chain is
-// closed exactly when "sink_filter" is linked.
+// Adds and links the chain between the fixed ends, which are unlinked. The upstream end is linked
+// last, so a chain is closed exactly when "sink_filter" is linked.
 void SetFilters(GstBin& filterBin, const Filters& filters) {
   const Ends ends = GetEnds(filterBin);
   if (filters.empty()) {

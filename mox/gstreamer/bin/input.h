@@ -9,8 +9,8 @@
 /**
  * The input bin of a pipeline: input element → "color_converter" → ghost pad "src".
  *
- * The functions lock nothing and must not run at the same time on one pipeline. A failing GStreamer call raises
- * std::runtime_error. Nothing is rolled back then.
+ * The functions lock nothing and must not run at the same time on one pipeline. A failing GStreamer
+ * call raises std::runtime_error. Nothing is rolled back then.
  */
 namespace mox::gstreamer::bin::input {
 
@@ -24,11 +24,12 @@ MOX_EXPORT void Initialize(GstBin& inputBin);
 MOX_EXPORT Ptr<GstElement> GetInput(GstBin& inputBin);
 
 /**
- * Replaces the input element. The new one must already have a source pad; an empty handle only removes the old one.
- * Changes no states: the caller stops the pipeline's bins first and starts them afterwards, as `Pipeline::SetInput`
- * does.
+ * Replaces the input element. The new one must already have a source pad; an empty handle only
+ * removes the old one. Changes no states: the caller stops the pipeline's bins first and starts
+ * them afterwards, as `Pipeline::SetInput` does.
  *
- * If the new element cannot be added or linked, the old one is removed nevertheless, and there is no input.
+ * If the new element cannot be added or linked, the old one is removed nevertheless, and there is
+ * no input.
  */
 MOX_EXPORT void SetInput(GstBin& inputBin, Ptr<GstElement> input);
 

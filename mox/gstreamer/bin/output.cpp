@@ -103,9 +103,9 @@ class FirstError {
   std::exception_ptr error_;
 };
 
-// A sink that never receives EOS. It keeps the output bin from posting EOS while outputs end one after the other, and
-// from dropping the EOS messages of its outputs once all have ended. If all others have ended, its removal lets the bin
-// post EOS.
+// A sink that never receives EOS. It keeps the output bin from posting EOS while outputs end one
+// after the other, and from dropping the EOS messages of its outputs once all have ended. If all
+// others have ended, its removal lets the bin post EOS.
 class EndlessSink {
  public:
   explicit EndlessSink(GstBin& outputBin)
@@ -160,7 +160,8 @@ void Initialize(GstBin& outputBin) {
   const auto dummy = MakeDummy();
   Add(outputBin, dummy);
   const auto tee = check::element::Make("tee", kTee, kElementError);
-  // While the placeholder is exchanged for a branch, the tee has no linked pad. That must not end the stream.
+  // While the placeholder is exchanged for a branch, the tee has no linked pad. That must not end
+  // the stream.
   g_object_set(tee.Get(), "allow-not-linked", TRUE, nullptr);
   Add(outputBin, tee);
   check::element::LinkElement(*tee, *dummy, kElementError);

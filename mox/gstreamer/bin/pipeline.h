@@ -8,9 +8,9 @@
 /**
  * The fixed skeleton of a pipeline: "input_bin" → "filter_bin" → "output_bin".
  *
- * The functions find elements by name, in nested bins too, so no element of a caller may have a name of the skeleton.
- * The functions lock nothing and must not run at the same time on one pipeline. A failing GStreamer call raises
- * std::runtime_error.
+ * The functions find elements by name, in nested bins too, so no element of a caller may have a
+ * name of the skeleton. The functions lock nothing and must not run at the same time on one
+ * pipeline. A failing GStreamer call raises std::runtime_error.
  */
 namespace mox::gstreamer::bin::pipeline {
 

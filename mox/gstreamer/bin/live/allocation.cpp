@@ -22,7 +22,8 @@ struct Allocation {
   bool was_refused = false;  ///< A probe waits for the output bin to play.
 };
 
-// Returns true if the queue, or the output around it, is cut off. The output may then never become idle.
+// Returns true if the queue, or the output around it, is cut off. The output may then never become
+// idle.
 bool IsInsideCutOff(GstElement& queue) noexcept {
   Ptr<GstObject> object(GST_OBJECT(gst_object_ref(&queue)));
   while (object && g_object_get_data(G_OBJECT(object.Get()), kCutOff) == nullptr) {
@@ -31,8 +32,8 @@ bool IsInsideCutOff(GstElement& queue) noexcept {
   return static_cast<bool>(object);
 }
 
-// Returns true if a bin around the queue does not play, or is about to stop playing. An output may then wait for
-// preroll.
+// Returns true if a bin around the queue does not play, or is about to stop playing. An output may
+// then wait for preroll.
 bool MayPreroll(GstElement& queue) noexcept {
   Ptr<GstObject> bin(gst_object_get_parent(GST_OBJECT_CAST(&queue)));
   GstState state = GST_STATE_PLAYING;
@@ -59,7 +60,8 @@ gboolean Answer(GstPad& sink, GstElement& queue, GstQuery& query) {
   // Blocks the pad, so that the output stays idle while it answers.
   PadProbe idle(*source, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
   const auto is_idle = idle.GetFuture();
-  // A pause or a flush may take a playing output back to its preroll, so check the state at every slice.
+  // A pause or a flush may take a playing output back to its preroll, so check the state at every
+  // slice.
   for (auto wait = std::chrono::milliseconds(0); is_idle.wait_for(wait) != std::future_status::ready; wait = kSlice) {
     if (IsInsideCutOff(queue)) {
       return FALSE;

@@ -7,15 +7,19 @@
 namespace mox::gstreamer::bin::live {
 
 /**
- * Lets allocation queries overtake the buffers in a queue of an output: the library's queue, or one that the output
- * contains. A query waits only for the buffer that is being pushed downstream of the queue.
+ * Lets allocation queries overtake the buffers in a queue of an output: the library's queue, or one
+ * that the output contains. A query waits only for the buffer that is being pushed downstream of
+ * the queue.
  *
- * Refuses the query if the output may be waiting for the preroll of another output, which needs the buffers that the
- * query would block. Once the output bin plays, a RECONFIGURE event lets upstream query again.
+ * Refuses the query if the output may be waiting for the preroll of another output, which needs the
+ * buffers that the query would block. Once the output bin plays, a RECONFIGURE event lets upstream
+ * query again.
  */
 void LetAllocationOvertake(GstElement& queue);
 
-/** Marks the elements of a branch that is cut off: allocation queries inside it are refused at once. */
+/**
+ * Marks the elements of a branch that is cut off: allocation queries inside it are refused at once.
+ */
 inline constexpr auto kCutOff = "mox-cut-off";
 
 }  // namespace mox::gstreamer::bin::live

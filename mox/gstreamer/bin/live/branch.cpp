@@ -43,13 +43,14 @@ bool HasAllEvents(GstPad& source, GstPad& sink) {
   return walk.second;
 }
 
-// Blocks items upstream of the tee while its pads are requested and released. An event that passes meanwhile would miss
-// a new pad, and would fail at a released one and end the stream. A buffer inside the tee does no harm. The constructor
-// does not wait for it, because a slow output may keep it there for long.
+// Blocks items upstream of the tee while its pads are requested and released. An event that passes
+// meanwhile would miss a new pad, and would fail at a released one and end the stream. A buffer
+// inside the tee does no harm. The constructor does not wait for it, because a slow output may keep
+// it there for long.
 class BlockedTee {
  public:
-  // A stop ends the wait. The constructor then raises `Stopped`, or returns if `raises` is false, because an event that
-  // fails during a stop does no harm.
+  // A stop ends the wait. The constructor then raises `Stopped`, or returns if `raises` is false,
+  // because an event that fails during a stop does no harm.
   BlockedTee(GstBin& outputBin, GstElement& tee, bool raises)
       : sink_(GetSink(tee)),
         entrance_(check::pad::GetPeer(*sink_, kPadError)),
@@ -65,7 +66,10 @@ class BlockedTee {
     }
   }
 
-  /** Returns the current caps, including those of a blocked caps event; an empty handle if there are none yet. */
+  /**
+   * Returns the current caps, including those of a blocked caps event; an empty handle if there are
+   * none yet.
+   */
   Ptr<GstCaps> GetCaps() const { return Ptr<GstCaps>(gst_pad_get_current_caps(entrance_.Get())); }
 
  private:
@@ -96,7 +100,8 @@ class UnlimitedQueue {
   guint64 time_ = 0;
 };
 
-// Waits until nothing is passing the pad of the tee that leads to the branch. Returns false if that takes too long.
+// Waits until nothing is passing the pad of the tee that leads to the branch. Returns false if that
+// takes too long.
 bool WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch, const std::function<bool()>& isLate) {
   std::optional<UnlimitedQueue> unlimited;
   if (branch.size() > 1) {
@@ -119,8 +124,9 @@ std::vector<Ptr<GstElement>> GetElements(const Ptr<GstElement>& output) {
                                   : std::vector<Ptr<GstElement>>{output};
 }
 
-// Lets the sinks of an output start without preroll. A sink that prerolls takes the whole pipeline back to PAUSED.
-// There, other outputs may wait for it while it waits for the buffers that they block.
+// Lets the sinks of an output start without preroll. A sink that prerolls takes the whole pipeline
+// back to PAUSED. There, other outputs may wait for it while it waits for the buffers that they
+// block.
 class NoPreroll {
  public:
   explicit NoPreroll(const Ptr<GstElement>& output) {
@@ -150,8 +156,9 @@ void Start(const Ptr<GstElement>& output) {
   Sync(*output);
 }
 
-// The probe at the tee's pad that cuts a branch off. It drops everything, because the FLUSHING of a branch that stops
-// would end the whole stream, and refuses queries, because a sink that is stuck would never answer.
+// The probe at the tee's pad that cuts a branch off. It drops everything, because the FLUSHING of a
+// branch that stops would end the whole stream, and refuses queries, because a sink that is stuck
+// would never answer.
 constexpr auto kCutOffProbe = "mox-cut-off-probe";
 
 void CutOff(GstPad& pad, const Branch& branch) {
@@ -187,10 +194,11 @@ void StartQueue(GstBin& outputBin, const Ptr<GstElement>& queue, const Ptr<GstEl
   Sync(*queue);
 }
 
-// Starts a branch again after its output refused to stop. A branch that cannot run any more stays cut off.
+// Starts a branch again after its output refused to stop. A branch that cannot run any more stays
+// cut off.
 void Restart(GstPad& pad, const Branch& branch) noexcept try {
-  // Nothing may reach the pad before it is reconnected. Otherwise the stream's events, which the restarted queue needs
-  // again, are dropped.
+  // Nothing may reach the pad before it is reconnected. Otherwise the stream's events, which the
+  // restarted queue needs again, are dropped.
   PadProbe blocked(pad, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
   blocked.GetFuture().wait();
   const NoPreroll no_preroll(branch.back());
@@ -216,8 +224,9 @@ void Unlink(GstElement& tee, GstElement& first) {
   }
 }
 
-// Sends a branch an EOS, unless it has one. Returns false if the branch has failed. The caller repeats the call,
-// because a flush discards the EOS, and a query that waits in the queue has the stream lock.
+// Sends a branch an EOS, unless it has one. Returns false if the branch has failed. The caller
+// repeats the call, because a flush discards the EOS, and a query that waits in the queue has the
+// stream lock.
 bool SendEos(GstPad& sink) {
   if (GST_PAD_IS_EOS(&sink) || !GST_PAD_STREAM_TRYLOCK(&sink)) {
     return true;
@@ -227,8 +236,8 @@ bool SendEos(GstPad& sink) {
   return accepted || GST_PAD_IS_FLUSHING(&sink);
 }
 
-// Returns the EOS message that an output has posted. Its bin stores it until the next change to PLAYING, or until all
-// of the bin's sinks have ended.
+// Returns the EOS message that an output has posted. Its bin stores it until the next change to
+// PLAYING, or until all of the bin's sinks have ended.
 Ptr<GstMessage> FindEos(GstBin& outputBin, GstElement& output) {
   const auto is_eos = [](gconstpointer message, gconstpointer source) noexcept -> gint {
     return GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS && GST_MESSAGE_SRC(message) == source ? 0 : 1;
@@ -287,14 +296,16 @@ struct Ending {
   Ptr<GstMessage> stale;  ///< Posted at the end of an earlier stream.
 };
 
-// Returns the filter bin that feeds the output bin; empty if there is none, or at the end of the stream.
+// Returns the filter bin that feeds the output bin; empty if there is none, or at the end of the
+// stream.
 Ptr<GstElement> GetFilterBin(GstBin& outputBin) {
   const Ptr<GstPad> upstream(gst_pad_get_peer(GetSink(*GST_ELEMENT(&outputBin)).Get()));
   Ptr<GstElement> parent(upstream ? gst_pad_get_parent_element(upstream.Get()) : nullptr);
   return GST_IS_BIN(parent.Get()) && !GST_PAD_IS_EOS(upstream.Get()) ? std::move(parent) : Ptr<GstElement>();
 }
 
-// Links a running branch to the tee. The placeholder accepts all caps, and is linked even if the pipeline is stopped.
+// Links a running branch to the tee. The placeholder accepts all caps, and is linked even if the
+// pipeline is stopped.
 void Join(GstBin& outputBin, GstElement& tee, GstElement& first, bool is_placeholder) {
   const auto filter_bin = GetFilterBin(outputBin);
   const auto link = [&] { check::element::LinkElement(tee, first, kElementError); };
@@ -312,7 +323,8 @@ void Join(GstBin& outputBin, GstElement& tee, GstElement& first, bool is_placeho
       return;
     }
   }
-  // The stream renegotiates. Buffers inside the filters have the old caps, which the new branch rejects, so drain them.
+  // The stream renegotiates. Buffers inside the filters have the old caps, which the new branch
+  // rejects, so drain them.
   RunDrained(*GST_BIN(filter_bin.Get()), {outputBin, first, link, [&] { Unlink(tee, first); }});
 }
 
@@ -347,7 +359,8 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
   const auto pad = check::pad::GetPeer(*GetSink(*branch.front()), kPadError);
   std::optional<StateLock> lock;
   bool runs = true;
-  // Cut the branch off, then stop it. The output first, because the queue's thread may wait inside it.
+  // Cut the branch off, then stop it. The output first, because the queue's thread may wait inside
+  // it.
   CutOff(*pad, branch);
   try {
     WaitUntilIdle(outputBin, *pad, branch, [] { return false; });

@@ -11,32 +11,40 @@
 // Private to the library.
 namespace mox::gstreamer::bin::live {
 
-/** The elements of one branch of a tee, upstream first: a queue and an output, or the placeholder alone. */
+/**
+ * The elements of one branch of a tee, upstream first: a queue and an output, or the placeholder
+ * alone.
+ */
 using Branch = std::vector<Ptr<GstElement>>;
 
 /**
- * Starts the branch and links it to the tee while data flows. If the branch rejects the current caps, the stream is
- * drained and renegotiates. A branch that fails is removed from the bin again, in NULL.
+ * Starts the branch and links it to the tee while data flows. If the branch rejects the current
+ * caps, the stream is drained and renegotiates. A branch that fails is removed from the bin again,
+ * in NULL.
  *
- * @throws std::runtime_error if an element cannot be added, started or linked; or what `RunDrained` raises
+ * @throws std::runtime_error if an element cannot be added, started or linked; or what `RunDrained`
+ * raises
  * @throws Stopped if the pipeline is stopped meanwhile, unless the branch is the placeholder
  */
 void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch);
 
 /**
- * Stops the branch, releases its request pad and removes it from the bin. The other branches lose nothing.
+ * Stops the branch, releases its request pad and removes it from the bin. The other branches lose
+ * nothing.
  *
- * @throws std::runtime_error if an element refuses to stop, Stopped if the pipeline stops first; the branch stays
+ * @throws std::runtime_error if an element refuses to stop, Stopped if the pipeline stops first;
+ * the branch stays
  */
 void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch);
 
 /**
- * Cuts each branch off, sends it an EOS after the last buffer in its queue, and waits until its output has posted EOS.
- * An output posts it once every sink in it has received one. Returns the outputs that have failed, or have not ended by
- * the end of the timeout. A branch that has received no caps, as in a stopped pipeline, has nothing to end.
+ * Cuts each branch off, sends it an EOS after the last buffer in its queue, and waits until its
+ * output has posted EOS. An output posts it once every sink in it has received one. Returns the
+ * outputs that have failed, or have not ended by the end of the timeout. A branch that has received
+ * no caps, as in a stopped pipeline, has nothing to end.
  *
- * The bin must have another sink that receives no EOS. Otherwise it drops the messages as soon as the last output has
- * ended.
+ * The bin must have another sink that receives no EOS. Otherwise it drops the messages as soon as
+ * the last output has ended.
  *
  * @throws Stopped if the pipeline is stopped meanwhile
  */

@@ -35,8 +35,8 @@ struct Shared {
   std::promise<void> changed;  ///< The change has been made or has failed.
 };
 
-// Drops the EOS of a drain at the "src" of the filter bin, after the last buffer. A flush ends the drain too, because
-// it discards the buffers and the EOS.
+// Drops the EOS of a drain at the "src" of the filter bin, after the last buffer. A flush ends the
+// drain too, because it discards the buffers and the EOS.
 class EndOfDrain {
  public:
   EndOfDrain(GstPad& source, const std::shared_ptr<Shared>& shared)
@@ -61,7 +61,8 @@ class EndOfDrain {
 
 // Sends an EOS through the filter bin and waits for its end.
 void Drain(GstPad& sink, Shared& shared) {
-  // Without a segment no buffer has arrived. There is nothing to drain, and some filters would keep the EOS.
+  // Without a segment no buffer has arrived. There is nothing to drain, and some filters would keep
+  // the EOS.
   if (!Ptr<GstEvent>(gst_pad_get_sticky_event(&sink, GST_EVENT_SEGMENT, 0))) {
     return;
   }
@@ -71,10 +72,10 @@ void Drain(GstPad& sink, Shared& shared) {
   }
 }
 
-// Blocks the feeding pad at the next item and drains the filter bin. The streaming thread that brings the item sends
-// the EOS, because a stop could not end that push on the caller's thread. The streaming thread stays in the probe until
-// the change is made, because its stream lock keeps the end of a flush from starting threads of filters that are being
-// stopped.
+// Blocks the feeding pad at the next item and drains the filter bin. The streaming thread that
+// brings the item sends the EOS, because a stop could not end that push on the caller's thread. The
+// streaming thread stays in the probe until the change is made, because its stream lock keeps the
+// end of a flush from starting threads of filters that are being stopped.
 class Block {
  public:
   Block(GstPad& feeding, const Ptr<GstPad>& sink, const Ptr<GstPad>& source)
@@ -86,7 +87,8 @@ class Block {
             return GST_PAD_PROBE_PASS;  // may come from any thread, even while a buffer passes
           }
           if (!shared->is_taken.exchange(true)) {
-            // Stays until the change is made: an EOS that a flush seems to refuse may be inside a queue already.
+            // Stays until the change is made: an EOS that a flush seems to refuse may be inside a
+            // queue already.
             std::optional<EndOfDrain> end;
             try {
               end.emplace(*source, shared);
@@ -116,7 +118,8 @@ class Block {
     drained.get();
   } catch (const Stopped&) {
     if (shared_->is_taken.exchange(true)) {
-      // Discard the EOS of the drain. Otherwise it would reach the outputs, or end the next drain too early.
+      // Discard the EOS of the drain. Otherwise it would reach the outputs, or end the next drain
+      // too early.
       gst_pad_send_event(sink_.Get(), gst_event_new_flush_start());
       shared_->End();
       gst_pad_send_event(sink_.Get(), gst_event_new_flush_stop(FALSE));
@@ -135,8 +138,8 @@ class Block {
   ScopedProbe probe_;
 };
 
-// Sends the stream's events to filters that have been started again. Otherwise the next buffer brings them, and the
-// source posts an ERROR if a flush meets them inside the filters.
+// Sends the stream's events to filters that have been started again. Otherwise the next buffer
+// brings them, and the source posts an ERROR if a flush meets them inside the filters.
 void ResendEvents(GstPad& sink) {
   const auto upstream = check::pad::GetPeer(sink, kPadError);
   if (const Ptr<GstEvent> segment(gst_pad_get_sticky_event(upstream.Get(), GST_EVENT_SEGMENT, 0)); segment) {
@@ -173,7 +176,8 @@ void ChangeDrained(GstBin& filterBin, GstPad& feeding, GstPad& sink, const Chang
 
 // Lets data flow again through filters that refused to stop.
 void Reopen(GstBin& filterBin, GstPad& feeding, GstPad& sink, GstPad& source) noexcept try {
-  // The bin has deactivated its source pads before its children refused, and does not activate them again.
+  // The bin has deactivated its source pads before its children refused, and does not activate them
+  // again.
   gst_pad_set_active(&source, TRUE);
   for (const auto& filter : Collect<GstElement>(gst_bin_iterate_elements(&filterBin))) {
     for (const auto& pad : Collect<GstPad>(gst_element_iterate_src_pads(filter.Get()))) {
@@ -217,8 +221,8 @@ void RunDrained(GstBin& filterBin, const Change& change) {
     Reopen(filterBin, *feeding, *sink, *source);
   }
 
-  // The start of a flush that met the stopped filters has not reached the outputs. Send it again, otherwise they would
-  // receive FLUSH_STOP alone.
+  // The start of a flush that met the stopped filters has not reached the outputs. Send it again,
+  // otherwise they would receive FLUSH_STOP alone.
   if (GST_PAD_IS_FLUSHING(feeding.Get())) {
     gst_pad_send_event(sink.Get(), gst_event_new_flush_start());
   }

@@ -46,7 +46,9 @@ void Await(GstBin& bin, const Future& future) {
 inline constexpr auto kIdleOrBlocked =
     static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
 
-/** A change that is made while the filter bin is drained: of its filters, or of elements downstream. */
+/**
+ * A change that is made while the filter bin is drained: of its filters, or of elements downstream.
+ */
 struct Change {
   GstBin& changed;             ///< The bin whose stop ends the change.
   GstElement& named;           ///< Named by the error if it needs caps that upstream cannot send.
@@ -55,12 +57,13 @@ struct Change {
 };
 
 /**
- * Makes a change while data flows: blocks upstream of the filter bin, drains it with an EOS, stops it, makes the
- * change, starts the bin and unblocks. No buffer is lost, and the EOS does not leave the bin. A change that fails is
- * undone, and the stream continues. Waits for the next item to reach the bin, then until the bin is drained.
+ * Makes a change while data flows: blocks upstream of the filter bin, drains it with an EOS, stops
+ * it, makes the change, starts the bin and unblocks. No buffer is lost, and the EOS does not leave
+ * the bin. A change that fails is undone, and the stream continues. Waits for the next item to
+ * reach the bin, then until the bin is drained.
  *
- * @throws std::runtime_error "Cannot change the filters because the stream has ended"; or what the change, a state
- * change or the negotiation of caps raises
+ * @throws std::runtime_error "Cannot change the filters because the stream has ended"; or what the
+ * change, a state change or the negotiation of caps raises
  * @throws Stopped if the pipeline is stopped meanwhile; nothing is changed
  */
 void RunDrained(GstBin& filterBin, const Change& change);

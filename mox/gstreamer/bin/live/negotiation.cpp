@@ -34,8 +34,8 @@ struct Pusher {
   bool is_source = false;  ///< Its element has no linked sink pad.
 };
 
-// Finds the task that pushes to a pad. Its state is stopped if an element upstream has several inputs, or if a thread
-// of the program pushes the data.
+// Finds the task that pushes to a pad. Its state is stopped if an element upstream has several
+// inputs, or if a thread of the program pushes the data.
 Pusher FindPusher(GstPad& feeding) {
   auto source = Unwrap(Ptr<GstPad>(GST_PAD(gst_object_ref(&feeding))));
   while (source) {
@@ -75,8 +75,8 @@ bool HasStreamEnded(GstPad& feeding) {
   if (GST_PAD_IS_EOS(&feeding) || !GST_PAD_IS_ACTIVE(&feeding)) {
     return true;
   }
-  // A queue that fails pauses its task and sends no EOS. A source retries after not-negotiated and keeps its task
-  // running.
+  // A queue that fails pauses its task and sends no EOS. A source retries after not-negotiated and
+  // keeps its task running.
   const auto pusher = FindPusher(feeding);
   return pusher.state == GST_TASK_PAUSED && gst_pad_get_last_flow_return(pusher.source.Get()) <= GST_FLOW_EOS;
 }
@@ -87,8 +87,8 @@ bool AcceptsCaps(GstPad& sink, GstCaps& caps) {
 }
 
 bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
-  // Ask the filters first. They usually accept the caps that the converter sends, and a query of the converter is
-  // expensive.
+  // Ask the filters first. They usually accept the caps that the converter sends, and a query of
+  // the converter is expensive.
   const Ptr<GstCaps> converted(gst_pad_get_current_caps(check::pad::GetPeer(sink, kPadError).Get()));
   if (converted && AcceptsCaps(sink, *converted)) {
     return true;
