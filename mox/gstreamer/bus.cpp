@@ -76,7 +76,7 @@ class Bus::Impl {
         message = Ptr<GstMessage>(gst_bus_timed_pop_filtered(bus_.Get(), static_cast<GstClockTime>(kSlice.count()),
                                                              static_cast<GstMessageType>(mask)));
       }
-      // Locked once a message, to call the callbacks and to read the new mask.
+      // Lock once for each message, to call the callbacks and to read the new mask.
       std::unique_lock<std::mutex> lock(mutex_);
       if (message) {
         callbacks_(*message);
@@ -140,8 +140,8 @@ const GstBus& Bus::Get() const {
 
 mox::type::Binding Bus::Bind(GstMessageType type, Callback callback) {
   Impl& impl = Deref(impl_);
-  // Compared as unsigned numbers, because every extended type and GST_MESSAGE_ANY are above the
-  // flag.
+  // Compare unsigned numbers, because the flag is the sign bit. Every extended type, and
+  // GST_MESSAGE_ANY, has the flag.
   if (static_cast<std::uint32_t>(type) >= static_cast<std::uint32_t>(GST_MESSAGE_EXTENDED)) {
     throw std::logic_error("Cannot register types exceeding GST_MESSAGE_EXTENDED");
   }

@@ -21,9 +21,9 @@ namespace mox::gstreamer {
  * messages of other types are discarded. A new binding takes effect within 500 ms, and may miss
  * messages of its type until then.
  *
- * Callbacks run on the reader thread, one at a time, in the order of their slots; the first free
- * slot is used first. They borrow the message. They must not throw, bind or release bindings of
- * this bus, or wait for a thread that does.
+ * Callbacks run on the reader thread, one at a time, in the order of binding. A new binding takes
+ * the first place that a released one has left. Callbacks borrow the message. They must not throw,
+ * bind or release bindings of this bus, or wait for a thread that does.
  *
  * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", and
  * destroying it does nothing.

@@ -56,8 +56,8 @@ class PadProbe::Impl {
     ProbeData* const data = MakeData(std::move(callback)).release();
     id_ = gst_pad_add_probe(pad_, type, ProbeCallback, data, DataDestroyNotify);
     if (id_ == 0) {
-      // GStreamer has freed the data of an idle probe that removed itself. That of a refused probe
-      // shares the result.
+      // GStreamer has freed the data of an idle probe that removed itself, but not that of a
+      // refused probe, which still shares the result.
       if (result_.use_count() > 1) {
         DataDestroyNotify(data);
       }
@@ -69,7 +69,7 @@ class PadProbe::Impl {
   Impl& operator=(const Impl&) = delete;
 
   ~Impl() {
-    // Otherwise GStreamer removes the probe, or has done so.
+    // After GST_PAD_PROBE_REMOVE, GStreamer removes the probe itself.
     if (!result_->removes) {
       gst_pad_remove_probe(pad_, id_);
     }

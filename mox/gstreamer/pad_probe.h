@@ -15,17 +15,18 @@ namespace mox::gstreamer {
  * A pad probe whose callback runs at most once and delivers its result through a future.
  *
  * The callback runs on the thread that reaches the probe: a streaming thread, or the constructing
- * thread for an idle probe on an idle pad. GStreamer gets its result for the first item. Every
- * later item gets GST_PAD_PROBE_OK, which keeps the pad blocked if the probe is a blocking one. If
- * the callback throws, the future gets the exception and GStreamer gets GST_PAD_PROBE_OK.
+ * thread for an idle probe on an idle pad. The probe returns the callback's result for the first
+ * item. For later items it returns GST_PAD_PROBE_OK, which keeps the pad blocked if the probe is a
+ * blocking one. If the callback throws, the future gets the exception, and the probe returns
+ * GST_PAD_PROBE_OK.
  *
  * The pad is borrowed and must outlive the probe. Destroying the probe removes it from the pad and
- * ends its block. It waits for no callback. One that runs on another thread still delivers to the
- * future, so objects that the callback refers to must live until the future is ready.
+ * ends its block, but waits for no callback. A callback that runs on another thread still delivers
+ * to the future, so the objects that it refers to must live until the future is ready.
  *
- * GStreamer destroys the callback under the object lock of the pad. The destructors of objects that
- * it owns must not use that pad, not even to read its peer or to remove another probe. Otherwise
- * they deadlock.
+ * GStreamer destroys the callback under the object lock of the pad. Objects that the callback owns
+ * must not use that pad in their destructors, not even to read its peer or to remove another probe.
+ * Otherwise they deadlock.
  *
  * After a move the source is empty: its operations throw std::logic_error "Pimpl is null", and
  * destroying it does nothing.

@@ -140,8 +140,8 @@ class Pipeline::Impl {
     if (target == GST_STATE_NULL) {
       ForgetStreams();
     }
-    // Start the whole first, so that all elements share one base time; then each bin, which raises
-    // its own error.
+    // Start the pipeline as a whole first, so that all elements share one base time. `Sync` then
+    // raises the error of a bin that has failed.
     gst_element_set_state(&Element(), target);
     for (GstElement* const bin : GetBins()) {
       bin::Sync(*bin);
@@ -251,7 +251,7 @@ class Pipeline::Impl {
   }
 
   // Reapplies the target state after an ERROR, because a failed bin ignores its children. Stops a
-  // pipeline that a failed start has left part of the way up.
+  // pipeline that a failed start has left in an intermediate state.
   void Recover() {
     if (!HasFailed(Element())) {
       return;
@@ -294,8 +294,8 @@ class Pipeline::Impl {
   type::Binding on_error_;
   type::Binding on_latency_;
   std::mutex mutex_;  // serialises the operations, even while one waits
-  // Of the members below. Separate, because the bus reader takes it too, and must not wait as long
-  // as an operation does.
+  // Protects the members below. It is separate, because the bus reader takes it too and must not
+  // wait as long as an operation does.
   std::mutex state_mutex_;
   State state_ = State::Stopped;
   std::atomic<bool> enable_ = false;  // a stop reads it without a lock

@@ -100,7 +100,7 @@ class MOX_EXPORT Pipeline {
    *
    * @throws std::runtime_error "Cannot remove the input if the pipeline is not stopped"
    * @throws std::runtime_error with the name of the element that cannot be added, linked or started
-   * @throws std::runtime_error with the name of an element that does not stop; data may not flow
+   * @throws std::runtime_error with the name of an element that does not stop; the stream may stall
    * until the pipeline is stopped and started
    */
   void SetInput(Ptr<GstElement> input);
@@ -162,9 +162,12 @@ class MOX_EXPORT Pipeline {
    *
    * Stopping waits for every element to stop. It discards data inside the pipeline and sends the
    * outputs no EOS, so end recordings with `FinishOutputs` first. A change of filters or outputs
-   * that waits on another thread raises std::runtime_error and changes nothing; `FinishOutputs`
-   * raises it and detaches its outputs. Stopping does not end an exchange of the input, but waits
-   * for it.
+   * that waits on another thread raises std::runtime_error:
+   * - A change of filters changes nothing.
+   * - `AddOutputs` and `EraseOutputs` leave out the output that waits, and those listed after it.
+   * - `FinishOutputs` detaches its outputs.
+   *
+   * Stopping does not end an exchange of the input, but waits for it.
    *
    * @throws std::logic_error if `enable` is true and the pipeline has no input
    * @throws std::runtime_error if an element refuses; `GetState` and `GetEnable` are unchanged

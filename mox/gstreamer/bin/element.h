@@ -37,7 +37,7 @@ Ptr<GstElement> Next(GstElement& element);
 
 /**
  * Delays state changes of an element by other threads, for example by a bin that starts its
- * children on the way to PLAYING. Never held while waiting for data.
+ * children on the way to PLAYING. Must not be held while waiting for data.
  */
 class StateLock {
  public:

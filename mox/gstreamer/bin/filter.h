@@ -54,12 +54,12 @@ MOX_EXPORT std::string GetGraph(GstBin& filterBin);
 /**
  * Adds or erases filters while data flows, in a pipeline that is not stopped. Blocks upstream of
  * the colour converter that feeds the bin, or at the peer of the bin's "sink" if there is no
- * converter. Then drains the bin into the outputs, changes the chain and unblocks. No buffer is
- * lost or repeated: the blocked one is converted for the new chain.
+ * converter. Then drains the bin into the outputs, changes the chain and unblocks. The blocked
+ * buffer is converted for the new chain, so none is lost or repeated.
  *
  * A chain that needs another frame size must contain a "videoscale". Otherwise the change is
  * refused, unless the input is a source that can send that size, without a queue in between. Such a
- * source renegotiates, and one frame is dropped.
+ * source renegotiates, and the blocked buffer is dropped.
  *
  * Must not be called from a streaming thread of the pipeline. Waits without a time limit for the
  * next item to reach the bin, then until the bin is drained:

@@ -49,18 +49,18 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
  *
  * If the new output accepts the current caps, the stream resumes once every output has finished its
  * current frame. Otherwise the stream renegotiates to caps that all accept. The call then waits as
- * a filter change does, and loses no frame. An output is refused if it has no caps in common with
- * the others, or needs a size that the input cannot send.
+ * a filter change does. It loses no frame, unless the input must send another size. An output is
+ * refused if it has no caps in common with the others, or needs a size that the input cannot send.
  *
  * Elements listed before one that fails stay attached. The one that fails is outside the bin, in
  * NULL. If it was to be the first output, neither an output nor the placeholder is left, and no
- * output can be attached any more.
+ * output can be attached any more. After a stop, the placeholder is restored instead.
  *
  * @throws std::invalid_argument if one of the handles is empty; nothing is changed
  * @throws std::runtime_error if an element does not start, or cannot be linked to its queue or to
  * the tee; or what `filter::BlockAddFilters` raises while the stream renegotiates
  * @throws std::runtime_error "Cannot change the outputs because the pipeline is being stopped";
- * nothing is changed
+ * elements listed before the one that waits stay attached
  */
 MOX_EXPORT void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs);
 
@@ -70,11 +70,12 @@ MOX_EXPORT void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outpu
  * other branches lose nothing and do not wait, even if this one is slow or has not prerolled. The
  * call waits until the element has stopped.
  *
- * @throws std::runtime_error "Cannot remove an output that has not been added to the bin", after
- * those listed before have been detached; or the error of an element that refuses to stop, which
- * stays attached
- * @throws std::runtime_error "Cannot change the outputs because the pipeline is being stopped"; the
- * output stays
+ * Outputs listed before one that fails have been detached; the one that fails, and those after it,
+ * have not.
+ *
+ * @throws std::runtime_error "Cannot remove an output that has not been added to the bin"
+ * @throws std::runtime_error if an element refuses to stop
+ * @throws std::runtime_error "Cannot change the outputs because the pipeline is being stopped"
  */
 MOX_EXPORT void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs);
 
@@ -93,9 +94,9 @@ MOX_EXPORT void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> out
  *   timeout ends.
  * - A flushing seek discards the EOS, which is sent again.
  *
- * Every output is detached, even if the call throws, unless one of the list is not attached or
- * refuses to stop. The timeout does not include the time that elements take to stop. A timeout of
- * zero or less does not wait for the sinks.
+ * If one of the list is not attached, nothing is changed. Otherwise every output is detached, even
+ * if the call throws, except one that refuses to stop. The timeout does not include the time that
+ * elements take to stop. A timeout of zero or less does not wait for the sinks.
  *
  * @throws std::runtime_error "Cannot remove an output that has not been added to the bin"; nothing
  * is changed

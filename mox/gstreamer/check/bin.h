@@ -16,7 +16,7 @@ namespace mox::gstreamer::check::bin {
 /**
  * Adds the element to the bin, which sinks a floating reference or takes one of its own. If the bin
  * refuses a floating element, GStreamer drops that reference, and destroys the element if it was
- * the only one. `Ptr::Ref` keeps the handle valid.
+ * the only one. To keep a handle of a floating element valid, pass `*handle.Ref()`.
  */
 MOX_EXPORT void AddElement(GstBin& bin, GstElement& element, boost::string_view prefix);
 

@@ -20,7 +20,10 @@ MOX_EXPORT void LinkElement(GstElement& source, GstElement& sink, boost::string_
 /** Sets the element to its parent's pending or current state. The change may be asynchronous. */
 MOX_EXPORT void SyncWithParent(GstElement& element, boost::string_view prefix);
 
-/** Sets the element to NULL and waits for its streaming threads. An asynchronous change fails. */
+/**
+ * Sets the element to NULL and waits for its streaming threads. An asynchronous change counts as a
+ * failure.
+ */
 MOX_EXPORT void SetNullState(GstElement& element, boost::string_view prefix);
 
 /** Sets the element to PLAYING. The change may be asynchronous. */

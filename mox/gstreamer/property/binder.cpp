@@ -86,8 +86,8 @@ const std::array<Transfer, 10> transfers{
     TransferOf<GetString, g_value_set_string>(G_TYPE_PARAM_STRING),
 };
 
-// Compares the type of the param spec and its parents with the ten. Instance checks would have the
-// same result, because none of the ten is derived from another, but cost a function call each.
+// Compares the type of the param spec and its parents with the ten types. Instance checks would
+// have the same result, because none of the ten is derived from another, but cost a call each.
 const Transfer* FindTransfer(const GParamSpec* pspec) {
   GType type = pspec != nullptr ? G_PARAM_SPEC_TYPE(pspec) : G_TYPE_INVALID;
   for (; type != G_TYPE_INVALID; type = g_type_parent(type)) {

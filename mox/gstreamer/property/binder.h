@@ -35,7 +35,11 @@ class MOX_EXPORT Binder : public mox::property::Binder {
   Binder(Binder&& other) noexcept;
   ~Binder() override;
 
-  /** @throws std::logic_error if a property of the same name is bound */
+  /**
+   * Binds the property, which gets the next identifier.
+   *
+   * @throws std::logic_error if a property of the same name is bound
+   */
   void Bind(mox::property::Property& property) override;
 
   /**

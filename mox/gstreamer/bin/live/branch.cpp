@@ -125,8 +125,7 @@ std::vector<Ptr<GstElement>> GetElements(const Ptr<GstElement>& output) {
 }
 
 // Lets the sinks of an output start without preroll. A sink that prerolls takes the whole pipeline
-// back to PAUSED. There, other outputs may wait for it while it waits for the buffers that they
-// block.
+// back to PAUSED. Other outputs may then wait for its preroll and block the buffers that it needs.
 class NoPreroll {
  public:
   explicit NoPreroll(const Ptr<GstElement>& output) {
@@ -157,8 +156,8 @@ void Start(const Ptr<GstElement>& output) {
 }
 
 // The probe at the tee's pad that cuts a branch off. It drops everything, because the FLUSHING of a
-// branch that stops would end the whole stream, and refuses queries, because a sink that is stuck
-// would never answer.
+// branch that stops would end the whole stream. It refuses queries, because a sink that is stuck
+// would never answer them.
 constexpr auto kCutOffProbe = "mox-cut-off-probe";
 
 void CutOff(GstPad& pad, const Branch& branch) {
@@ -224,9 +223,9 @@ void Unlink(GstElement& tee, GstElement& first) {
   }
 }
 
-// Sends a branch an EOS, unless it has one. Returns false if the branch has failed. The caller
-// repeats the call, because a flush discards the EOS, and a query that waits in the queue has the
-// stream lock.
+// Sends a branch an EOS, unless it has one. Returns false if the branch has failed. Sends nothing
+// while another thread has the stream lock, for example for a query that waits in the queue. The
+// caller repeats the call until the output ends, because a flush discards the EOS.
 bool SendEos(GstPad& sink) {
   if (GST_PAD_IS_EOS(&sink) || !GST_PAD_STREAM_TRYLOCK(&sink)) {
     return true;
@@ -236,8 +235,8 @@ bool SendEos(GstPad& sink) {
   return accepted || GST_PAD_IS_FLUSHING(&sink);
 }
 
-// Returns the EOS message that an output has posted. Its bin stores it until the next change to
-// PLAYING, or until all of the bin's sinks have ended.
+// Returns the EOS message that an output has posted. The output bin stores it until the next change
+// to PLAYING, or until all sinks of the bin have ended.
 Ptr<GstMessage> FindEos(GstBin& outputBin, GstElement& output) {
   const auto is_eos = [](gconstpointer message, gconstpointer source) noexcept -> gint {
     return GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS && GST_MESSAGE_SRC(message) == source ? 0 : 1;
@@ -258,7 +257,7 @@ void EndSources(const Ptr<GstElement>& output) {
   }
 }
 
-// Returns true if every sink of the output has an EOS.
+// Returns true if every sink of the output has received EOS.
 bool AreSinksAtEos(const Ptr<GstElement>& output) {
   const auto elements = GetElements(output);
   return std::all_of(elements.begin(), elements.end(), [](const Ptr<GstElement>& element) {
@@ -359,8 +358,8 @@ void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
   const auto pad = check::pad::GetPeer(*GetSink(*branch.front()), kPadError);
   std::optional<StateLock> lock;
   bool runs = true;
-  // Cut the branch off, then stop it. The output first, because the queue's thread may wait inside
-  // it.
+  // Cut the branch off, then stop it. Stop the output first, because the queue's thread may wait
+  // inside it.
   CutOff(*pad, branch);
   try {
     WaitUntilIdle(outputBin, *pad, branch, [] { return false; });
@@ -406,7 +405,7 @@ Branch Finish(GstBin& outputBin, const std::vector<Branch>& branches, std::chron
     }
   }
 
-  // Nothing announces that an output has posted EOS.
+  // Look for the EOS messages at every slice, because the output bin stores them and posts none.
   while (!running.empty()) {
     const auto has_stopped = [&](const Ending& ending) {
       const auto progress = ending.Check(outputBin);

@@ -32,8 +32,8 @@ void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch);
  * Stops the branch, releases its request pad and removes it from the bin. The other branches lose
  * nothing.
  *
- * @throws std::runtime_error if an element refuses to stop, Stopped if the pipeline stops first;
- * the branch stays
+ * @throws std::runtime_error if an element refuses to stop; the branch stays
+ * @throws Stopped if the pipeline is stopped meanwhile; the branch stays
  */
 void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch);
 

@@ -59,7 +59,7 @@ class EndOfDrain {
   ScopedProbe flush_;
 };
 
-// Sends an EOS through the filter bin and waits for its end.
+// Sends an EOS through the filter bin and waits for the end of the drain.
 void Drain(GstPad& sink, Shared& shared) {
   // Without a segment no buffer has arrived. There is nothing to drain, and some filters would keep
   // the EOS.
@@ -87,8 +87,8 @@ class Block {
             return GST_PAD_PROBE_PASS;  // may come from any thread, even while a buffer passes
           }
           if (!shared->is_taken.exchange(true)) {
-            // Stays until the change is made: an EOS that a flush seems to refuse may be inside a
-            // queue already.
+            // Keep its probes until the change is made. If a flush makes the push of the EOS fail,
+            // the EOS may be inside a queue already.
             std::optional<EndOfDrain> end;
             try {
               end.emplace(*source, shared);

@@ -31,7 +31,7 @@ class StopRequest {
 /** @throws Stopped if a stop of the bin is requested */
 void CheckStop(GstBin& bin);
 
-/** The interval at which a wait checks for a stop or a paused task, which nobody announces. */
+/** The interval at which a wait checks for a stop or a paused task, because neither wakes it. */
 inline constexpr auto kSlice = std::chrono::milliseconds(10);
 
 /** Waits for the future. @throws Stopped if a stop of the bin is requested first */
@@ -53,7 +53,7 @@ struct Change {
   GstBin& changed;             ///< The bin whose stop ends the change.
   GstElement& named;           ///< Named by the error if it needs caps that upstream cannot send.
   std::function<void()> make;  ///< Makes the change; called once, with the filter bin in NULL.
-  std::function<void()> undo;  ///< Restores what was there, with the filter bin in NULL if it stops.
+  std::function<void()> undo;  ///< Restores the state before `make`, with the filter bin in NULL if it stops.
 };
 
 /**

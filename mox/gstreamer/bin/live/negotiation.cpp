@@ -14,7 +14,7 @@
 namespace mox::gstreamer::bin::live {
 namespace {
 
-// Returns the pad of a real element that a ghost pad, or the inner end of one, stands for.
+// Follows ghost pads, and their internal proxy pads, to the pad of an element that is not a bin.
 Ptr<GstPad> Unwrap(Ptr<GstPad> pad) {
   while (GST_IS_PROXY_PAD(pad.Get())) {
     if (GST_IS_GHOST_PAD(pad.Get())) {
@@ -34,8 +34,8 @@ struct Pusher {
   bool is_source = false;  ///< Its element has no linked sink pad.
 };
 
-// Finds the task that pushes to a pad. Its state is stopped if an element upstream has several
-// inputs, or if a thread of the program pushes the data.
+// Finds the task that pushes to a pad. The state is stopped if the search ends at an element with
+// several inputs, or if a thread of the program pushes the data.
 Pusher FindPusher(GstPad& feeding) {
   auto source = Unwrap(Ptr<GstPad>(GST_PAD(gst_object_ref(&feeding))));
   while (source) {

@@ -11,6 +11,7 @@ namespace mox::gstreamer::bin::live {
 /**
  * Returns the pad that feeds a filter bin. It is upstream of the colour converter, so that a buffer
  * that waits there can still be converted. Without a converter it is the peer of the bin's "sink".
+ *
  * @throws std::runtime_error if nothing is linked there
  */
 Ptr<GstPad> FindFeedingPad(GstBin& filterBin);
@@ -29,7 +30,7 @@ bool AcceptsCaps(GstPad& sink, GstCaps& caps);
  * their source can renegotiate. Otherwise the next buffer would end the stream. Returns true if the
  * converter sends the same caps as before the change.
  *
- * @throws std::runtime_error with the names of the two
+ * @throws std::runtime_error with the names of the input and of `changed`
  */
 bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed);
 
@@ -38,7 +39,9 @@ void Renegotiate(GstPad& sink);
 
 /**
  * Checks that upstream, the branches of the tee and a new branch have caps in common, because a tee
- * links a branch without asking the others. @throws std::runtime_error with the names of the two
+ * links a branch without asking the others.
+ *
+ * @throws std::runtime_error with the names of `tee` and `first`
  */
 void CheckSharedCaps(GstElement& tee, GstElement& first);
 
