@@ -12,7 +12,6 @@
 #include <exception>
 #include <future>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 
 namespace mox::gstreamer::bin::live {
@@ -87,17 +86,18 @@ class Block {
             return GST_PAD_PROBE_PASS;  // may come from any thread, even while a buffer passes
           }
           if (!shared->is_taken.exchange(true)) {
-            // Keep its probes until the change is made. If a flush makes the push of the EOS fail,
-            // the EOS may be inside a queue already.
-            std::optional<EndOfDrain> end;
+            const auto changed = shared->changed.get_future();
             try {
-              end.emplace(*source, shared);
+              // Keep its probes until the change is made. If a flush makes the push of the EOS fail,
+              // the EOS may be inside a queue already.
+              const EndOfDrain end(*source, shared);
               Drain(*sink, *shared);
               shared->drained.set_value();
+              changed.wait();
             } catch (...) {
               shared->drained.set_exception(std::current_exception());
+              changed.wait();
             }
-            shared->changed.get_future().wait();
           }
           return GST_PAD_PROBE_OK;
         }) {}
