@@ -225,12 +225,17 @@ TEST_F(Finish, AfterTheEndOfTheStreamThereIsNothingToWaitFor) {
 
 // A sink keeps a buffer for ever. The allocation query that follows a new output would wait for it.
 TEST_F(Finish, StuckOutputsBlockNoOther) {
+  std::atomic<bool> is_stuck = false;
   const Watch other(Make("fakesink", "other"));
   const Watch third(Make("fakesink", "third"));
   stream.pipeline.AddOutputs({other.element});
   other.AwaitFrames();
   AddProbe(*PadOf(*stream.watch.element, "sink"), GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER,
-           [](GstPad&, auto&) { return GST_PAD_PROBE_OK; });
+           [&](GstPad&, auto&) {
+             is_stuck = true;
+             return GST_PAD_PROBE_OK;
+           });
+  Await([&] { return is_stuck.load(); });
   stream.pipeline.AddOutputs({third.element});
   auto finished = std::async(std::launch::async, [&] { stream.pipeline.FinishOutputs({stream.watch.element}, 500ms); });
   other.ExpectWhole();
