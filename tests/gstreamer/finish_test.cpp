@@ -149,7 +149,7 @@ TEST_F(Finish, OutputsThatDropEosAreNamedAndDetached) {
   other.AwaitFrames();
   EXPECT_THAT(
       [&] {
-        stream.pipeline.FinishOutputs({stubborn, other.element}, 100ms);
+        stream.pipeline.FinishOutputs({stubborn, other.element}, 2s);
       },
       ThrowsMessage<std::runtime_error>("Bin Error: Failed to finish the output 'stubborn [stubborn]' in time"));
   EXPECT_EQ(other.eos, 1U);
@@ -237,7 +237,7 @@ TEST_F(Finish, StuckOutputsBlockNoOther) {
            });
   Await([&] { return is_stuck.load(); });
   stream.pipeline.AddOutputs({third.element});
-  auto finished = std::async(std::launch::async, [&] { stream.pipeline.FinishOutputs({stream.watch.element}, 500ms); });
+  auto finished = std::async(std::launch::async, [&] { stream.pipeline.FinishOutputs({stream.watch.element}, 2s); });
   other.ExpectWhole();
   EXPECT_EQ(finished.wait_for(0s), std::future_status::timeout) << "the others waited for the output that is stuck";
   EXPECT_THROW(finished.get(), std::runtime_error);
