@@ -177,9 +177,11 @@ struct Walker {
     ground.leaving.AwaitFrames(1);
     GstState state = GST_STATE_NULL;
     const auto settled = gst_element_get_state(GST_ELEMENT(&ground.whole), &state, nullptr, 0);
-    const bool flushes = settled == GST_STATE_CHANGE_ASYNC || state != GST_STATE_PLAYING || Below(2) == 0;
-    gst_element_seek_simple(GST_ELEMENT(&ground.whole), GST_FORMAT_TIME,
-                            flushes ? GST_SEEK_FLAG_FLUSH : GST_SEEK_FLAG_NONE, 0);
+    auto flags = GST_SEEK_FLAG_NONE;
+    if (settled == GST_STATE_CHANGE_ASYNC || state != GST_STATE_PLAYING || Below(2) == 0) {
+      flags = GST_SEEK_FLAG_FLUSH;
+    }
+    gst_element_seek_simple(GST_ELEMENT(&ground.whole), GST_FORMAT_TIME, flags, 0);
   }
 
   // Through the element, as a program does it. An exchange waits, because it would restore the

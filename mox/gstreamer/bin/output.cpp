@@ -113,7 +113,12 @@ class EndlessSink {
     g_object_set(sink_.Get(), "async", FALSE, nullptr);
     const StateLock lock(*GST_ELEMENT(&bin_));
     Add(bin_, sink_);
-    Sync(*sink_);
+    try {
+      Sync(*sink_);
+    } catch (...) {
+      TakeOut(bin_, *sink_);
+      throw;
+    }
   }
   EndlessSink(const EndlessSink&) = delete;
   EndlessSink& operator=(const EndlessSink&) = delete;
