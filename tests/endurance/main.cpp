@@ -93,6 +93,10 @@ struct Ground {
     return at("input_bin", "src") + at("filter_bin", "sink") + at("filter_bin", "src") + at("output_tee", "sink");
   }
 
+  // Some thread must make a change every 30 seconds. A stream or a lock that stands still blocks all
+  // of them sooner or later. A single thread may have to wait longer, because mutexes are not fair.
+  static void NoteProgress() { SetDeadline(30); }
+
   void Stop() {
     ++stop_edges;
     pipeline.SetEnable(false);
@@ -106,7 +110,6 @@ struct Ground {
   guint64 number = 0;
   std::atomic<bool> sends_gaps = false;  ///< The source sends GAP events instead of frames.
   std::shared_mutex stopping;            ///< Locked, shared or not, by steps that must not meet a stop.
-  bool is_alone = false;                 ///< No other thread stops, pauses or seeks.
   Count stop_edges = 0;                  ///< Begins and ends of stops: odd during a stop.
   Count alive = 0;                       ///< Elements that are not finalised.
   std::atomic<bool> stop = false;
@@ -237,7 +240,7 @@ struct Walker {
     const std::size_t edges = ground.stop_edges;
     try {
       call();
-      ++changes;
+      Ground::NoteProgress();
       return true;
     } catch (const std::runtime_error&) {
       if (edges % 2 == 0 && ground.stop_edges == edges) {
@@ -262,7 +265,7 @@ struct Walker {
   void EraseOutput(bool after_frames) {
     std::swap(From(outputs), outputs.back());
     const Watch& watch = *outputs.back();
-    if (after_frames && ground.is_alone && Below(4) == 0) {
+    if (after_frames && Below(4) == 0) {
       FinishOutput(watch);
       outputs.pop_back();
       return;
@@ -276,10 +279,18 @@ struct Walker {
     }
   }
 
+  // The output is detached even if a stop ends the call. After a restart by others there may be
+  // nothing to end yet.
   void FinishOutput(const Watch& watch) {
+    std::unique_lock lock(ground.stopping, std::defer_lock);
+    if (Below(2) == 0) {
+      lock.lock();
+    }
     watch.AwaitFrames(1);
     Change([&] { pipeline.FinishOutputs({watch.element}, std::chrono::seconds(15)); });
-    EXPECT_EQ(watch.eos, 1U);
+    if (lock) {
+      EXPECT_EQ(watch.eos, 1U);
+    }
     EXPECT_EQ(watch.lost, 0U);
     EXPECT_EQ(watch.misplaced, 0U);
   }
@@ -308,7 +319,7 @@ struct Walker {
     // Do not replace an input that another thread has just set and that fails to start.
     const std::shared_lock lock(ground.stopping);
     pipeline.SetInput(MakeInput());
-    ++changes;
+    Ground::NoteProgress();
   }
 
   // Makes a few changes while the pipeline is stopped, as others may do. A start may fail.
@@ -364,7 +375,7 @@ struct Walker {
     };
     const auto& request = From(requests);
     EXPECT_ANY_THROW(request.make()) << request.name;
-    ++changes;
+    Ground::NoteProgress();
   }
 
   Ptr<GstElement> MakeRefusing() {
@@ -378,11 +389,11 @@ struct Walker {
   std::mt19937 random;
   Elements filters;
   std::vector<std::unique_ptr<Watch>> outputs;
-  Count changes = 0;
 };
 
 void Walk(Ground& ground, int seconds, int thread_count, int seed) {
   auto& pipeline = ground.pipeline;
+  Ground::NoteProgress();
   pipeline.SetInput(ground.Counted(MakeSource()));
   pipeline.SetEnable(true);
   ground.stop = false;
@@ -393,16 +404,9 @@ void Walk(Ground& ground, int seconds, int thread_count, int seed) {
   }
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   while (std::chrono::steady_clock::now() < end) {
-    // The stream and each thread must make progress.
-    SetDeadline(20);
-    ground.leaving.AwaitFrames();
-    for (const Walker& walker : walkers) {
-      Await([&, before = walker.changes.load()] { return walker.changes > before; });
-    }
+    ground.leaving.AwaitFrames(20);
     walkers.front().CheckProbes();
   }
-
-  SetDeadline(60);
   ground.stop = true;
   for (auto& thread : threads) {
     thread.join();
@@ -445,7 +449,6 @@ struct Holding {
 
 void Run(int seconds, int threads, int seed) {
   Ground ground;
-  ground.is_alone = threads == 1;
   const std::size_t at_rest = CountOwn("task");
   g_thread_pool_set_max_unused_threads(0);
   // A first short walk creates the objects that GStreamer creates once and keeps.
