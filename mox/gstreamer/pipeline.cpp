@@ -98,11 +98,6 @@ class Pipeline::Impl {
       StopEach(Whole());
       gst_element_set_state(&Element(), GST_STATE_NULL);
     }
-    // Release waits for a running callback, so that none runs while the members are destroyed.
-    on_latency_.Release();
-    on_error_.Release();
-    on_end_of_stream_.Release();
-    on_stream_start_.Release();
   }
 
  private:
@@ -289,19 +284,20 @@ class Pipeline::Impl {
   const unsigned id_;
   Ptr<GstPipeline> pipeline_;
   Bus bus_;
-  type::Binding on_stream_start_;
-  type::Binding on_end_of_stream_;
-  type::Binding on_error_;
-  type::Binding on_latency_;
   std::mutex mutex_;  // serialises the operations, even while one waits
   // Protects the members below. It is separate, because the bus reader takes it too and must not
   // wait as long as an operation does.
   std::mutex state_mutex_;
   State state_ = State::Stopped;
-  std::atomic<bool> enable_ = false;  // a stop reads it without a lock
+  std::atomic<bool> enable_ = false;  // GetEnable waits for no lock
   bool start_failed_ = false;
   // The sequence number of the last stop. GStreamer numbers events and messages in one sequence.
   guint32 stopped_at_ = gst_util_seqnum_next();
+  // Destroyed first. That waits for a running callback, which uses the members above.
+  type::Binding on_stream_start_;
+  type::Binding on_end_of_stream_;
+  type::Binding on_error_;
+  type::Binding on_latency_;
 };
 
 Pipeline::Pipeline(unsigned id, const std::string& name) : impl_(std::make_unique<Impl>(id, name)) {}
