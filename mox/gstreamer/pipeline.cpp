@@ -170,13 +170,18 @@ class Pipeline::Impl {
   }
 
   void SetEnable(bool enable) {
-    if (enable || !enable_) {
+    if (enable) {
       const Lock lock(mutex_);
-      if (enable && !bin::input::GetInput(InputBin())) {
+      if (!bin::input::GetInput(InputBin())) {
         throw std::logic_error("Cannot set the state of the pipeline with ID '" + std::to_string(id_) +
                                "' to playing because it does not have an input");
       }
-      SetState(enable);
+      SetState(true);
+      return;
+    }
+    // Do not wait for the mutex: a start and a change of other threads might come first, and no stop
+    // would end that change.
+    if (!IsEnabled()) {
       return;
     }
     Lock lock(mutex_, std::defer_lock);
@@ -235,6 +240,12 @@ class Pipeline::Impl {
   State GetState() {
     const Lock lock(state_mutex_);
     return state_;
+  }
+
+  // Waits for a start that is in progress.
+  bool IsEnabled() {
+    const Lock lock(state_mutex_);
+    return enable_;
   }
 
   bool HasStartFailed() const { return start_failed_ && HasFailed(Element()); }
