@@ -208,4 +208,17 @@ TEST_F(Guards, EnableMayBeReadDuringAStateChange) {
   gst_bus_set_sync_handler(bus.Get(), nullptr, nullptr, nullptr);
 }
 
+// The other output receives nothing after the seek, so that its bin stays in PAUSED.
+TEST_F(Guards, OutputPlaysWhileAnotherWaitsForItsPreroll) {
+  std::atomic<bool> drops = false;
+  Stream stream;
+  AddProbe(*PadOf(*stream.watch.element, "sink"), GST_PAD_PROBE_TYPE_BUFFER,
+           [&](auto&...) { return drops ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK; });
+  drops = true;
+  gst_element_seek_simple(GST_ELEMENT(&stream.pipeline.Get()), GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, 0);
+  const Watch output(Make("fakesink"));
+  stream.pipeline.AddOutputs({output.element});
+  output.AwaitFrames(10);
+}
+
 }  // namespace
