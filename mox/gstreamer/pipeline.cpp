@@ -53,7 +53,7 @@ Ptr<GstPipeline> Make(unsigned id, const std::string& name) {
 // into an element that has already stopped. Outputs that still run would take it for the end of the
 // stream.
 ScopedProbe BlockEos(GstBin& filterBin) {
-  const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", bin::kElementError);
+  const auto source = bin::GetSource(*GST_ELEMENT(&filterBin));
   return {*source, GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [](GstPadProbeInfo& info) {
             const bool is_eos = GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(&info)) == GST_EVENT_EOS;
             return is_eos ? GST_PAD_PROBE_OK : GST_PAD_PROBE_PASS;

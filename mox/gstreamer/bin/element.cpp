@@ -4,6 +4,7 @@
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/failure.h"
 #include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/iterator.h"
 #include "mox/gstreamer/name.h"
 
 namespace mox::gstreamer::bin {
@@ -38,10 +39,27 @@ void TakeOut(GstBin& bin, GstElement& element) noexcept {
   }
 }
 
+Ptr<GstPad> GetSink(GstElement& element) {
+  return check::element::GetPad(element, "sink", kElementError);
+}
+
+Ptr<GstPad> GetSource(GstElement& element) {
+  return check::element::GetPad(element, "src", kElementError);
+}
+
+Ptr<GstPad> GetPeer(GstPad& pad) {
+  return check::pad::GetPeer(pad, kPadError);
+}
+
 Ptr<GstElement> Next(GstElement& element) {
-  const auto source = check::element::GetPad(element, "src", kElementError);
-  const auto peer = check::pad::GetPeer(*source, kPadError);
-  return check::pad::GetParentElement(*peer, kPadError);
+  return check::pad::GetParentElement(*GetPeer(*GetSource(element)), kPadError);
+}
+
+std::vector<Ptr<GstElement>> Flatten(const Ptr<GstElement>& element) {
+  if (GST_IS_BIN(element.Get())) {
+    return Collect<GstElement>(gst_bin_iterate_recurse(GST_BIN(element.Get())));
+  }
+  return {element};
 }
 
 }  // namespace mox::gstreamer::bin

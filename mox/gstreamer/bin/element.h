@@ -3,6 +3,8 @@
 
 #include "mox/gstreamer/check/ptr.h"
 
+#include <vector>
+
 #include <gst/gst.h>
 
 // Operations of the bins on their elements. Private to the library.
@@ -32,8 +34,18 @@ void Sync(GstElement& element);
 /** Stops an element that could not be linked and removes it, if it is in the bin. */
 void TakeOut(GstBin& bin, GstElement& element) noexcept;
 
+/** Return the static pad of that name, and the peer of a pad. */
+///@{
+Ptr<GstPad> GetSink(GstElement& element);
+Ptr<GstPad> GetSource(GstElement& element);
+Ptr<GstPad> GetPeer(GstPad& pad);
+///@}
+
 /** Returns the element downstream of the static "src" pad. */
 Ptr<GstElement> Next(GstElement& element);
+
+/** Returns the element itself or, if it is a bin, all elements inside it. */
+std::vector<Ptr<GstElement>> Flatten(const Ptr<GstElement>& element);
 
 /**
  * Delays state changes of an element by other threads, for example by a bin that starts its

@@ -65,7 +65,7 @@ void UnsetFilters(GstBin& filterBin, const Filters& filters) {
 }
 
 bool IsClosed(GstElement& sinkFilter) {
-  return gst_pad_is_linked(check::element::GetPad(sinkFilter, "src", kElementError).Get());
+  return gst_pad_is_linked(GetSource(sinkFilter).Get());
 }
 
 // Restores the chain as it was before a failed change.
@@ -115,9 +115,9 @@ void Initialize(GstBin& filterBin) {
   const auto source_filter = check::element::Make("identity", kSourceFilter, kElementError);
   Add(filterBin, source_filter);
   check::element::LinkElement(*sink_filter, *source_filter, kElementError);
-  const auto source = check::element::GetPad(*source_filter, "src", kElementError);
+  const auto source = GetSource(*source_filter);
   check::element::GhostPad(*GST_ELEMENT(&filterBin), "src", *source, kElementError);
-  const auto sink = check::element::GetPad(*sink_filter, "sink", kElementError);
+  const auto sink = GetSink(*sink_filter);
   check::element::GhostPad(*GST_ELEMENT(&filterBin), "sink", *sink, kElementError);
 }
 

@@ -14,17 +14,17 @@ bool IsInitialized(GstBin& inputBin) noexcept {
 void Initialize(GstBin& inputBin) {
   const auto converter = check::element::Make("videoconvert", kColorConverter, kElementError);
   Add(inputBin, converter);
-  const auto source = check::element::GetPad(*converter, "src", kElementError);
+  const auto source = GetSource(*converter);
   check::element::GhostPad(*GST_ELEMENT(&inputBin), "src", *source, kElementError);
 }
 
 Ptr<GstElement> GetInput(GstBin& inputBin) {
   const auto converter = GetColorConverter(inputBin);
-  const auto sink = check::element::GetPad(*converter, "sink", kElementError);
+  const auto sink = GetSink(*converter);
   if (!gst_pad_is_linked(sink.Get())) {
     return {};
   }
-  const auto peer = check::pad::GetPeer(*sink, kPadError);
+  const auto peer = GetPeer(*sink);
   return check::pad::GetParentElement(*peer, kPadError);
 }
 

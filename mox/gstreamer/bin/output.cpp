@@ -3,6 +3,7 @@
 #include "mox/gstreamer/bin/element.h"
 #include "mox/gstreamer/bin/live/branch.h"
 #include "mox/gstreamer/bin/live/change.h"
+#include "mox/gstreamer/bin/live/finish.h"
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/failure.h"
@@ -170,7 +171,7 @@ void Initialize(GstBin& outputBin) {
   g_object_set(tee.Get(), "allow-not-linked", TRUE, nullptr);
   Add(outputBin, tee);
   check::element::LinkElement(*tee, *dummy, kElementError);
-  const auto sink = check::element::GetPad(*tee, "sink", kElementError);
+  const auto sink = GetSink(*tee);
   check::element::GhostPad(*GST_ELEMENT(&outputBin), "sink", *sink, kElementError);
 }
 
@@ -180,7 +181,7 @@ std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin) {
     if (!gst_pad_is_linked(pad.Get())) {
       continue;
     }
-    auto queue = check::pad::GetParentElement(*check::pad::GetPeer(*pad, kPadError), kPadError);
+    auto queue = check::pad::GetParentElement(*GetPeer(*pad), kPadError);
     if (element::GetName(*queue) != kDummy) {
       auto element = Next(*queue);
       outputs.push_back({std::move(queue), std::move(element)});

@@ -2,8 +2,7 @@
 
 #include "mox/gstreamer/bin/element.h"
 #include "mox/gstreamer/bin/live/change.h"
-#include "mox/gstreamer/check/element.h"
-#include "mox/gstreamer/check/pad.h"
+#include "mox/gstreamer/bin/live/cut_off.h"
 #include "mox/gstreamer/pad_probe.h"
 
 #include <chrono>
@@ -21,16 +20,6 @@ struct Allocation {
   GstPadQueryFunction own;   ///< The query function of the queue itself.
   bool was_refused = false;  ///< A probe waits for the output bin to play.
 };
-
-// Returns true if the queue, or the output around it, is cut off. The output may then never become
-// idle.
-bool IsInsideCutOff(GstElement& queue) noexcept {
-  Ptr<GstObject> object(GST_OBJECT(gst_object_ref(&queue)));
-  while (object && g_object_get_data(G_OBJECT(object.Get()), kCutOff) == nullptr) {
-    object = Ptr<GstObject>(gst_object_get_parent(object.Get()));
-  }
-  return static_cast<bool>(object);
-}
 
 // Returns true if a bin around the queue does not play, or is about to stop playing. An output may
 // then wait for preroll.
@@ -56,7 +45,7 @@ GstPadProbeReturn OnBuffer(GstPad* sink, GstPadProbeInfo* /*info*/, gpointer que
 }
 
 gboolean Answer(GstPad& sink, GstElement& queue, GstQuery& query) {
-  const auto source = check::element::GetPad(queue, "src", kElementError);
+  const auto source = GetSource(queue);
   // Blocks the pad, so that the output stays idle while it answers.
   PadProbe idle(*source, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
   const auto is_idle = idle.GetFuture();
@@ -73,7 +62,7 @@ gboolean Answer(GstPad& sink, GstElement& queue, GstQuery& query) {
       return FALSE;
     }
   }
-  return gst_pad_query(check::pad::GetPeer(*source, kPadError).Get(), &query);
+  return gst_pad_query(GetPeer(*source).Get(), &query);
 }
 
 gboolean OnQuery(GstPad* sink, GstObject* queue, GstQuery* query) noexcept {
@@ -90,7 +79,7 @@ gboolean OnQuery(GstPad* sink, GstObject* queue, GstQuery* query) noexcept {
 }  // namespace
 
 void LetAllocationOvertake(GstElement& queue) {
-  const auto sink = check::element::GetPad(queue, "sink", kElementError);
+  const auto sink = GetSink(queue);
   if (GST_PAD_QUERYFUNC(sink.Get()) == OnQuery) {
     return;  // the queue of an output that was attached before
   }

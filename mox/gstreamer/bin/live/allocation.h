@@ -17,11 +17,6 @@ namespace mox::gstreamer::bin::live {
  */
 void LetAllocationOvertake(GstElement& queue);
 
-/**
- * Marks the elements of a branch that is cut off: allocation queries inside it are refused at once.
- */
-inline constexpr auto kCutOff = "mox-cut-off";
-
 }  // namespace mox::gstreamer::bin::live
 
 #endif

@@ -3,7 +3,6 @@
 
 #include "mox/gstreamer/check/ptr.h"
 
-#include <chrono>
 #include <vector>
 
 #include <gst/gst.h>
@@ -36,19 +35,6 @@ void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch);
  * @throws Stopped if the pipeline is stopped meanwhile; the branch stays
  */
 void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch);
-
-/**
- * Cuts each branch off, sends it an EOS after the last buffer in its queue, and waits until its
- * output has posted EOS. An output posts it once every sink in it has received one. Returns the
- * outputs that have failed, or have not ended by the end of the timeout. A branch that has received
- * no caps, as in a stopped pipeline, has nothing to end.
- *
- * The bin must have another sink that receives no EOS. Otherwise it drops the messages as soon as
- * the last output has ended.
- *
- * @throws Stopped if the pipeline is stopped meanwhile
- */
-Branch Finish(GstBin& outputBin, const std::vector<Branch>& branches, std::chrono::nanoseconds timeout);
 
 }  // namespace mox::gstreamer::bin::live
 

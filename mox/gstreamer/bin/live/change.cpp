@@ -4,7 +4,6 @@
 #include "mox/gstreamer/bin/live/negotiation.h"
 #include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/event.h"
-#include "mox/gstreamer/check/pad.h"
 #include "mox/gstreamer/iterator.h"
 #include "mox/gstreamer/scoped_probe.h"
 
@@ -123,7 +122,7 @@ class Block {
       gst_pad_send_event(sink_.Get(), gst_event_new_flush_start());
       shared_->End();
       gst_pad_send_event(sink_.Get(), gst_event_new_flush_stop(FALSE));
-      const auto upstream = check::pad::GetPeer(*sink_, kPadError);
+      const auto upstream = GetPeer(*sink_);
       if (const Ptr<GstEvent> segment(gst_pad_get_sticky_event(upstream.Get(), GST_EVENT_SEGMENT, 0)); segment) {
         gst_pad_send_event(sink_.Get(), segment.Ref());
       }
@@ -141,7 +140,7 @@ class Block {
 // Sends the stream's events to filters that have been started again. Otherwise the next buffer
 // brings them, and the source posts an ERROR if a flush meets them inside the filters.
 void ResendEvents(GstPad& sink) {
-  const auto upstream = check::pad::GetPeer(sink, kPadError);
+  const auto upstream = GetPeer(sink);
   if (const Ptr<GstEvent> segment(gst_pad_get_sticky_event(upstream.Get(), GST_EVENT_SEGMENT, 0)); segment) {
     gst_pad_push_event(upstream.Get(), segment.Ref());
   }
@@ -208,8 +207,8 @@ void CheckStop(GstBin& bin) {
 
 void RunDrained(GstBin& filterBin, const Change& change) {
   const auto feeding = FindFeedingPad(filterBin);
-  const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
-  const auto source = check::element::GetPad(*GST_ELEMENT(&filterBin), "src", kElementError);
+  const auto sink = GetSink(*GST_ELEMENT(&filterBin));
+  const auto source = GetSource(*GST_ELEMENT(&filterBin));
   Block block(*feeding, sink, source);
   block.Wait(change.changed);
 

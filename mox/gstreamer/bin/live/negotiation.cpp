@@ -1,7 +1,6 @@
 #include "mox/gstreamer/bin/live/negotiation.h"
 
 #include "mox/gstreamer/bin/element.h"
-#include "mox/gstreamer/check/element.h"
 #include "mox/gstreamer/check/failure.h"
 #include "mox/gstreamer/check/pad.h"
 #include "mox/gstreamer/iterator.h"
@@ -63,12 +62,12 @@ Pusher FindPusher(GstPad& feeding) {
 }  // namespace
 
 Ptr<GstPad> FindFeedingPad(GstBin& filterBin) {
-  const auto sink = check::element::GetPad(*GST_ELEMENT(&filterBin), "sink", kElementError);
-  const auto peer = check::pad::GetPeer(*sink, kPadError);
+  const auto sink = GetSink(*GST_ELEMENT(&filterBin));
+  const auto peer = GetPeer(*sink);
   const auto upstream = check::pad::GetParentElement(*peer, kPadError);
   const Ptr<GstElement> converter(
       GST_IS_BIN(upstream.Get()) ? gst_bin_get_by_name(GST_BIN(upstream.Get()), kColorConverter) : nullptr);
-  return converter ? check::pad::GetPeer(*check::element::GetPad(*converter, "sink", kElementError), kPadError) : peer;
+  return converter ? GetPeer(*GetSink(*converter)) : peer;
 }
 
 bool HasStreamEnded(GstPad& feeding) {
@@ -89,12 +88,12 @@ bool AcceptsCaps(GstPad& sink, GstCaps& caps) {
 bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
   // Ask the filters first. They usually accept the caps that the converter sends, and a query of
   // the converter is expensive.
-  const Ptr<GstCaps> converted(gst_pad_get_current_caps(check::pad::GetPeer(sink, kPadError).Get()));
+  const Ptr<GstCaps> converted(gst_pad_get_current_caps(GetPeer(sink).Get()));
   if (converted && AcceptsCaps(sink, *converted)) {
     return true;
   }
   const Ptr<GstCaps> flowing(gst_pad_get_current_caps(&feeding));
-  const auto fed = check::pad::GetPeer(feeding, kPadError);
+  const auto fed = GetPeer(feeding);
   if (!flowing || AcceptsCaps(*fed, *flowing)) {
     return false;
   }
@@ -107,18 +106,18 @@ bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
 }
 
 void Renegotiate(GstPad& sink) {
-  const auto upstream = check::pad::GetPeer(sink, kPadError);
+  const auto upstream = GetPeer(sink);
   // Mark the pad too, because a pad that is being flushed drops the event.
   gst_pad_mark_reconfigure(Unwrap(upstream).Get());
   gst_pad_send_event(upstream.Get(), gst_event_new_reconfigure());
 }
 
 void CheckSharedCaps(GstElement& tee, GstElement& first) {
-  const auto sink = check::element::GetPad(tee, "sink", kElementError);
+  const auto sink = GetSink(tee);
   // Query without a filter, because some elements return ANY if the filter has no caps.
   const Ptr<GstCaps> sent(gst_pad_peer_query_caps(sink.Get(), nullptr));
   const Ptr<GstCaps> shared(gst_pad_query_caps(sink.Get(), sent.Get()));
-  if (!AcceptsCaps(*check::element::GetPad(first, "sink", kElementError), *shared)) {
+  if (!AcceptsCaps(*GetSink(first), *shared)) {
     FailToLink(tee, first);
   }
 }

@@ -1,0 +1,94 @@
+#include "mox/gstreamer/bin/live/cut_off.h"
+
+#include "mox/gstreamer/bin/live/change.h"
+#include "mox/gstreamer/pad_probe.h"
+
+#include <future>
+#include <optional>
+
+namespace mox::gstreamer::bin::live {
+namespace {
+
+// Stored at the tee's pad: the identifier of the probe that drops.
+constexpr auto kProbe = "mox-cut-off-probe";
+
+// Stored at the elements of the branch.
+constexpr auto kMark = "mox-cut-off";
+
+void Mark(const Branch& branch, gpointer mark) {
+  for (const auto& element : branch) {
+    g_object_set_data(G_OBJECT(element.Get()), kMark, mark);
+  }
+}
+
+// Lifts the limits of a queue, so that a push that waits for a slow output returns at once.
+class UnlimitedQueue {
+ public:
+  explicit UnlimitedQueue(GstElement& queue) : queue_(queue) {
+    g_object_get(&queue_, "max-size-buffers", &buffers_, "max-size-bytes", &bytes_, "max-size-time", &time_, nullptr);
+    Set(0, 0, 0);
+  }
+  UnlimitedQueue(const UnlimitedQueue&) = delete;
+  UnlimitedQueue& operator=(const UnlimitedQueue&) = delete;
+  ~UnlimitedQueue() { Set(buffers_, bytes_, time_); }
+
+ private:
+  void Set(guint buffers, guint bytes, guint64 time) {
+    g_object_set(&queue_, "max-size-buffers", buffers, "max-size-bytes", bytes, "max-size-time", time, nullptr);
+  }
+
+  GstElement& queue_;
+  guint buffers_ = 0;
+  guint bytes_ = 0;
+  guint64 time_ = 0;
+};
+
+}  // namespace
+
+void CutOff(GstPad& pad, const Branch& branch) {
+  if (g_object_get_data(G_OBJECT(&pad), kProbe) == nullptr) {
+    const auto drop = [](GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*data*/) noexcept {
+      return GST_PAD_PROBE_DROP;
+    };
+    constexpr auto items =
+        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM | GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM);
+    const gulong id = gst_pad_add_probe(&pad, items, drop, nullptr, nullptr);
+    g_object_set_data(G_OBJECT(&pad), kProbe, GSIZE_TO_POINTER(id));
+  }
+  Mark(branch, &pad);
+}
+
+void Reconnect(GstPad& pad, const Branch& branch) {
+  Forget(branch);
+  gst_pad_remove_probe(&pad, GPOINTER_TO_SIZE(g_object_steal_data(G_OBJECT(&pad), kProbe)));
+}
+
+void Forget(const Branch& branch) {
+  Mark(branch, nullptr);
+}
+
+bool IsInsideCutOff(GstElement& element) noexcept {
+  Ptr<GstObject> object(GST_OBJECT(gst_object_ref(&element)));
+  while (object && g_object_get_data(G_OBJECT(object.Get()), kMark) == nullptr) {
+    object = Ptr<GstObject>(gst_object_get_parent(object.Get()));
+  }
+  return static_cast<bool>(object);
+}
+
+bool WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch, const std::function<bool()>& isLate) {
+  std::optional<UnlimitedQueue> unlimited;
+  if (branch.size() > 1) {
+    unlimited.emplace(*branch.front());
+  }
+  PadProbe idle(pad, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+  const auto is_idle = idle.GetFuture();
+  while (is_idle.wait_for(kSlice) != std::future_status::ready) {
+    CheckStop(outputBin);
+    if (isLate()) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace mox::gstreamer::bin::live
