@@ -30,6 +30,15 @@ struct BusTest : live::Test {
     live::Await([&] { return marks > before; });
   }
 
+  /** Posts a message and returns the names of the callbacks that it calls. */
+  std::string CallsAt(GstMessageType type) {
+    calls.clear();
+    AwaitReader();
+    Post(type);
+    AwaitReader();
+    return calls;
+  }
+
   /** Returns the CPU time that the process takes in 300 ms in which nothing is posted. */
   static std::chrono::microseconds TakeCpuTime() {
     const std::clock_t before = std::clock();
@@ -48,12 +57,8 @@ TEST_F(BusTest, CallbacksOfTheExactTypeRun) {
   const auto eos = Bind(GST_MESSAGE_EOS, "eos ");
   const auto error = Bind(GST_MESSAGE_ERROR, "error ");
   const auto either = Bind(kEosOrError, "either ");
-  AwaitReader();
-  Post(GST_MESSAGE_ERROR);
-  Post(GST_MESSAGE_TAG);
-  Post(GST_MESSAGE_EOS);
-  AwaitReader();
-  EXPECT_EQ(calls, "error eos ");
+  EXPECT_EQ(CallsAt(GST_MESSAGE_ERROR), "error ");
+  EXPECT_EQ(CallsAt(GST_MESSAGE_EOS), "eos ");
 }
 
 TEST_F(BusTest, FirstFreeSlotIsUsedFirst) {
@@ -64,20 +69,14 @@ TEST_F(BusTest, FirstFreeSlotIsUsedFirst) {
   second.Release();
   const auto fourth = Bind(GST_MESSAGE_EOS, "fourth ");
   const auto fifth = Bind(GST_MESSAGE_EOS, "fifth ");
-  AwaitReader();
-  Post(GST_MESSAGE_EOS);
-  AwaitReader();
-  EXPECT_EQ(calls, "fourth fifth third ");
+  EXPECT_EQ(CallsAt(GST_MESSAGE_EOS), "fourth fifth third ");
 }
 
 TEST_F(BusTest, ReleaseKeepsOtherCallbacksOfTheTypeAndOfSharedBits) {
   const auto eos = Bind(GST_MESSAGE_EOS, "eos ");
   Bind(GST_MESSAGE_EOS, "released ").Release();
   Bind(kEosOrError, "either ").Release();
-  AwaitReader();
-  Post(GST_MESSAGE_EOS);
-  AwaitReader();
-  EXPECT_EQ(calls, "eos ");
+  EXPECT_EQ(CallsAt(GST_MESSAGE_EOS), "eos ");
 }
 
 TEST_F(BusTest, UnboundBusIsLeftAlone) {
@@ -125,10 +124,7 @@ TEST_F(BusTest, ReleaseAndDestructionWaitForTheCallback) {
 TEST_F(BusTest, CallbackMayOwnABinding) {
   auto inner = std::make_shared<type::Binding>(Bind(GST_MESSAGE_EOS, "inner "));
   bus.Bind(GST_MESSAGE_EOS, [owned = std::move(inner)](const GstMessage&) {}).Release();
-  AwaitReader();
-  Post(GST_MESSAGE_EOS);
-  AwaitReader();
-  EXPECT_EQ(calls, "");
+  EXPECT_EQ(CallsAt(GST_MESSAGE_EOS), "");
 }
 
 TEST_F(BusTest, MovedFromBusThrows) {
@@ -140,51 +136,31 @@ TEST_F(BusTest, MovedFromBusThrows) {
   EXPECT_THROW(Bind(GST_MESSAGE_EOS, ""), std::logic_error);
 }
 
-/** A pipeline that plays clips one after the other. */
-struct PlaylistTest : live::Test {
-  static Ptr<GstElement> MakeClip() { return live::Parse("videotestsrc num-buffers=5"); }
+using PipelineBus = live::Test;
 
-  /** Calls the function at each EOS, and plays until the third has come. */
-  void Play(const std::function<void()>& at_end) {
-    const auto on_end = stream.pipeline.GetBus().Bind(GST_MESSAGE_EOS, [&](const GstMessage&) {
-      at_end();
-      ++ends;
-    });
-    stream.pipeline.SetEnable(true);
-    live::Await([&] { return ends == 3; });
-  }
-
+TEST_F(PipelineBus, CallbackMayReplaceTheInputAtEos) {
+  constexpr auto clip = "videotestsrc num-buffers=5";
   std::atomic<int> ends = 0;
-  live::Stream stream{MakeClip(), {}, false};
-};
-
-TEST_F(PlaylistTest, AnotherThreadReplacesTheInputAtEos) {
-  std::future<void> exchange;
-  Play([&] { exchange = std::async(std::launch::async, [this] { stream.pipeline.SetInput(MakeClip()); }); });
-  exchange.get();
-  EXPECT_GE(stream.watch.frames, 15U);
-}
-
-TEST_F(PlaylistTest, TheCallbackReplacesTheInputAtEos) {
-  Play([this] { stream.pipeline.SetInput(MakeClip()); });
-  EXPECT_GE(stream.watch.frames, 15U);
-}
-
-// The reader also handles the stream-start message of the pipeline, which must not wait for the
-// change.
-TEST_F(PlaylistTest, CallbacksRunWhileAChangeWaits) {
-  const auto silent = live::Parse("videotestsrc ! valve drop=true");
-  stream.pipeline.SetInput(silent);
-  stream.pipeline.SetEnable(true);
-  auto change = std::async(std::launch::async, [this] { stream.pipeline.AddFilters({live::Make("identity")}); });
-  live::Await([&] { return gst_pad_is_blocked(live::PadOf(*silent, "src").Get()); });
-  const auto on_warning = stream.pipeline.GetBus().Bind(GST_MESSAGE_WARNING, [this](const GstMessage&) { ++ends; });
-  const Ptr<GstBus> bus(gst_pipeline_get_bus(&stream.pipeline.Get()));
-  gst_bus_post(bus.Get(), gst_message_new_stream_start(nullptr));
-  live::Await([&] {
-    gst_bus_post(bus.Get(), gst_message_new_custom(GST_MESSAGE_WARNING, nullptr, nullptr));
-    return ends > 0;
+  live::Stream stream(live::Parse(clip), {}, false);
+  const auto on_end = stream.pipeline.GetBus().Bind(GST_MESSAGE_EOS, [&](const GstMessage&) {
+    stream.pipeline.SetInput(live::Parse(clip));
+    ++ends;
   });
+  stream.pipeline.SetEnable(true);
+  live::Await([&] { return ends == 3; });
+  EXPECT_GE(stream.watch.frames, 15U);
+}
+
+TEST_F(PipelineBus, StreamStartDoesNotWaitForAChange) {
+  std::atomic<int> starts = 0;
+  live::Stream stream(live::Parse("videotestsrc ! valve drop=true"), {}, false);
+  const auto on_start = stream.pipeline.GetBus().Bind(GST_MESSAGE_STREAM_START, [&](const GstMessage&) { ++starts; });
+  const auto feeding = live::PadOf(*stream.pipeline.GetInput(), "src");
+  stream.pipeline.SetEnable(true);
+  auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({live::Make("identity")}); });
+  live::Await([&] { return gst_pad_is_blocked(feeding.Get()); });
+  gst_bus_post(&stream.pipeline.GetBus().Get(), gst_message_new_stream_start(nullptr));
+  live::Await([&] { return starts > 0; });
   stream.pipeline.SetEnable(false);
   EXPECT_THROW(change.get(), std::runtime_error);
 }
