@@ -10,7 +10,6 @@
 #include <memory>
 #include <regex>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -32,15 +31,11 @@ class MoxLive : public testing::Test {
     std::filesystem::remove_all(folder);
   }
 
-  void Start(const std::vector<std::string>& options) {
-    std::vector<const char*> arguments{MOX_LIVE, "--report"};
-    for (const auto& option : options) {
-      arguments.push_back(option.c_str());
-    }
-    arguments.push_back(nullptr);
+  template <typename... Options>
+  void Start(Options... options) {
     constexpr auto pipes = static_cast<GSubprocessFlags>(
         G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_MERGE);
-    program_.reset(g_subprocess_newv(arguments.data(), pipes, nullptr));
+    program_.reset(g_subprocess_new(pipes, nullptr, MOX_LIVE, "--report", options..., nullptr));
     output_.reset(g_data_input_stream_new(g_subprocess_get_stdout_pipe(program_.get())));
   }
 
@@ -121,7 +116,7 @@ TEST_F(MoxLive, RefusedCommandsSayWhy) {
     std::string command;
     std::string reason;
   };
-  Start({"-o", kScreen});
+  Start("-o", kScreen);
   for (const auto& [command, reason] : {
            Refused{"fly", "unknown command 'fly'; .* input, .*, quit"},
            Refused{"show all", "use: show"},
@@ -147,7 +142,7 @@ TEST_F(MoxLive, RefusedCommandsSayWhy) {
 }
 
 TEST_F(MoxLive, CommandsChangeAPlayingPipeline) {
-  Start({"-i", kInput, "-f", "moxlevels name=levels", "-o", kScreen});
+  Start("-i", kInput, "-f", "moxlevels name=levels", "-o", kScreen);
   Write("start\nfilter add ( name=flip videoflip video-direction=horiz ! queue )\nset levels gain 1.5\n");
   ReadUntil(R"(filter add flip: \d+\.\d ms, now \[levels -> flip\]\n)");
   ReadUntil(R"(set levels gain: \d+\.\d ms, now 1.5\n)");
@@ -163,7 +158,7 @@ TEST_F(MoxLive, CommandsChangeAPlayingPipeline) {
 }
 
 TEST_F(MoxLive, FiltersMayHaveARequestPad) {
-  Start({"-i", kInput, "-f", "compositor name=mixer", "-o", kScreen});
+  Start("-i", kInput, "-f", "compositor name=mixer", "-o", kScreen);
   Write("start\n");
   AwaitFrames("screen");
   Write("filter add identity name=next\nfilter erase mixer\n");
@@ -172,7 +167,7 @@ TEST_F(MoxLive, FiltersMayHaveARequestPad) {
 }
 
 TEST_F(MoxLive, InputsPlayOneAfterTheOther) {
-  Start({"-i", "videotestsrc name=one num-buffers=50", "-i", "videotestsrc name=two num-buffers=30", "-o", kScreen});
+  Start("-i", "videotestsrc name=one num-buffers=50", "-i", "videotestsrc name=two num-buffers=30", "-o", kScreen);
   Write("start\nwait 100\ninput next videotestsrc name=three num-buffers=20\nwait 100\nquit\n");
   for (const char* const line : {"end of stream\n", "input two: .*\n", "end of stream\n", "input three: .*\n"}) {
     ReadUntil(line);
@@ -192,7 +187,7 @@ TEST_F(MoxLive, RecordingsAreWholeHoweverTheyEnd) {
   };
   for (const auto& [command, signal, status] :
        {End{"output finish recording\nquit\n", 0, 0}, End{"wait 1000\n", SIGINT, 130}, End{"", SIGTERM, 143}}) {
-    Start({"-i", kInput, "-o", MakeRecording(folder / "file.webm")});
+    Start("-i", kInput, "-o", MakeRecording(folder / "file.webm").c_str());
     Write("start\n");
     AwaitFrames("recording", 30);
     Write(command);
@@ -205,8 +200,7 @@ TEST_F(MoxLive, RecordingsAreWholeHoweverTheyEnd) {
 
 // The end of the recording waits for a valve that drops the EOS.
 TEST_F(MoxLive, ASecondInterruptEndsTheProgramAtOnce) {
-  Start(
-      {"-i", kInput, "-o", "( name=stuck identity ! valve drop-mode=drop-all name=valve ! fakesink )", "-o", kScreen});
+  Start("-i", kInput, "-o", "( name=stuck identity ! valve drop-mode=drop-all name=valve ! fakesink )", "-o", kScreen);
   Write("start\n");
   AwaitFrames("screen");
   Write("set valve drop true\nshow\n");
@@ -217,7 +211,7 @@ TEST_F(MoxLive, ASecondInterruptEndsTheProgramAtOnce) {
 }
 
 TEST_F(MoxLive, GraphsAreDrawn) {
-  Start({"-i", kInput, "-f", "videoflip name=flip", "-o", kScreen});
+  Start("-i", kInput, "-f", "videoflip name=flip", "-o", kScreen);
   const auto file = (folder / "live.dot").string();
   Write("graph " + file + "\n");
   ReadUntil("graph " + file + "\n");
@@ -228,7 +222,7 @@ TEST_F(MoxLive, GraphsAreDrawn) {
 }
 
 TEST_F(MoxLive, ErrorsNameTheElementAndEndTheWait) {
-  Start({"-i", kInput, "-o", kScreen});
+  Start("-i", kInput, "-o", kScreen);
   Write("start\nfilter add identity name=fragile error-after=3\nwait 1000\nshow\n");
   ReadUntil(
       "mox-live: ERROR of /GstPipeline:live/GstBin:filter_bin/GstIdentity:fragile: "

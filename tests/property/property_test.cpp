@@ -23,9 +23,7 @@ Primitive<T> Make(T value, Limits<T> limits = {}) {
 
 constexpr std::nullopt_t kRefused = std::nullopt;
 
-/**
- * Returns what the property holds after it has taken the value, or nothing if it has refused it.
- */
+/** Returns the value of a property after the assignment, or nothing if it was refused. */
 template <typename T, typename From>
 std::optional<T> Assign(From value, Limits<T> limits = {}) {
   auto property = Make<T>(1, limits);

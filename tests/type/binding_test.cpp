@@ -18,11 +18,6 @@ struct BindingTest : testing::Test {
   std::vector<unsigned> releases;
 };
 
-TEST_F(BindingTest, IsReleasedOnDestruction) {
-  { const Binding binding = Bind(7); }
-  EXPECT_THAT(releases, ElementsAre(7));
-}
-
 TEST_F(BindingTest, IsReleasedOnceByItsLastOwner) {
   Binding source = Bind(7);
   {
@@ -33,11 +28,12 @@ TEST_F(BindingTest, IsReleasedOnceByItsLastOwner) {
   EXPECT_THAT(releases, ElementsAre(7));
 }
 
-TEST_F(BindingTest, MoveAssignmentReleasesTheOldAndKeepsTheNew) {
-  Binding binding = Bind(1);
-  binding = Bind(2);
-  EXPECT_THAT(releases, ElementsAre(1));
-  binding.Release();
+TEST_F(BindingTest, MoveAssignmentReleasesTheOldAndDestructionTheNew) {
+  {
+    Binding binding = Bind(1);
+    binding = Bind(2);
+    EXPECT_THAT(releases, ElementsAre(1));
+  }
   EXPECT_THAT(releases, ElementsAre(1, 2));
 }
 
