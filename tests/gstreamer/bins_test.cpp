@@ -280,6 +280,8 @@ TEST_F(PipelineTest, InputIsKeptUnlessStopped) {
   pipeline.SetEnable(true);
   EXPECT_THAT([&] { pipeline.SetInput({}); },
               ThrowsMessage<std::runtime_error>("Cannot remove the input if the pipeline is not stopped"));
+  Post(Ptr<GstMessage>(gst_message_new_stream_start(nullptr)));
+  EXPECT_THROW(pipeline.SetInput({}), std::runtime_error) << "while playing";
   EXPECT_EQ(pipeline.GetInput(), input);
 }
 

@@ -19,6 +19,13 @@ struct SessionTest : testing::Test {
     setenv("MOX_LOG_LEVEL", "all", 1);
   }
 
+  /** Logs a number from a line of a file, and returns what is written. */
+  std::string Log(int level, gpointer object, const char* format) const {
+    gst_debug_log(GST_CAT_DEFAULT, static_cast<GstDebugLevel>(level), "file.c", "function", -7, G_OBJECT(object),
+                  format, 5);
+    return capture.GetLines().back();
+  }
+
   const logging::Capture capture;
 };
 
@@ -35,13 +42,7 @@ TEST_F(SessionTest, GstDebugIsKept) {
   EXPECT_EQ(gst_debug_get_default_threshold(), GST_LEVEL_ERROR);
 }
 
-constexpr auto kLine = " mox.gstreamer.session: [file.c:-7 (function)] GObject Type: ";
-
-/** Logs a number from a line of a file. */
-void Log(int level, gpointer object, const char* format) {
-  gst_debug_log(GST_CAT_DEFAULT, static_cast<GstDebugLevel>(level), "file.c", "function", -7, G_OBJECT(object), format,
-                5);
-}
+const std::string kLine = " mox.gstreamer.session: [file.c:-7 (function)] GObject Type: ";
 
 TEST_F(SessionTest, LevelsAreMapped) {
   const Session session;
@@ -55,22 +56,19 @@ TEST_F(SessionTest, LevelsAreMapped) {
               {GST_LEVEL_MEMDUMP, "none"}};
   const std::size_t before = capture.GetLines().size();
   for (const auto& row : rows) {
-    Log(row.level, nullptr, "%d%%");
-    EXPECT_EQ(capture.GetLines().back(), row.written + std::string(kLine) + "Unknown: 5%");
+    EXPECT_EQ(Log(row.level, nullptr, "%d%%"), row.written + kLine + "Unknown: 5%");
   }
   EXPECT_EQ(capture.GetLines().size(), before + std::size(rows));
 }
 
 TEST_F(SessionTest, ObjectsAreNamedByTheirType) {
   const Session session;
-  Log(GST_LEVEL_ERROR, gst_registry_get(), "%d%%");
-  EXPECT_EQ(capture.GetLines().back(), std::string("error") + kLine + "GstRegistry: 5%");
+  EXPECT_EQ(Log(GST_LEVEL_ERROR, gst_registry_get(), "%d%%"), "error" + kLine + "GstRegistry: 5%");
 }
 
 TEST_F(SessionTest, TextThatCannotBeFormattedIsReported) {
   const Session session;
-  Log(GST_LEVEL_ERROR, nullptr, "%d%");
-  EXPECT_EQ(capture.GetLines().back(), std::string("error") + kLine + "Unknown: gst_debug_message_get returned NULL");
+  EXPECT_EQ(Log(GST_LEVEL_ERROR, nullptr, "%d%"), "error" + kLine + "Unknown: gst_debug_message_get returned NULL");
 }
 
 struct Decoder {
