@@ -28,6 +28,7 @@ class MoxLive : public testing::Test {
 
   ~MoxLive() override {
     g_subprocess_force_exit(program_.get());
+    g_subprocess_wait(program_.get(), nullptr, nullptr);
     std::filesystem::remove_all(folder);
   }
 
