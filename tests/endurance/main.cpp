@@ -108,10 +108,9 @@ struct Ground {
   Watch leaving{Find(whole, "output_bin")};
   guint stream = 0;
   guint64 number = 0;
-  std::atomic<bool> sends_gaps = false;  ///< The source sends GAP events instead of frames.
-  std::shared_mutex stopping;            ///< Locked, shared or not, by steps that must not meet a stop.
-  Count stop_edges = 0;                  ///< Begins and ends of stops: odd during a stop.
-  Count alive = 0;                       ///< Elements that are not finalised.
+  std::shared_mutex stopping;  ///< Locked, shared or not, by steps that must not meet a stop.
+  Count stop_edges = 0;        ///< Begins and ends of stops: odd during a stop.
+  Count alive = 0;             ///< Elements that are not finalised.
   std::atomic<bool> stop = false;
 };
 
@@ -121,7 +120,7 @@ struct Walker {
 
   void Run() {
     while (!ground.stop) {
-      Step(true);
+      Step();
     }
     while (!filters.empty()) {
       EraseFilter();
@@ -138,16 +137,12 @@ struct Walker {
     return list[Below(std::size(list))];
   }
 
-  void Step(bool playing) {
+  void Step() {
     const std::size_t drawn = Below(100);
     if (drawn < 43) {
       ChangeFilters();
-    } else if (drawn < 78 && outputs.size() <= Below(4)) {
-      AddOutput();
     } else if (drawn < 78) {
-      EraseOutput(playing && Below(2) == 0);
-    } else if (!playing) {
-      pipeline.SetInput(MakeInput());
+      ChangeOutputs(Below(2) == 0);
     } else if (drawn < 84) {
       ExchangeInput();
       MaybeAwaitFrame();
@@ -158,10 +153,8 @@ struct Walker {
       RequestWrongly();
     } else if (drawn < 96) {
       Seek();
-    } else if (drawn < 98) {
-      Pause();
     } else {
-      SendGaps();
+      Pause();
     }
   }
 
@@ -199,19 +192,6 @@ struct Walker {
     }
   }
 
-  // Finds probes that wait for a buffer and pile up.
-  void SendGaps() {
-    ground.sends_gaps = true;
-    for (std::size_t i = Below(16); i > 0; --i) {
-      ChangeFilters();
-    }
-    CheckProbes();
-    ground.sends_gaps = false;
-  }
-
-  // Each change has a few probes at a time and leaves none.
-  void CheckProbes() const { EXPECT_LE(ground.CountProbes(), 8) << "probes between the bins"; }
-
   void ChangeFilters() {
     if (filters.size() <= Below(4)) {
       AddFilter();
@@ -231,6 +211,14 @@ struct Walker {
     std::swap(From(filters), filters.back());
     if (Change([&] { pipeline.EraseFilters({filters.back()}); })) {
       filters.pop_back();
+    }
+  }
+
+  void ChangeOutputs(bool after_frames) {
+    if (outputs.size() <= Below(4)) {
+      AddOutput();
+    } else {
+      EraseOutput(after_frames);
     }
   }
 
@@ -306,12 +294,6 @@ struct Walker {
     const bool is_paced = Below(5) == 0;
     auto input = ground.Counted(MakeSource(is_paced, From(kEnds)));
     g_object_set_data(G_OBJECT(input.Get()), kIsPaced, is_paced ? input.Get() : nullptr);
-    AddProbe(*PadOf(*input, "src"), GST_PAD_PROBE_TYPE_BUFFER, [this](GstPad& pad, auto& info) {
-      const GstBuffer& frame = *GST_PAD_PROBE_INFO_BUFFER(&info);
-      return ground.sends_gaps && gst_pad_push_event(&pad, gst_event_new_gap(frame.pts, frame.duration)) != FALSE
-                 ? GST_PAD_PROBE_DROP
-                 : GST_PAD_PROBE_OK;
-    });
     return input;
   }
 
@@ -326,9 +308,8 @@ struct Walker {
   void StopAndStart() {
     const std::unique_lock lock(ground.stopping);
     ground.Stop();
-    for (std::size_t i = Below(3); i > 0; --i) {
-      Step(false);
-    }
+    ChangeFilters();
+    ChangeOutputs(false);
     if (Below(4) == 0) {
       pipeline.SetInput(MakeRefusing());
       EXPECT_THROW(pipeline.SetEnable(true), std::runtime_error);
@@ -344,37 +325,19 @@ struct Walker {
     const std::shared_lock lock(ground.stopping);
     const auto one = Make("identity");
     const auto audio = Make("audioconvert");
-    const struct {
-      const char* name;
-      std::function<void()> make;
-    } requests[] = {
-        {"add a null filter",
-         [&] {
-           pipeline.AddFilters({one, {}});
-         }},
-        {"add a filter twice",
-         [&] {
-           pipeline.AddFilters({one, one});
-         }},
-        {"add a filter for audio",
-         [&] {
-           pipeline.AddFilters({one, audio});
-         }},
-        {"add a filter that cannot start",
-         [&] {
-           pipeline.AddFilters({one, MakeRefusing()});
-         }},
-        {"erase an unknown filter", [&] { pipeline.EraseFilters({one}); }},
-        {"erase an unknown output", [&] { pipeline.EraseOutputs({one}); }},
-        {"remove the input", [&] { pipeline.SetInput({}); }},
-        // The first output stays. Without it no output could be added any more.
-        {"add an output for audio",
-         [&] {
-           pipeline.AddOutputs({MakeOutput("fakesink"), audio});
-         }},
-    };
-    const auto& request = From(requests);
-    EXPECT_ANY_THROW(request.make()) << request.name;
+    switch (Below(4)) {
+      case 0:
+        EXPECT_ANY_THROW(pipeline.AddFilters({one, MakeRefusing()}));
+        break;
+      case 1:
+        EXPECT_ANY_THROW(pipeline.AddFilters({one, audio}));
+        break;
+      case 2:
+        EXPECT_ANY_THROW(pipeline.EraseOutputs({one}));
+        break;
+      default:  // the first output stays
+        EXPECT_ANY_THROW(pipeline.AddOutputs({MakeOutput("fakesink"), audio}));
+    }
     Ground::NoteProgress();
   }
 
@@ -404,8 +367,7 @@ void Walk(Ground& ground, int seconds, int thread_count, int seed) {
   }
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   while (std::chrono::steady_clock::now() < end) {
-    ground.leaving.AwaitFrames(20);
-    walkers.front().CheckProbes();
+    ground.leaving.AwaitFrames();
   }
   ground.stop = true;
   for (auto& thread : threads) {
