@@ -77,12 +77,10 @@ TEST_F(ChangeCost, StaysWithinLimits) {
              std::min(least.references, references - before.references)};
   }
 
-  guint major = 0, series = 0, micro = 0, nano = 0;
-  gst_version(&major, &series, &micro, &nano);
-  const auto limit = kLimits.find(series);
+  const auto limit = kLimits.find(GST_VERSION_MINOR);
   if (limit == kLimits.end()) {
-    GTEST_SKIP() << "no limits for GStreamer 1." << series << ": " << least.allocations << " allocations, "
-                 << least.references << " references";
+    GTEST_SKIP() << "no limits for this GStreamer: " << least.allocations << " allocations, " << least.references
+                 << " references";
   }
   EXPECT_LE(least.allocations, limit->second.allocations);
   EXPECT_LE(least.references, limit->second.references);

@@ -17,55 +17,56 @@ using mox::gstreamer::Ptr;
 
 /** What goes wrong with an element. May be set at any time, from any thread. */
 struct Faults {
-  static constexpr auto kNone = static_cast<GstStateChange>(0);
-  static constexpr auto kDrops = GST_BASE_TRANSFORM_FLOW_DROPPED;
+  static constexpr int kNone = 0;
+  static constexpr int kDrops = GST_BASE_TRANSFORM_FLOW_DROPPED;
   static constexpr int kFollows = -1;
 
-  std::atomic<int> answer = kFollows;          ///< Returned for each request of a state, without a state change.
-  std::atomic<GstStateChange> fails = kNone;   ///< The state change that fails, with an ERROR message.
-  std::atomic<bool> once = false;              ///< The next time succeeds.
-  std::atomic<GstStateChange> blocks = kNone;  ///< The state change that takes a second.
-  std::atomic<bool> refuses_caps = false;
-  std::atomic<GstFlowReturn> flow = GST_FLOW_OK;  ///< Returned for each buffer.
-  std::atomic<int> errors = 0;                    ///< The number of ERROR messages to post, one a buffer.
+  std::atomic<int> answer = kFollows;  ///< Returned for each request of a state, without a state change.
+  std::atomic<int> fails = kNone;      ///< The state change that fails, with an ERROR message.
+  std::atomic<int> once = FALSE;       ///< The next time succeeds.
+  std::atomic<int> blocks = kNone;     ///< The state change that takes a second.
+  std::atomic<int> refuses_caps = FALSE;
+  std::atomic<int> flow = GST_FLOW_OK;  ///< Returned for each buffer.
+  std::atomic<int> errors = 0;          ///< The number of ERROR messages to post, one a buffer.
 };
 
 inline Faults& Of(void* element) {
   return *static_cast<Faults*>(g_object_get_data(G_OBJECT(element), "faults"));
 }
 
-template <typename Class>
-Class& ParentOf(void* element) {
-  return *static_cast<Class*>(g_type_class_peek_parent(G_OBJECT_GET_CLASS(element)));
-}
-
 inline void InitializeClass(gpointer type, gpointer /*data*/) {
+  static const gpointer parent = g_type_class_peek_parent(type);
   GST_ELEMENT_CLASS(type)->set_state = [](GstElement* element, GstState state) {
     const int answer = Of(element).answer;
     return answer != Faults::kFollows ? static_cast<GstStateChangeReturn>(answer)
-                                      : ParentOf<GstElementClass>(element).set_state(element, state);
+                                      : GST_ELEMENT_CLASS(parent)->set_state(element, state);
   };
   GST_ELEMENT_CLASS(type)->change_state = [](GstElement* element, GstStateChange change) {
-    if (change == Of(element).blocks) {
+    Faults& faults = Of(element);
+    if (faults.blocks == static_cast<int>(change)) {
       std::this_thread::sleep_for(std::chrono::seconds(1));
     }
-    if (change == Of(element).fails) {
-      Of(element).fails = Of(element).once ? Faults::kNone : change;
+    if (faults.fails == static_cast<int>(change)) {
+      faults.fails = faults.once != FALSE ? Faults::kNone : change;
       GST_ELEMENT_ERROR(element, CORE, STATE_CHANGE, ("set to fail"), (nullptr));
       return GST_STATE_CHANGE_FAILURE;
     }
-    return ParentOf<GstElementClass>(element).change_state(element, change);
+    return GST_ELEMENT_CLASS(parent)->change_state(element, change);
   };
   GST_BASE_TRANSFORM_CLASS(type)->accept_caps = [](GstBaseTransform* element, GstPadDirection at, GstCaps* caps) {
-    return Of(element).refuses_caps ? FALSE : ParentOf<GstBaseTransformClass>(element).accept_caps(element, at, caps);
+    return Of(element).refuses_caps ? FALSE : GST_BASE_TRANSFORM_CLASS(parent)->accept_caps(element, at, caps);
   };
   GST_BASE_TRANSFORM_CLASS(type)->transform_ip = [](GstBaseTransform* element, GstBuffer* frame) {
-    if (Of(element).errors > 0) {
-      --Of(element).errors;
+    Faults& faults = Of(element);
+    if (faults.errors > 0) {
+      --faults.errors;
       GST_ELEMENT_ERROR(element, STREAM, FAILED, ("set to fail"), (nullptr));
     }
-    const GstFlowReturn flow = Of(element).flow;
-    return flow != GST_FLOW_OK ? flow : ParentOf<GstBaseTransformClass>(element).transform_ip(element, frame);
+    const auto flow = static_cast<GstFlowReturn>(faults.flow.load());
+    if (faults.once != FALSE) {
+      faults.flow = GST_FLOW_OK;
+    }
+    return flow != GST_FLOW_OK ? flow : GST_BASE_TRANSFORM_CLASS(parent)->transform_ip(element, frame);
   };
 }
 
