@@ -270,6 +270,12 @@ TEST_F(FailedAllocation, OfAnExchangeIsRepairedByTheNext) {
   FailEach(exchange, exchange);
 }
 
+TEST_F(FailedAllocation, DoesNotLeaveAnAllocationQuery) {
+  const auto sink = PadOf(*pipeline.GetOutputs().front().queue, "sink");
+  const Ptr<GstQuery> query(gst_query_new_allocation(nullptr, FALSE));
+  FailEach([&] { gst_pad_query(sink.Get(), query.Get()); }, [] {});
+}
+
 TEST_F(FailedAllocation, DoesNotOutliveTheCall) {
   const auto nothing = [] {};
   FailEach([] { Pipeline(2, "second"); }, nothing);
