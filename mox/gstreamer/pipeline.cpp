@@ -256,6 +256,10 @@ class Pipeline::Impl {
     return gst_element_get_state(&bin, nullptr, nullptr, 0) == GST_STATE_CHANGE_FAILURE;
   }
 
+  static bool IsChanging(GstElement* bin) {
+    return gst_element_get_state(bin, nullptr, nullptr, 0) == GST_STATE_CHANGE_ASYNC;
+  }
+
   // Reapplies the target state after an ERROR, because a failed bin ignores its children. Stops a
   // pipeline that a failed start has left in an intermediate state.
   void Recover() {
@@ -273,6 +277,11 @@ class Pipeline::Impl {
         // The failed bin ignored the preroll of its children, and the pipeline still waits for it.
         gst_element_post_message(bin, gst_message_new_async_done(GST_OBJECT(bin), GST_CLOCK_TIME_NONE));
       }
+    }
+    // The ERROR may have ended a change from PLAYING to PAUSED, which the outputs still make. The
+    // pipeline then has to go to PAUSED too, otherwise it never takes them back to PLAYING.
+    if (IsChanging(GST_ELEMENT(&OutputBin()))) {
+      gst_element_set_state(&Element(), GST_STATE_PAUSED);
     }
     gst_element_set_state(&Element(), target);
   }

@@ -221,4 +221,18 @@ TEST_F(Guards, OutputPlaysWhileAnotherWaitsForItsPreroll) {
   output.AwaitFrames(10);
 }
 
+// The program pauses and plays, and the outputs have yet to preroll when an element is refused.
+TEST_F(Guards, RefusalDuringAPauseLetsTheOutputsPlayAgain) {
+  void (Pipeline::*const changes[])(Elements) = {&Pipeline::AddFilters, &Pipeline::AddOutputs};
+  for (const auto change : changes) {
+    const auto refused = faulty::Make();
+    faulty::Of(refused.Get()).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
+    Stream stream(MakeSource(false, " ! identity sleep-time=10000"));
+    gst_element_set_state(GST_ELEMENT(&stream.pipeline.Get()), GST_STATE_PAUSED);
+    gst_element_set_state(GST_ELEMENT(&stream.pipeline.Get()), GST_STATE_PLAYING);
+    EXPECT_THROW((stream.pipeline.*change)({refused}), std::runtime_error);
+    stream.watch.AwaitFrames(3);
+  }
+}
+
 }  // namespace
