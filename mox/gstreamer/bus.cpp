@@ -19,7 +19,7 @@ namespace {
 
 // The longest wait of the reader for a message. A stop or a new binding takes effect when the wait
 // ends.
-constexpr std::chrono::nanoseconds kSlice = std::chrono::milliseconds(500);
+constexpr std::chrono::nanoseconds kLongestWait = std::chrono::milliseconds(500);
 
 using Callback = std::function<void(const GstMessage&)>;
 
@@ -73,8 +73,8 @@ class Bus::Impl {
     while (!stop_) {
       Ptr<GstMessage> message;
       if (mask != 0) {
-        message = Ptr<GstMessage>(gst_bus_timed_pop_filtered(bus_.Get(), static_cast<GstClockTime>(kSlice.count()),
-                                                             static_cast<GstMessageType>(mask)));
+        message = Ptr<GstMessage>(gst_bus_timed_pop_filtered(
+            bus_.Get(), static_cast<GstClockTime>(kLongestWait.count()), static_cast<GstMessageType>(mask)));
       }
       // Lock once for each message, to call the callbacks and to read the new mask.
       std::unique_lock<std::mutex> lock(mutex_);
@@ -82,7 +82,7 @@ class Bus::Impl {
         callbacks_(*message);
       } else if (mask_ == 0 && !stop_) {
         wake_ = false;
-        condition_.wait_for(lock, kSlice, [this] { return wake_; });
+        condition_.wait_for(lock, kLongestWait, [this] { return wake_; });
       }
       mask = mask_;
     }

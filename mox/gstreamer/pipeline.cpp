@@ -179,12 +179,12 @@ class Pipeline::Impl {
       SetState(true);
       return;
     }
-    // Do not wait for the mutex: a start and a change of other threads might come first, and no stop
-    // would end that change.
+    // Check before taking the mutex. Otherwise a stop of a stopped pipeline could wait for a start
+    // and a change on other threads, and nothing would end that change.
     if (!IsEnabled()) {
       return;
     }
-    Lock lock(mutex_, std::defer_lock);
+    Lock lock(mutex_, std::defer_lock);  // the requests below must end before the unlock
     const auto blocked_eos = BlockEos(FilterBin());
     // End a change that has the lock and waits for data.
     const bin::live::StopRequest filters(FilterBin());

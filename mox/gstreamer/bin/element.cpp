@@ -9,7 +9,7 @@
 
 namespace mox::gstreamer::bin {
 
-bool Holds(GstBin& bin, const char* name) noexcept {
+bool Contains(GstBin& bin, const char* name) noexcept {
   return static_cast<bool>(Ptr<GstElement>(gst_bin_get_by_name(&bin, name)));
 }
 

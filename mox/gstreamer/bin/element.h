@@ -17,7 +17,7 @@ inline constexpr auto kPadError = "Pad Error: ";
 inline constexpr auto kColorConverter = "color_converter";
 
 /** Returns true if the bin, or one inside it, contains an element of that name. */
-bool Holds(GstBin& bin, const char* name) noexcept;
+bool Contains(GstBin& bin, const char* name) noexcept;
 
 /**
  * Adds the element to the bin, which owns exactly one reference afterwards; the handle keeps its
@@ -31,10 +31,14 @@ void Add(GstBin& bin, const Ptr<GstElement>& element);
  */
 void Sync(GstElement& element);
 
-/** Stops an element that could not be linked and removes it, if it is in the bin. */
+/** Stops an element and removes it, if it is in the bin. */
 void TakeOut(GstBin& bin, GstElement& element) noexcept;
 
-/** Return the static pad of that name, and the peer of a pad. */
+/**
+ * Returns the static pad "sink", the static pad "src", or the peer of a pad.
+ *
+ * @throws std::runtime_error if there is none
+ */
 ///@{
 Ptr<GstPad> GetSink(GstElement& element);
 Ptr<GstPad> GetSource(GstElement& element);

@@ -81,7 +81,7 @@ void Restore(GstBin& filterBin, const Filters& before) {
 }
 
 // Makes a change of the chain while data flows.
-void Block(GstBin& filterBin, const std::function<void(GstBin&, Filters)>& change, const Filters& filters) {
+void ChangeLive(GstBin& filterBin, const std::function<void(GstBin&, Filters)>& change, const Filters& filters) {
   const Filters before = GetFilters(filterBin);
   bool raised = false;
   const auto make = [&] {
@@ -106,7 +106,7 @@ void Block(GstBin& filterBin, const std::function<void(GstBin&, Filters)>& chang
 }  // namespace
 
 bool IsInitialized(GstBin& filterBin) noexcept {
-  return Holds(filterBin, kSinkFilter) && Holds(filterBin, kSourceFilter);
+  return Contains(filterBin, kSinkFilter) && Contains(filterBin, kSourceFilter);
 }
 
 void Initialize(GstBin& filterBin) {
@@ -168,11 +168,11 @@ std::string GetGraph(GstBin& filterBin) {
 }
 
 void BlockAddFilters(GstBin& filterBin, Filters filters) {
-  Block(filterBin, AddFilters, filters);
+  ChangeLive(filterBin, AddFilters, filters);
 }
 
 void BlockEraseFilters(GstBin& filterBin, Filters filters) {
-  Block(filterBin, EraseFilters, filters);
+  ChangeLive(filterBin, EraseFilters, filters);
 }
 
 }  // namespace mox::gstreamer::bin::filter

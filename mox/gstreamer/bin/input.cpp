@@ -8,7 +8,7 @@
 namespace mox::gstreamer::bin::input {
 
 bool IsInitialized(GstBin& inputBin) noexcept {
-  return Holds(inputBin, kColorConverter);
+  return Contains(inputBin, kColorConverter);
 }
 
 void Initialize(GstBin& inputBin) {

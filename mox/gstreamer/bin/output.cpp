@@ -21,42 +21,42 @@ namespace mox::gstreamer::bin::output {
 namespace {
 
 constexpr auto kTee = "output_tee";
-constexpr auto kDummy = "dummy_output";
+constexpr auto kPlaceholder = "dummy_output";
 
 Ptr<GstElement> GetTee(GstBin& outputBin) {
   return check::bin::GetElement(outputBin, kTee, kBinError);
 }
 
-Ptr<GstElement> MakeDummy() {
-  return check::element::Make("fakesink", kDummy, kElementError);
+Ptr<GstElement> MakePlaceholder() {
+  return check::element::Make("fakesink", kPlaceholder, kElementError);
 }
 
-void AttachDummy(GstBin& outputBin, GstElement& tee) {
-  if (!Holds(outputBin, kDummy)) {
-    live::Attach(outputBin, tee, {MakeDummy()});
+void AttachPlaceholder(GstBin& outputBin, GstElement& tee) {
+  if (!Contains(outputBin, kPlaceholder)) {
+    live::Attach(outputBin, tee, {{}, MakePlaceholder()});
   }
 }
 
-void DetachDummy(GstBin& outputBin, GstElement& tee) {
-  live::Detach(outputBin, tee, {check::bin::GetElement(outputBin, kDummy, kBinError)});
+void DetachPlaceholder(GstBin& outputBin, GstElement& tee) {
+  live::Detach(outputBin, tee, {{}, check::bin::GetElement(outputBin, kPlaceholder, kBinError)});
 }
 
 void AddOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& element) {
   const bool is_first = GetOutputs(outputBin).empty();
   if (is_first) {
-    DetachDummy(outputBin, tee);
+    DetachPlaceholder(outputBin, tee);
   }
   try {
     live::Attach(outputBin, tee, {check::element::Make("queue", nullptr, kElementError), element});
   } catch (const live::Stopped&) {
     if (is_first) {
-      AttachDummy(outputBin, tee);
+      AttachPlaceholder(outputBin, tee);
     }
     throw;
   }
   // The placeholder is still there if the last output refused to stop after it was finished.
-  if (Holds(outputBin, kDummy)) {
-    DetachDummy(outputBin, tee);
+  if (Contains(outputBin, kPlaceholder)) {
+    DetachPlaceholder(outputBin, tee);
   }
 }
 
@@ -76,7 +76,7 @@ void EraseOutput(GstBin& outputBin, GstElement& tee, const Ptr<GstElement>& elem
   auto outputs = GetOutputs(outputBin);
   live::Detach(outputBin, tee, Take(outputs, element));
   if (outputs.empty()) {
-    AttachDummy(outputBin, tee);
+    AttachPlaceholder(outputBin, tee);
   }
 }
 
@@ -133,7 +133,7 @@ class EndlessSink {
   Ptr<GstElement> sink_;
 };
 
-void CheckFinished(const live::Branch& failed) {
+void CheckFinished(const std::vector<Ptr<GstElement>>& failed) {
   std::string names;
   for (const auto& output : failed) {
     names += (names.empty() ? "'" : ", '") + element::GetFullName(*output) + "'";
@@ -159,18 +159,18 @@ void ForEach(GstBin& outputBin, const std::vector<Ptr<GstElement>>& outputs,
 }  // namespace
 
 bool IsInitialized(GstBin& outputBin) noexcept {
-  return Holds(outputBin, kTee);
+  return Contains(outputBin, kTee);
 }
 
 void Initialize(GstBin& outputBin) {
-  const auto dummy = MakeDummy();
-  Add(outputBin, dummy);
+  const auto placeholder = MakePlaceholder();
+  Add(outputBin, placeholder);
   const auto tee = check::element::Make("tee", kTee, kElementError);
   // While the placeholder is exchanged for a branch, the tee has no linked pad. That must not end
   // the stream.
   g_object_set(tee.Get(), "allow-not-linked", TRUE, nullptr);
   Add(outputBin, tee);
-  check::element::LinkElement(*tee, *dummy, kElementError);
+  check::element::LinkElement(*tee, *placeholder, kElementError);
   const auto sink = GetSink(*tee);
   check::element::GhostPad(*GST_ELEMENT(&outputBin), "sink", *sink, kElementError);
 }
@@ -182,7 +182,7 @@ std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin) {
       continue;
     }
     auto queue = check::pad::GetParentElement(*GetPeer(*pad), kPadError);
-    if (element::GetName(*queue) != kDummy) {
+    if (element::GetName(*queue) != kPlaceholder) {
       auto element = Next(*queue);
       outputs.push_back({std::move(queue), std::move(element)});
     }
@@ -211,7 +211,7 @@ void FinishOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outputs, std:
   }
   const EndlessSink endless(outputBin);
   if (others.empty()) {
-    AttachDummy(outputBin, *tee);
+    AttachPlaceholder(outputBin, *tee);
   }
 
   FirstError error;

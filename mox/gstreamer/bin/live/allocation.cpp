@@ -15,9 +15,10 @@ namespace {
 
 constexpr auto kBuffers = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST);
 
-/** Stored at the sink pad of a queue, and used by its streaming thread only. */
-struct Allocation {
-  GstPadQueryFunction own;   ///< The query function of the queue itself.
+/** Stored at the sink pad of a queue. */
+struct QueueState {
+  GstPadQueryFunction query_function;  ///< That of the queue itself.
+  // Used only by the thread that pushes into the queue.
   bool was_refused = false;  ///< A probe waits for the output bin to play.
 };
 
@@ -39,7 +40,7 @@ GstPadProbeReturn OnBuffer(GstPad* sink, GstPadProbeInfo* /*info*/, gpointer que
   if (MayPreroll(*GST_ELEMENT(queue))) {
     return GST_PAD_PROBE_OK;
   }
-  static_cast<Allocation*>(sink->querydata)->was_refused = false;
+  static_cast<QueueState*>(sink->querydata)->was_refused = false;
   gst_pad_push_event(sink, gst_event_new_reconfigure());
   return GST_PAD_PROBE_REMOVE;
 }
@@ -56,7 +57,7 @@ gboolean Answer(GstPad& sink, GstElement& queue, GstQuery& query) {
       return FALSE;
     }
     if (MayPreroll(queue)) {
-      if (!std::exchange(static_cast<Allocation*>(sink.querydata)->was_refused, true)) {
+      if (!std::exchange(static_cast<QueueState*>(sink.querydata)->was_refused, true)) {
         gst_pad_add_probe(&sink, kBuffers, OnBuffer, &queue, nullptr);
       }
       return FALSE;
@@ -67,7 +68,7 @@ gboolean Answer(GstPad& sink, GstElement& queue, GstQuery& query) {
 
 gboolean OnQuery(GstPad* sink, GstObject* queue, GstQuery* query) noexcept {
   if (GST_QUERY_TYPE(query) != GST_QUERY_ALLOCATION) {
-    return static_cast<Allocation*>(sink->querydata)->own(sink, queue, query);
+    return static_cast<QueueState*>(sink->querydata)->query_function(sink, queue, query);
   }
   try {
     return Answer(*sink, *GST_ELEMENT(queue), *query);
@@ -83,10 +84,10 @@ void LetAllocationOvertake(GstElement& queue) {
   if (GST_PAD_QUERYFUNC(sink.Get()) == OnQuery) {
     return;  // the queue of an output that was attached before
   }
-  auto kept = std::make_unique<Allocation>();
-  kept->own = GST_PAD_QUERYFUNC(sink.Get());
-  gst_pad_set_query_function_full(sink.Get(), OnQuery, kept.release(),
-                                  [](gpointer data) { delete static_cast<Allocation*>(data); });
+  auto state = std::make_unique<QueueState>();
+  state->query_function = GST_PAD_QUERYFUNC(sink.Get());
+  gst_pad_set_query_function_full(sink.Get(), OnQuery, state.release(),
+                                  [](gpointer data) { delete static_cast<QueueState*>(data); });
 }
 
 }  // namespace mox::gstreamer::bin::live

@@ -12,26 +12,31 @@
 #include <optional>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <gst/base/gstbasesink.h>
 
 namespace mox::gstreamer::bin::live {
 namespace {
 
-// Returns true if the sink has received every sticky event that was sent to it.
+// Returns true if `sink` stores every sticky event of `source`.
 bool HasAllEvents(GstPad& source, GstPad& sink) {
-  std::pair<GstPad*, bool> walk(&sink, true);
-  const auto compare = [](GstPad* /*source*/, GstEvent** sent, gpointer data) noexcept -> gboolean {
-    auto& [at, complete] = *static_cast<decltype(walk)*>(data);
-    Ptr<GstEvent> received;
+  struct {
+    GstPad& sink;
+    bool has_all = true;
+  } search{sink};
+  const auto find = [](GstPad* /*source*/, GstEvent** sent, gpointer data) noexcept -> gboolean {
+    auto& [pad, has_all] = *static_cast<decltype(search)*>(data);
+    Ptr<GstEvent> stored;
     guint i = 0;
     do {
-      received = Ptr<GstEvent>(gst_pad_get_sticky_event(at, GST_EVENT_TYPE(*sent), i++));
-    } while (received && received.Get() != *sent);
-    return complete = static_cast<bool>(received);
+      stored = Ptr<GstEvent>(gst_pad_get_sticky_event(&pad, GST_EVENT_TYPE(*sent), i++));
+    } while (stored && stored.Get() != *sent);
+    has_all = static_cast<bool>(stored);
+    return has_all;
   };
-  gst_pad_sticky_events_foreach(&source, compare, &walk);
-  return walk.second;
+  gst_pad_sticky_events_foreach(&source, find, &search);
+  return search.has_all;
 }
 
 // Blocks items upstream of the tee while its pads are requested and released. An event that passes
@@ -100,37 +105,50 @@ void Start(const Ptr<GstElement>& output) {
   Sync(*output);
 }
 
-void StartQueue(GstBin& outputBin, const Ptr<GstElement>& queue, const Ptr<GstElement>& output) {
-  LetAllocationOvertake(*queue);
-  for (const auto& element : Flatten(output)) {
+// Lets allocation queries overtake the buffers in the queue of a branch, and in those that the
+// output contains.
+void LetAllocationOvertakeQueues(const Branch& branch) {
+  LetAllocationOvertake(*branch.queue);
+  for (const auto& element : Flatten(branch.output)) {
     if (std::string_view(G_OBJECT_TYPE_NAME(element.Get())) == "GstQueue") {
       LetAllocationOvertake(*element);
     }
   }
-  Add(outputBin, queue);
-  Sync(*queue);
 }
 
 // Starts a branch again after its output refused to stop. A branch that cannot run any more stays
 // cut off.
 void Restart(GstPad& pad, const Branch& branch) noexcept try {
   // Nothing may reach the pad before it is reconnected. Otherwise the stream's events, which the
-  // restarted queue needs again, are dropped.
+  // restarted queue needs again, are dropped. Items that are dropped do not delay the block.
   PadProbe blocked(pad, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
   blocked.GetFuture().wait();
-  const NoPreroll no_preroll(branch.back());
+  const NoPreroll no_preroll(branch.output);  // at the start, and after the flush
   // Start the output first. In PAUSED it would keep a buffer, and the queue could not stop.
-  Sync(*branch.back());
-  check::element::SetNullState(*branch.front(), kElementError);
+  Sync(*branch.output);
+  check::element::SetNullState(*branch.queue, kElementError);
   // An output that has received EOS rejects everything until a flush.
-  const auto sink = GetPeer(*GetSource(*branch.front()));
+  const auto sink = GetPeer(*GetSource(*branch.queue));
   if (GST_PAD_IS_EOS(sink.Get())) {
     gst_pad_send_event(sink.Get(), gst_event_new_flush_start());
     gst_pad_send_event(sink.Get(), gst_event_new_flush_stop(FALSE));
   }
-  Sync(*branch.front());
+  Sync(*branch.queue);
   Reconnect(pad, branch);
 } catch (...) {  // the caller raises the error of the output
+}
+
+// Stops a branch. Stops the output first, because the queue's thread may wait inside it.
+void Stop(GstPad& pad, const Branch& branch) {
+  try {
+    check::element::SetNullState(*branch.output, kElementError);
+    if (branch.queue) {
+      check::element::SetNullState(*branch.queue, kElementError);
+    }
+  } catch (...) {
+    Restart(pad, branch);
+    throw;
+  }
 }
 
 // Unlinks a branch, if it is linked, and releases its request pad.
@@ -141,18 +159,23 @@ void Unlink(GstElement& tee, GstElement& first) {
   }
 }
 
-// Returns the filter bin that feeds the output bin; empty if there is none, or at the end of the
+// Returns the filter bin upstream of the output bin; empty if there is none, or at the end of the
 // stream.
-Ptr<GstElement> GetFilterBin(GstBin& outputBin) {
+Ptr<GstElement> FindFlowingFilterBin(GstBin& outputBin) {
   const Ptr<GstPad> upstream(gst_pad_get_peer(GetSink(*GST_ELEMENT(&outputBin)).Get()));
-  Ptr<GstElement> parent(upstream ? gst_pad_get_parent_element(upstream.Get()) : nullptr);
-  return GST_IS_BIN(parent.Get()) && !GST_PAD_IS_EOS(upstream.Get()) ? std::move(parent) : Ptr<GstElement>();
+  if (!upstream || GST_PAD_IS_EOS(upstream.Get())) {
+    return {};
+  }
+  Ptr<GstElement> parent(gst_pad_get_parent_element(upstream.Get()));
+  return GST_IS_BIN(parent.Get()) ? std::move(parent) : Ptr<GstElement>();
 }
 
 // Links a running branch to the tee. The placeholder accepts all caps, and is linked even if the
 // pipeline is stopped.
-void Join(GstBin& outputBin, GstElement& tee, GstElement& first, bool is_placeholder) {
-  const auto filter_bin = GetFilterBin(outputBin);
+void Join(GstBin& outputBin, GstElement& tee, const Branch& branch) {
+  GstElement& first = branch.GetFirst();
+  const bool is_placeholder = !branch.queue;
+  const auto filter_bin = FindFlowingFilterBin(outputBin);
   const auto link = [&] { check::element::LinkElement(tee, first, kElementError); };
   {
     const BlockedTee blocked(outputBin, tee, !is_placeholder);
@@ -173,64 +196,56 @@ void Join(GstBin& outputBin, GstElement& tee, GstElement& first, bool is_placeho
   RunDrained(*GST_BIN(filter_bin.Get()), {outputBin, first, link, [&] { Unlink(tee, first); }});
 }
 
+// Removes a stopped branch between two items of the tee.
+void Remove(GstBin& outputBin, GstElement& tee, const Branch& branch) {
+  const BlockedTee blocked(outputBin, tee, false);
+  Unlink(tee, branch.GetFirst());
+  check::bin::RemoveElement(outputBin, *branch.output, kBinError);
+  if (branch.queue) {
+    check::bin::RemoveElement(outputBin, *branch.queue, kBinError);
+  }
+  Forget(branch);
+}
+
 }  // namespace
 
 void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
-  const auto& first = branch.front();
-  const auto& last = branch.back();
-  const bool is_placeholder = first == last;
   // A pipeline that is still starting must find the branch either absent or running.
   std::optional<StateLock> lock(*GST_ELEMENT(&outputBin));
-  Add(outputBin, last);
+  Add(outputBin, branch.output);
   try {
-    Start(last);
-    if (!is_placeholder) {
-      StartQueue(outputBin, first, last);
+    Start(branch.output);
+    if (branch.queue) {
+      LetAllocationOvertakeQueues(branch);
+      Add(outputBin, branch.queue);
+      Sync(*branch.queue);
+      check::element::LinkElement(*branch.queue, *branch.output, kElementError);
     }
     lock.reset();
-    if (!is_placeholder) {
-      check::element::LinkElement(*first, *last, kElementError);
-    }
-    Join(outputBin, tee, *first, is_placeholder);
+    Join(outputBin, tee, branch);
   } catch (...) {
-    lock.emplace(*GST_ELEMENT(&outputBin));
-    TakeOut(outputBin, *last);
-    TakeOut(outputBin, *first);
+    if (!lock) {
+      lock.emplace(*GST_ELEMENT(&outputBin));
+    }
+    TakeOut(outputBin, *branch.output);
+    TakeOut(outputBin, branch.GetFirst());
     throw;
   }
 }
 
 void Detach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
-  const auto pad = GetPeer(*GetSink(*branch.front()));
-  std::optional<StateLock> lock;
-  bool runs = true;
-  // Cut the branch off, then stop it. Stop the output first, because the queue's thread may wait
-  // inside it.
+  const auto pad = GetPeer(*GetSink(branch.GetFirst()));
   CutOff(*pad, branch);
   try {
     WaitUntilIdle(outputBin, *pad, branch);
-    lock.emplace(*GST_ELEMENT(&outputBin));
-    runs = false;
-    for (auto element = branch.rbegin(); element != branch.rend(); ++element) {
-      check::element::SetNullState(**element, kElementError);
-    }
   } catch (...) {
-    if (runs) {
-      Reconnect(*pad, branch);
-    } else {
-      Restart(*pad, branch);
-    }
+    Reconnect(*pad, branch);
     throw;
   }
-
-  // Remove the stopped branch between two items of the tee.
-  const BlockedTee blocked(outputBin, tee, false);
-  gst_element_unlink(branch.front().Get(), branch.back().Get());
-  Unlink(tee, *branch.front());
-  for (auto element = branch.rbegin(); element != branch.rend(); ++element) {
-    check::bin::RemoveElement(outputBin, **element, kBinError);
-  }
-  Forget(branch);
+  // A pipeline that is still starting must find the branch either running or absent.
+  const StateLock lock(*GST_ELEMENT(&outputBin));
+  Stop(*pad, branch);
+  Remove(outputBin, tee, branch);
 }
 
 }  // namespace mox::gstreamer::bin::live

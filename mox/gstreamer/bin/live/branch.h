@@ -3,18 +3,19 @@
 
 #include "mox/gstreamer/check/ptr.h"
 
-#include <vector>
-
 #include <gst/gst.h>
 
 // Private to the library.
 namespace mox::gstreamer::bin::live {
 
-/**
- * The elements of one branch of a tee, upstream first: a queue and an output, or the placeholder
- * alone.
- */
-using Branch = std::vector<Ptr<GstElement>>;
+/** One branch of a tee: an output with its queue, or the placeholder, which has none. */
+struct Branch {
+  /** Returns the element that is linked to the tee. */
+  GstElement& GetFirst() const { return queue ? *queue : *output; }
+
+  Ptr<GstElement> queue;  ///< Empty for the placeholder.
+  Ptr<GstElement> output;
+};
 
 /**
  * Starts the branch and links it to the tee while data flows. If the branch rejects the current

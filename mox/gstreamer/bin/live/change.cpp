@@ -70,33 +70,42 @@ void Drain(GstPad& sink, Shared& shared) {
   }
 }
 
-// Blocks the feeding pad at the next item and drains the filter bin. The streaming thread that
-// brings the item sends the EOS, because a stop could not end that push on the caller's thread. The
-// streaming thread stays in the probe until the change is made, because its stream lock keeps the
-// end of a flush from starting threads of filters that are being stopped.
+// Drains the filter bin and waits until the change is made. Runs on the streaming thread that has
+// brought the blocked item, because a stop could not end the push of the EOS on the caller's
+// thread. The thread stays in the probe, because its stream lock keeps the end of a flush from
+// starting threads of filters that are being stopped.
+void DrainAndWait(GstPad& sink, GstPad& source, const std::shared_ptr<Shared>& shared) {
+  const auto changed = shared->changed.get_future();
+  try {
+    // Keep its probes until the change is made. If a flush makes the push of the EOS fail, the EOS
+    // may be inside a queue already.
+    const EndOfDrain end(source, shared);
+    Drain(sink, *shared);
+    shared->drained.set_value();
+    changed.wait();
+  } catch (...) {
+    shared->drained.set_exception(std::current_exception());
+    changed.wait();
+  }
+}
+
+// Events that are not serialized may come from any thread, even while a buffer passes.
+bool IsSerialized(const GstPadProbeInfo& info) {
+  return !GST_IS_EVENT(info.data) || GST_EVENT_IS_SERIALIZED(info.data);
+}
+
+// Blocks the feeding pad at the next item, and drains the filter bin.
 class Block {
  public:
   Block(GstPad& feeding, const Ptr<GstPad>& sink, const Ptr<GstPad>& source)
       : feeding_(feeding),
         sink_(sink),
         probe_(feeding, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, [shared = shared_, sink, source](GstPadProbeInfo& info) {
-          if (GST_IS_EVENT(info.data) &&
-              (gst_event_type_get_flags(GST_EVENT_TYPE(info.data)) & GST_EVENT_TYPE_SERIALIZED) == 0) {
-            return GST_PAD_PROBE_PASS;  // may come from any thread, even while a buffer passes
+          if (!IsSerialized(info)) {
+            return GST_PAD_PROBE_PASS;
           }
           if (!shared->is_taken.exchange(true)) {
-            const auto changed = shared->changed.get_future();
-            try {
-              // Keep its probes until the change is made. If a flush makes the push of the EOS fail,
-              // the EOS may be inside a queue already.
-              const EndOfDrain end(*source, shared);
-              Drain(*sink, *shared);
-              shared->drained.set_value();
-              changed.wait();
-            } catch (...) {
-              shared->drained.set_exception(std::current_exception());
-              changed.wait();
-            }
+            DrainAndWait(*sink, *source, shared);
           }
           return GST_PAD_PROBE_OK;
         }) {}
@@ -106,10 +115,10 @@ class Block {
   }
 
   /** Waits until the bin is drained. A stop, or the end of the stream, ends the wait. */
-  void Wait(GstBin& changed) try {
+  void Wait(GstBin& stoppable) try {
     auto drained = shared_->drained.get_future();
     while (drained.wait_for(kSlice) != std::future_status::ready) {
-      CheckStop(changed);
+      CheckStop(stoppable);
       if (HasStreamEnded(feeding_) && !shared_->is_taken.exchange(true)) {
         throw std::runtime_error("Cannot change the filters because the stream has ended");
       }
@@ -155,8 +164,9 @@ void ChangeDrained(GstBin& filterBin, GstPad& feeding, GstPad& sink, const Chang
     check::element::SetNullState(element, kElementError);
     change.make();
     Sync(element);
-    // Filters that need other caps receive them from the converter, with the next buffer.
-    if (CheckFlowingCaps(feeding, sink, change.named)) {
+    const bool keeps_caps = CheckFlowingCaps(feeding, sink, change.named);
+    // Filters that need other caps receive the events from the converter, with the next buffer.
+    if (keeps_caps) {
       ResendEvents(sink);
     }
   } catch (...) {
@@ -210,7 +220,7 @@ void RunDrained(GstBin& filterBin, const Change& change) {
   const auto sink = GetSink(*GST_ELEMENT(&filterBin));
   const auto source = GetSource(*GST_ELEMENT(&filterBin));
   Block block(*feeding, sink, source);
-  block.Wait(change.changed);
+  block.Wait(change.stoppable);
 
   std::exception_ptr error;
   try {

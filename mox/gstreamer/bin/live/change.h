@@ -50,7 +50,7 @@ inline constexpr auto kIdleOrBlocked =
  * A change that is made while the filter bin is drained: of its filters, or of elements downstream.
  */
 struct Change {
-  GstBin& changed;             ///< The bin whose stop ends the change.
+  GstBin& stoppable;           ///< The bin whose stop ends the wait for the drain.
   GstElement& named;           ///< Named by the error if it needs caps that upstream cannot send.
   std::function<void()> make;  ///< Makes the change; called once, with the filter bin in NULL.
   std::function<void()> undo;  ///< Restores the state before `make`, with the filter bin in NULL if it stops.

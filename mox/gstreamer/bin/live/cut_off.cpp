@@ -3,7 +3,6 @@
 #include "mox/gstreamer/bin/live/change.h"
 #include "mox/gstreamer/pad_probe.h"
 
-#include <future>
 #include <optional>
 
 namespace mox::gstreamer::bin::live {
@@ -12,13 +11,12 @@ namespace {
 // Stored at the tee's pad: the identifier of the probe that drops.
 constexpr auto kProbe = "mox-cut-off-probe";
 
-// Stored at the elements of the branch.
+// Stored at the queue and the output of the branch.
 constexpr auto kMark = "mox-cut-off";
 
 void Mark(const Branch& branch, gpointer mark) {
-  for (const auto& element : branch) {
-    g_object_set_data(G_OBJECT(element.Get()), kMark, mark);
-  }
+  g_object_set_data(G_OBJECT(branch.output.Get()), kMark, mark);
+  g_object_set_data(G_OBJECT(&branch.GetFirst()), kMark, mark);
 }
 
 // Lifts the limits of a queue, so that a push that waits for a slow output returns at once.
@@ -50,9 +48,9 @@ void CutOff(GstPad& pad, const Branch& branch) {
     const auto drop = [](GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*data*/) noexcept {
       return GST_PAD_PROBE_DROP;
     };
-    constexpr auto items =
+    constexpr auto types =
         static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM | GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM);
-    const gulong id = gst_pad_add_probe(&pad, items, drop, nullptr, nullptr);
+    const gulong id = gst_pad_add_probe(&pad, types, drop, nullptr, nullptr);
     g_object_set_data(G_OBJECT(&pad), kProbe, GSIZE_TO_POINTER(id));
   }
   Mark(branch, &pad);
@@ -75,20 +73,13 @@ bool IsInsideCutOff(GstElement& element) noexcept {
   return static_cast<bool>(object);
 }
 
-bool WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch, const std::function<bool()>& isLate) {
+void WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch) {
   std::optional<UnlimitedQueue> unlimited;
-  if (branch.size() > 1) {
-    unlimited.emplace(*branch.front());
+  if (branch.queue) {
+    unlimited.emplace(*branch.queue);
   }
   PadProbe idle(pad, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
-  const auto is_idle = idle.GetFuture();
-  while (is_idle.wait_for(kSlice) != std::future_status::ready) {
-    CheckStop(outputBin);
-    if (isLate()) {
-      return false;
-    }
-  }
-  return true;
+  Await(outputBin, idle.GetFuture());
 }
 
 }  // namespace mox::gstreamer::bin::live

@@ -3,24 +3,22 @@
 
 #include "mox/gstreamer/bin/live/branch.h"
 
-#include <functional>
-
 #include <gst/gst.h>
 
 // Private to the library.
 namespace mox::gstreamer::bin::live {
 
 /**
- * Lets nothing more pass the tee's pad of a branch. Drops everything, because the FLUSHING of a
- * branch that stops would end the whole stream. Refuses queries, because a sink that is stuck would
- * never answer them.
+ * Drops everything that the tee pushes to the branch from its pad, because the FLUSHING of a branch
+ * that stops would end the whole stream. Refuses queries, because a sink that is stuck would never
+ * answer them. Marks the elements for `IsInsideCutOff`.
  */
 void CutOff(GstPad& pad, const Branch& branch);
 
-/** Lets items pass again. */
+/** Undoes `CutOff`. */
 void Reconnect(GstPad& pad, const Branch& branch);
 
-/** Removes the mark of a branch whose pad is released. */
+/** Removes the marks of a branch whose pad has been released. */
 void Forget(const Branch& branch);
 
 /**
@@ -30,13 +28,11 @@ void Forget(const Branch& branch);
 bool IsInsideCutOff(GstElement& element) noexcept;
 
 /**
- * Waits until nothing is passing the tee's pad of a branch. Returns false if `isLate` returns true
- * first.
+ * Waits until nothing is passing the tee's pad of a branch, which may be a push to a slow output.
  *
  * @throws Stopped if the pipeline is stopped meanwhile
  */
-bool WaitUntilIdle(
-    GstBin& outputBin, GstPad& pad, const Branch& branch, const std::function<bool()>& isLate = [] { return false; });
+void WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch);
 
 }  // namespace mox::gstreamer::bin::live
 

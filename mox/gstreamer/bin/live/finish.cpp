@@ -58,71 +58,80 @@ bool AreSinksAtEos(const Ptr<GstElement>& output) {
   });
 }
 
-/** A branch that is being finished. */
-struct Ending {
+/** An output that is being finished. */
+class Ending {
+ public:
   enum class Progress { Running, Ended, Failed };
 
-  Ending(GstBin& outputBin, Ptr<GstElement> of, Ptr<GstPad> queue)
-      : output(std::move(of)),
-        sink(std::move(queue)),
-        had_eos(GST_PAD_IS_EOS(sink.Get())),
-        stale(had_eos ? Ptr<GstMessage>() : FindEos(outputBin, *output)) {
-    EndSources(output);
-  }
+  Ending(GstBin& outputBin, const Branch& branch)
+      : output(branch.output),
+        queue_sink_(GetSink(*branch.queue)),
+        had_eos_(GST_PAD_IS_EOS(queue_sink_.Get())),
+        stale_(had_eos_ ? Ptr<GstMessage>() : FindEos(outputBin, *output)) {}
 
-  Progress Check(GstBin& outputBin) const {
-    if (!SendEos(*sink)) {
+  // Sends the EOS if it has yet to be sent.
+  Progress Advance(GstBin& outputBin) const {
+    if (!SendEos(*queue_sink_)) {
       return Progress::Failed;
     }
     const auto posted = FindEos(outputBin, *output);
-    const bool has_ended = (posted && posted != stale) || (had_eos && AreSinksAtEos(output));
+    const bool has_ended = (posted && posted != stale_) || (had_eos_ && AreSinksAtEos(output));
     return has_ended ? Progress::Ended : Progress::Running;
   }
 
   Ptr<GstElement> output;
-  Ptr<GstPad> sink;       ///< The sink pad of the queue.
-  bool had_eos;           ///< The stream ended earlier. The bin may have dropped the message already.
-  Ptr<GstMessage> stale;  ///< Posted at the end of an earlier stream.
+
+ private:
+  Ptr<GstPad> queue_sink_;
+  bool had_eos_;           // The stream ended earlier. The bin may have dropped the message already.
+  Ptr<GstMessage> stale_;  // Posted at the end of an earlier stream.
 };
+
+// Cuts the branches off. Returns those that have something to end.
+std::vector<Ending> CutOffAll(GstBin& outputBin, const std::vector<Branch>& branches) {
+  std::vector<Ending> endings;
+  for (const auto& branch : branches) {
+    const auto sink = GetSink(*branch.queue);
+    const auto pad = GetPeer(*sink);
+    CutOff(*pad, branch);
+    WaitUntilIdle(outputBin, *pad, branch);
+    if (gst_pad_has_current_caps(sink.Get())) {
+      endings.emplace_back(outputBin, branch);
+    }
+  }
+  return endings;
+}
 
 }  // namespace
 
-Branch Finish(GstBin& outputBin, const std::vector<Branch>& branches, std::chrono::nanoseconds timeout) {
+std::vector<Ptr<GstElement>> Finish(GstBin& outputBin, const std::vector<Branch>& branches,
+                                    std::chrono::nanoseconds timeout) {
   const auto begin = std::chrono::steady_clock::now();
-  const auto is_late = [&] { return std::chrono::steady_clock::now() - begin >= timeout; };
-  std::vector<Ending> running;
-  Branch failed;
-
-  // Cut off all branches before the wait for their sinks.
-  for (const auto& branch : branches) {
-    const auto sink = GetSink(*branch.front());
-    const auto pad = GetPeer(*sink);
-    CutOff(*pad, branch);
-    if (!WaitUntilIdle(outputBin, *pad, branch, is_late)) {
-      failed.push_back(branch.back());
-    } else if (gst_pad_has_current_caps(sink.Get())) {
-      running.emplace_back(outputBin, branch.back(), sink);
-    }
+  std::vector<Ptr<GstElement>> failed;
+  auto running = CutOffAll(outputBin, branches);
+  for (const auto& ending : running) {
+    EndSources(ending.output);
   }
 
   // Look for the EOS messages at every slice, because the output bin stores them and posts none.
-  while (!running.empty()) {
-    const auto has_stopped = [&](const Ending& ending) {
-      const auto progress = ending.Check(outputBin);
+  while (true) {
+    const bool is_late = std::chrono::steady_clock::now() - begin >= timeout;
+    const auto is_over = [&](const Ending& ending) {
+      const auto progress = ending.Advance(outputBin);
       const bool has_failed =
-          progress == Ending::Progress::Failed || (progress == Ending::Progress::Running && is_late());
+          progress == Ending::Progress::Failed || (progress == Ending::Progress::Running && is_late);
       if (has_failed) {
         failed.push_back(ending.output);
       }
       return has_failed || progress == Ending::Progress::Ended;
     };
-    running.erase(std::remove_if(running.begin(), running.end(), has_stopped), running.end());
-    if (!running.empty()) {
-      CheckStop(outputBin);
-      std::this_thread::sleep_for(kSlice);
+    running.erase(std::remove_if(running.begin(), running.end(), is_over), running.end());
+    if (running.empty()) {
+      return failed;
     }
+    CheckStop(outputBin);
+    std::this_thread::sleep_for(kSlice);
   }
-  return failed;
 }
 
 }  // namespace mox::gstreamer::bin::live

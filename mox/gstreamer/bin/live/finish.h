@@ -22,7 +22,8 @@ namespace mox::gstreamer::bin::live {
  *
  * @throws Stopped if the pipeline is stopped meanwhile
  */
-Branch Finish(GstBin& outputBin, const std::vector<Branch>& branches, std::chrono::nanoseconds timeout);
+std::vector<Ptr<GstElement>> Finish(GstBin& outputBin, const std::vector<Branch>& branches,
+                                    std::chrono::nanoseconds timeout);
 
 }  // namespace mox::gstreamer::bin::live
 

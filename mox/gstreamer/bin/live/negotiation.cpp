@@ -85,7 +85,7 @@ bool AcceptsCaps(GstPad& sink, GstCaps& caps) {
   return !gst_caps_is_empty(accepted.Get());
 }
 
-bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
+bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& named) {
   // Ask the filters first. They usually accept the caps that the converter sends, and a query of
   // the converter is expensive.
   const Ptr<GstCaps> converted(gst_pad_get_current_caps(GetPeer(sink).Get()));
@@ -100,7 +100,7 @@ bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed) {
   // A source drops the refused buffer and renegotiates. A queue or a decoder keeps its caps.
   const Ptr<GstCaps> possible(gst_pad_query_caps(&feeding, nullptr));
   if (!FindPusher(feeding).is_source || !AcceptsCaps(*fed, *possible)) {
-    FailToLink(*check::pad::GetParentElement(feeding, kPadError), changed);
+    FailToLink(*check::pad::GetParentElement(feeding, kPadError), named);
   }
   return false;
 }

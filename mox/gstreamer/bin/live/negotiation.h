@@ -17,8 +17,8 @@ namespace mox::gstreamer::bin::live {
 Ptr<GstPad> FindFeedingPad(GstBin& filterBin);
 
 /**
- * Returns true if no item will reach the pad any more: an EOS has passed, or the task that pushes
- * there has failed.
+ * Returns true if no item will reach the pad any more: an EOS has passed, the pad is inactive, or
+ * the task that pushes there has paused after an error or an EOS.
  */
 bool HasStreamEnded(GstPad& feeding);
 
@@ -30,9 +30,9 @@ bool AcceptsCaps(GstPad& sink, GstCaps& caps);
  * their source can renegotiate. Otherwise the next buffer would end the stream. Returns true if the
  * converter sends the same caps as before the change.
  *
- * @throws std::runtime_error with the names of the input and of `changed`
+ * @throws std::runtime_error with the names of the input and of `named`
  */
-bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& changed);
+bool CheckFlowingCaps(GstPad& feeding, GstPad& sink, GstElement& named);
 
 /** Lets everything upstream of the pad negotiate caps and buffers again. */
 void Renegotiate(GstPad& sink);
