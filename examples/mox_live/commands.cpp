@@ -16,7 +16,7 @@ struct Command {
 
 // A name that begins with another name comes first.
 constexpr std::array<Command, 15> kCommands = {{
-    {"input next", " DESCRIPTION", "play this input once the stream ends", &Player::AddNextInput},
+    {"input next", " DESCRIPTION", "play this input when the stream has ended", &Player::AddNextInput},
     {"input", " DESCRIPTION", "exchange the input; 'input none' removes it from a stopped pipeline", &Player::SetInput},
     {"filter add", " DESCRIPTION", "append a filter to the chain", &Player::AddFilter},
     {"filter erase", " NAME", "remove a filter from the chain", &Player::EraseFilter},
@@ -29,7 +29,7 @@ constexpr std::array<Command, 15> kCommands = {{
     {"start", "", "start the pipeline", &Player::Start},
     {"stop", "", "stop the pipeline, without an end for recordings", &Player::Stop},
     {"show", "", "show the state, the input, the filters and the outputs", &Player::Show},
-    {"wait", " SECONDS", "wait that long, or until the last stream ends", &Player::Wait},
+    {"wait", " SECONDS", "wait that long, or until the last stream ends or an ERROR comes", &Player::Wait},
     {"quit", "", "end the program, as the end of standard input does", nullptr},
 }};
 

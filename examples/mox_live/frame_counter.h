@@ -21,8 +21,8 @@ struct Frames {
 
 /**
  * Counts the frames that pass a pad from now on. Every input is a stream with timestamps of its
- * own, so no frame counts as lost or repeated between two streams. Without a frame rate and a
- * duration of the frames, none does.
+ * own, so no frame counts as lost or repeated between two streams. Nor does a frame that has no
+ * duration, if its caps have no frame rate.
  */
 class FrameCounter {
  public:

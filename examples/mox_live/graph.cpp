@@ -10,6 +10,7 @@
 
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace mox_live {
 namespace {

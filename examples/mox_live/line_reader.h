@@ -7,7 +7,10 @@
 
 namespace mox_live {
 
-/** Reads lines from a file descriptor, without stdio's buffer: `poll` reports all unread data. */
+/**
+ * Reads lines from a file descriptor. Does not use stdio, because `poll` does not report data that
+ * is in its buffer.
+ */
 class LineReader {
  public:
   explicit LineReader(int file) : file_(file) {}

@@ -65,7 +65,7 @@ void WriteHelp(std::ostream& stream) {
 Plays video and changes how it is filtered and where it goes while it plays.
 
 Options:
-  -i, --input DESCRIPTION   the input to begin with; may be repeated: each plays once the stream of the one before ends
+  -i, --input DESCRIPTION   the input to begin with; may be repeated: the next one plays when a stream has ended
   -f, --filter DESCRIPTION  a filter to begin with; may be repeated
   -o, --output DESCRIPTION  an output to begin with; may be repeated
   -r, --report              at the end, write the duration of each change and the frames of each input and output

@@ -121,7 +121,6 @@ void Player::FinishOutputs() {
   for (const auto& output : pipeline_.GetOutputs()) {
     outputs.push_back(output.element);
   }
-  // The end of the stream has ended the recordings too.
   if (pipeline_.GetEnable() && stream_ != Stream::Ended && !outputs.empty()) {
     report_.Time("finish all outputs", [&] { pipeline_.FinishOutputs(outputs, kFinishTimeout); });
   }

@@ -54,7 +54,10 @@ class Player {
    */
   bool WaitForFile(int file);
 
-  /** Ends the recordings of a pipeline that plays, and detaches all outputs. */
+  /**
+   * Finishes all outputs while the pipeline is enabled. Does nothing after the end of the stream,
+   * which has ended the recordings too.
+   */
   void FinishOutputs();
 
   /** Writes the table of the changes and that of the frames. */

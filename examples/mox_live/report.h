@@ -1,7 +1,6 @@
 #ifndef MOX_LIVE_REPORT_H
 #define MOX_LIVE_REPORT_H
 
-#include "mox/gstreamer/check/ptr.h"
 #include "mox_live/frame_counter.h"
 
 #include <chrono>
@@ -10,8 +9,6 @@
 #include <ostream>
 #include <string>
 #include <vector>
-
-#include <gst/gst.h>
 
 namespace mox_live {
 

@@ -32,8 +32,8 @@ class Bus::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  // Called by the owning Bus, because a binding that is being released may keep this object a
-  // little longer.
+  // Called by the owning Bus, not by the destructor. The last owner of this object may be a binding
+  // that is being released, on any thread.
   void Stop() noexcept {
     stop_.exchange(true);
     thread_.join();

@@ -96,7 +96,7 @@ class MOX_EXPORT Pipeline {
    * dropped. Waits until every element has stopped.
    *
    * If the new element cannot be added or linked, the pipeline has no input until the next
-   * `SetInput`, and changes of the filters are refused.
+   * `SetInput`, and changes of the filters are refused unless it is stopped.
    *
    * @throws std::runtime_error "Cannot remove the input if the pipeline is not stopped"
    * @throws std::runtime_error with the name of the element that cannot be added, linked or started

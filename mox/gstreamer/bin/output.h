@@ -47,10 +47,10 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
  * The new output receives whole frames only, and the others lose nothing. For the first output, the
  * call waits for the frame in the placeholder; if the bin is paused, until it plays.
  *
- * If the new output accepts the current caps, the stream resumes once every output has finished its
- * current frame. Otherwise the stream renegotiates to caps that all accept. The call then waits as
- * a filter change does. It loses no frame, unless the input must send another size. An output is
- * refused if it has no caps in common with the others, or needs a size that the input cannot send.
+ * If the new output accepts the current caps, the call waits for no other data. Otherwise the
+ * stream renegotiates to caps that all accept. The call then waits as a filter change does. It
+ * loses no frame, unless the input must send another size. An output is refused if it has no caps in
+ * common with the others, or needs a size that the input cannot send.
  *
  * Elements listed before one that fails stay attached. The one that fails is outside the bin, in
  * NULL. If it was to be the first output, neither an output nor the placeholder is left, and no
@@ -68,7 +68,8 @@ MOX_EXPORT void AddOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> outpu
  * Detaches the branch of each element, in the order given. Stops the element and its queue without
  * an EOS: frames in the queue are dropped, and a recording has no end (see `FinishOutputs`). The
  * other branches lose nothing and do not wait, even if this one is slow or has not prerolled. The
- * call waits until the element has stopped.
+ * call waits for the item that the tee is pushing, which a stop ends, then until the element has
+ * stopped.
  *
  * Outputs listed before one that fails have been detached; the one that fails, and those after it,
  * have not.

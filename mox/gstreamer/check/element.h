@@ -9,8 +9,8 @@
 
 /**
  * Checked operations on elements, for any thread. Each makes one GStreamer call. A call that fails
- * throws std::runtime_error with `prefix` and a sentence that names the objects, and leaves its
- * arguments unchanged.
+ * throws std::runtime_error with `prefix` and a sentence that names the objects. It changes nothing,
+ * except that a state change that fails leaves the element in the last state that it reached.
  */
 namespace mox::gstreamer::check::element {
 
