@@ -1,3 +1,4 @@
+#include "tests/gstreamer/duration.h"
 #include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
@@ -6,7 +7,6 @@
 #include <string_view>
 
 #include <gmock/gmock.h>
-#include <gst/pbutils/pbutils.h>
 
 namespace {
 
@@ -23,17 +23,6 @@ Ptr<GstElement> MakeOutput(const std::string& description) {
   const Ptr<GstPad> inner(gst_bin_find_unlinked_pad(GST_BIN(bin.Get()), GST_PAD_SINK));
   gst_element_add_pad(bin.Get(), gst_ghost_pad_new("sink", inner.Get()));
   return bin;
-}
-
-/** The duration of a file in seconds, as GStreamer's discoverer reads it; 0 if it cannot. */
-double DurationOf(const std::filesystem::path& file) {
-  GstDiscoverer* discoverer = gst_discoverer_new(20 * GST_SECOND, nullptr);
-  GstDiscovererInfo* info = gst_discoverer_discover_uri(discoverer, ("file://" + file.string()).c_str(), nullptr);
-  const bool readable = info != nullptr && gst_discoverer_info_get_result(info) == GST_DISCOVERER_OK;
-  const GstClockTime duration = readable ? gst_discoverer_info_get_duration(info) : 0;
-  g_clear_object(&discoverer);
-  g_clear_object(&info);
-  return static_cast<double>(duration) / GST_SECOND;
 }
 
 // Drops every EOS at the sink.
