@@ -1,12 +1,7 @@
+#include "mox/type/binding.h"
 #include "tests/gstreamer/duration.h"
 #include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
-
-#include <filesystem>
-#include <fstream>
-#include <string_view>
-
-#include <gmock/gmock.h>
 
 namespace {
 
@@ -14,8 +9,6 @@ using namespace live;  // NOLINT(google-build-using-namespace)
 using namespace std::chrono_literals;
 using testing::IsEmpty;
 using testing::ThrowsMessage;
-
-constexpr auto kFrameRate = 60;
 
 // Ghosts only "sink". The parser would also ghost a pad inside a splitmuxsink.
 Ptr<GstElement> MakeOutput(const std::string& description) {
@@ -33,71 +26,49 @@ void DropEos(GstElement& sink) {
   });
 }
 
+/** A playing pipeline, in a folder of its own. */
 class Finish : public Test {
  protected:
-  Finish() { std::filesystem::create_directories(folder); }
+  Finish() {
+    std::filesystem::create_directories(folder);
+    std::filesystem::current_path(folder);
+  }
   ~Finish() override { std::filesystem::remove_all(folder); }
+
+  // Writes a recording of at least so many frames, and expects that it has them all.
+  void Record(const std::string& file, const std::string& elements, std::size_t frames) {
+    const Watch recording(MakeOutput(elements));
+    stream.pipeline.AddOutputs({recording.element});
+    recording.AwaitFrames(frames);
+    stream.pipeline.FinishOutputs({recording.element}, 20s);
+    // Some files lack the duration of the last frame.
+    EXPECT_NEAR(DurationOf(folder / file), static_cast<double>(recording.frames) / 60, 1.1 / 60) << file;
+  }
 
   const std::filesystem::path folder = testing::TempDir() + "mox-finish-" + std::to_string(getpid());
   Stream stream;
+  std::atomic<int> ends = 0;  ///< The number of EOS messages of the pipeline.
+  const mox::type::Binding on_end =
+      stream.pipeline.GetBus().Bind(GST_MESSAGE_EOS, [this](const GstMessage&) { ++ends; });
 };
 
 // Converts the frames to caps that this encoder accepts, and encodes a stream that every muxer
 // accepts.
-constexpr auto kH264 =
+const std::string kH264 =
     "videoscale ! capsfilter caps=video/x-raw,width=64,height=64 ! videoconvert "
     "! openh264enc gop-size=15 ! h264parse ! ";
-constexpr auto kVp8 = "videoconvert ! vp8enc deadline=1 ! ";
+const std::string kVp8 = "videoconvert ! vp8enc deadline=1 ! ";
 
 TEST_F(Finish, RecordingsLastAsLongAsTheirFrames) {
-  struct Format {
-    std::string file;
-    std::string elements;
-  };
-  for (const auto& [file, elements] :
-       {Format{"video.mp4", std::string(kH264) + "mp4mux"}, Format{"video.webm", std::string(kVp8) + "webmmux"},
-        Format{"video.mkv", std::string(kVp8) + "matroskamux"}}) {
-    const Watch recording(MakeOutput(elements + " ! filesink location=" + (folder / file).string()));
-    stream.pipeline.AddOutputs({recording.element});
-    recording.AwaitFrames(50);
-    stream.pipeline.FinishOutputs({recording.element}, 20s);
-    EXPECT_NEAR(DurationOf(folder / file), static_cast<double>(recording.frames) / kFrameRate, 1.0 / kFrameRate)
-        << file;
-  }
-}
-
-TEST_F(Finish, PlaylistsListEverySegmentAndEnd) {
-  const auto list = folder / "list.m3u8";
-  const Watch recording(MakeOutput(std::string(kH264) + "hlssink2 target-duration=1 playlist-length=0 location=" +
-                                   (folder / "%d.ts").string() + " playlist-location=" + list.string()));
-  stream.pipeline.AddOutputs({recording.element});
-  recording.AwaitFrames(200);
-  stream.pipeline.FinishOutputs({recording.element}, 20s);
-
-  double duration = 0;
-  std::string line;
-  for (std::ifstream file(list); std::getline(file, line);) {
-    constexpr std::string_view segment = "#EXTINF:";
-    if (line.compare(0, segment.size(), segment) == 0) {
-      duration += std::stod(line.substr(segment.size()));
-    }
-  }
-  EXPECT_EQ(line, "#EXT-X-ENDLIST");
-  // The last segment is listed without the duration of its last frame.
-  EXPECT_NEAR(duration, static_cast<double>(recording.frames) / kFrameRate, 1.1 / kFrameRate);
+  Record("video.mp4", kH264 + "mp4mux ! filesink location=video.mp4", 50);
+  Record("video.webm", kVp8 + "webmmux ! filesink location=video.webm", 50);
+  Record("video.mkv", kVp8 + "matroskamux ! filesink location=video.mkv", 50);
+  Record("playlist.m3u8", kH264 + "hlssink2 target-duration=1 playlist-length=0", 200);
 }
 
 TEST_F(Finish, RecordingsLeaveAnotherOutputIntact) {
-  std::atomic<int> ends = 0;
-  const auto on_end = stream.pipeline.GetBus().Bind(GST_MESSAGE_EOS, [&](const GstMessage&) { ++ends; });
   for (int i = 0; i < 200; ++i) {
-    const auto file = folder / (std::to_string(i) + ".webm");
-    const Watch recording(MakeOutput(std::string(kVp8) + "webmmux ! filesink location=" + file.string()));
-    stream.pipeline.AddOutputs({recording.element});
-    recording.AwaitFrames(3);
-    stream.pipeline.FinishOutputs({recording.element}, 20s);
-    ASSERT_NEAR(DurationOf(file), static_cast<double>(recording.frames) / kFrameRate, 1.0 / kFrameRate) << file;
-    std::filesystem::remove(file);
+    Record("video.webm", kVp8 + "webmmux ! filesink location=video.webm", 3);
   }
   stream.watch.ExpectWhole();
   EXPECT_EQ(ends, 0);
@@ -105,8 +76,6 @@ TEST_F(Finish, RecordingsLeaveAnotherOutputIntact) {
 
 // The stream of the pipeline goes on, so the pipeline must not post EOS.
 TEST_F(Finish, TheLastOutputEndsWithoutThePipeline) {
-  std::atomic<int> ends = 0;
-  const auto on_end = stream.pipeline.GetBus().Bind(GST_MESSAGE_EOS, [&](const GstMessage&) { ++ends; });
   stream.pipeline.FinishOutputs({stream.watch.element}, 20s);
   EXPECT_EQ(stream.watch.eos, 1U);
   EXPECT_THAT(stream.pipeline.GetOutputs(), IsEmpty());
@@ -118,28 +87,15 @@ TEST_F(Finish, TheLastOutputEndsWithoutThePipeline) {
   EXPECT_EQ(ends, 0);
 }
 
-TEST_F(Finish, EverySinkOfAnOutputReceivesEos) {
-  const auto output = MakeOutput("tee name=both ! queue ! fakesink name=one both. ! queue ! fakesink name=two");
-  const Watch one(Find(*GST_BIN(output.Get()), "one"));
-  const Watch two(Find(*GST_BIN(output.Get()), "two"));
-  stream.pipeline.AddOutputs({output});
-  one.AwaitFrames();
-  stream.pipeline.FinishOutputs({output}, 20s);
-  EXPECT_EQ(one.eos, 1U);
-  EXPECT_EQ(two.eos, 1U);
-  EXPECT_EQ(one.frames, two.frames);
-}
-
 TEST_F(Finish, OutputsThatDropEosAreNamedAndDetached) {
   const auto stubborn = Make("fakesink", "stubborn");
   DropEos(*stubborn);
-  const Watch other(Make("fakesink", "other"));
-  stream.pipeline.AddOutputs({stubborn, other.element});
+  const Watch other(Make("fakesink"));
+  const Elements outputs{stubborn, other.element};
+  stream.pipeline.AddOutputs(outputs);
   other.AwaitFrames();
   EXPECT_THAT(
-      [&] {
-        stream.pipeline.FinishOutputs({stubborn, other.element}, 2s);
-      },
+      [&] { stream.pipeline.FinishOutputs(outputs, 2s); },
       ThrowsMessage<std::runtime_error>("Bin Error: Failed to finish the output 'stubborn [stubborn]' in time"));
   EXPECT_EQ(other.eos, 1U);
   EXPECT_EQ(stream.pipeline.GetOutputs().size(), 1U);
@@ -147,16 +103,7 @@ TEST_F(Finish, OutputsThatDropEosAreNamedAndDetached) {
 }
 
 TEST_F(Finish, OutputsThatAreNotAttachedLeaveTheOthersAsTheyAre) {
-  EXPECT_THAT(
-      [&] {
-        stream.pipeline.FinishOutputs({stream.watch.element, Make("fakesink")}, 20s);
-      },
-      ThrowsMessage<std::runtime_error>("Cannot remove an output that has not been added to the bin"));
-  EXPECT_THAT(
-      [&] {
-        stream.pipeline.FinishOutputs({stream.watch.element, stream.watch.element}, 20s);
-      },
-      ThrowsMessage<std::runtime_error>("Cannot remove an output that has not been added to the bin"));
+  EXPECT_THROW(stream.pipeline.FinishOutputs({stream.watch.element, Make("fakesink")}, 20s), std::runtime_error);
   stream.watch.ExpectWhole();
 }
 
@@ -165,8 +112,7 @@ TEST_F(Finish, AStopEndsTheWait) {
   DropEos(*stubborn.element);
   stream.pipeline.AddOutputs({stubborn.element});
   stubborn.AwaitFrames();
-  auto finished = std::async(std::launch::async, [&] { stream.pipeline.FinishOutputs({stubborn.element}, 200s); });
-  Await([&] { return stubborn.eos > 0; });
+  const auto finished = StartToWait([&] { stream.pipeline.FinishOutputs({stubborn.element}, 200s); });
   stream.pipeline.SetEnable(false);
   EXPECT_THAT([&] { finished.get(); },
               ThrowsMessage<std::runtime_error>("Cannot finish the outputs because the pipeline is being stopped"));
@@ -178,14 +124,6 @@ TEST_F(Finish, StoppedPipelinesHaveNothingToEnd) {
   stream.pipeline.FinishOutputs({stream.watch.element}, 200s);
   EXPECT_EQ(stream.watch.eos, 0U);
   EXPECT_THAT(stream.pipeline.GetOutputs(), IsEmpty());
-}
-
-TEST_F(Finish, ABranchWithoutDataHasNothingToEnd) {
-  stream.pipeline.SetInput(MakeSource(false, " ! valve drop=true"));
-  const Watch empty(Make("fakesink"));
-  stream.pipeline.AddOutputs({empty.element});
-  stream.pipeline.FinishOutputs({empty.element}, 200s);
-  EXPECT_EQ(empty.eos, 0U);
 }
 
 // The seek discards the EOS that waits in the queue.
@@ -204,27 +142,19 @@ TEST_F(Finish, APausedPipelineEndsItsOutputsOnceItPlays) {
 }
 
 TEST_F(Finish, AfterTheEndOfTheStreamThereIsNothingToWaitFor) {
-  std::atomic<int> ends = 0;
-  const auto on_end = stream.pipeline.GetBus().Bind(GST_MESSAGE_EOS, [&](const GstMessage&) { ++ends; });
   stream.pipeline.SetInput(Parse("videotestsrc num-buffers=5"));
   Await([&] { return ends == 1; });
-  EXPECT_NO_THROW(stream.pipeline.FinishOutputs({stream.watch.element}, 20s));
+  stream.pipeline.FinishOutputs({stream.watch.element}, 20s);
   EXPECT_EQ(stream.watch.eos, 1U);
 }
 
-// A sink keeps a buffer for ever. The allocation query that follows a new output would wait for it.
+// The allocation query that follows a new output would wait for the one that is stuck.
 TEST_F(Finish, StuckOutputsBlockNoOther) {
-  std::atomic<bool> is_stuck = false;
-  const Watch other(Make("fakesink", "other"));
-  const Watch third(Make("fakesink", "third"));
+  const Watch other(Make("fakesink"));
+  const Watch third(Make("fakesink"));
   stream.pipeline.AddOutputs({other.element});
   other.AwaitFrames();
-  AddProbe(*PadOf(*stream.watch.element, "sink"), GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER,
-           [&](GstPad&, auto&) {
-             is_stuck = true;
-             return GST_PAD_PROBE_OK;
-           });
-  Await([&] { return is_stuck.load(); });
+  Block(*stream.watch.element);
   stream.pipeline.AddOutputs({third.element});
   auto finished = std::async(std::launch::async, [&] { stream.pipeline.FinishOutputs({stream.watch.element}, 2s); });
   other.ExpectWhole();
@@ -235,12 +165,10 @@ TEST_F(Finish, StuckOutputsBlockNoOther) {
 
 // The pads of elements inside the output store the EOS, and would end the stream with it.
 TEST_F(Finish, OutputsThatRefuseToStopRunAgain) {
-  const auto refusing = faulty::Make("refusing");
-  const Ptr<GstElement> output(gst_bin_new("output"));
-  const Watch last(Make("fakesink"));
-  gst_bin_add_many(GST_BIN(output.Get()), refusing.Ref(), last.element.Ref(), nullptr);
-  gst_element_link(refusing.Get(), last.element.Get());
-  gst_element_add_pad(output.Get(), gst_ghost_pad_new("sink", PadOf(*refusing, "sink").Get()));
+  gst_element_register(nullptr, "faulty", GST_RANK_NONE, faulty::Type());
+  const auto output = Parse("faulty name=refusing ! fakesink name=last");
+  const auto refusing = Find(*GST_BIN(output.Get()), "refusing");
+  const Watch last(Find(*GST_BIN(output.Get()), "last"));
   stream.pipeline.AddOutputs({output});
   last.AwaitFrames();
   faulty::Of(refusing.Get()).once = true;
@@ -255,7 +183,7 @@ TEST_F(Finish, OutputsThatRefuseToStopRunAgain) {
 }
 
 TEST_F(Finish, SourcesInsideAnOutputEndToo) {
-  const auto output = MakeOutput("fakesink videotestsrc is-live=true ! fakesink name=own");
+  const auto output = Parse("fakesink videotestsrc is-live=true ! fakesink name=own");
   const Watch own(Find(*GST_BIN(output.Get()), "own"));
   stream.pipeline.AddOutputs({output});
   own.AwaitFrames();

@@ -92,6 +92,20 @@ void Await(const Condition& condition) {
   }
 }
 
+/** Starts a change on another thread, and expects that it waits. */
+inline std::shared_future<void> StartToWait(const std::function<void()>& change) {
+  auto waiting = std::async(std::launch::async, change).share();
+  EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout) << "it does not wait";
+  return waiting;
+}
+
+/** Blocks a sink for ever at its next buffer, and waits until it is blocked. */
+inline void Block(GstElement& sink) {
+  const auto pad = PadOf(sink, "sink");
+  AddProbe(*pad, GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER, [](auto&...) { return GST_PAD_PROBE_OK; });
+  Await([&] { return gst_pad_is_blocking(pad.Get()) != FALSE; });
+}
+
 /** Returns true if the event starts another stream. A new link repeats the old event. */
 inline bool Starts(GstEvent& event, guint& stream) {
   const guint before = stream;
