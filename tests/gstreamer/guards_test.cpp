@@ -7,37 +7,29 @@ using namespace live;  // NOLINT(google-build-using-namespace)
 using namespace std::chrono_literals;
 using faulty::Faults;
 
-class Guards : public Test {
- protected:
-  Guards() {
-    SetDeadline();
-    gst_element_register(nullptr, "faulty", GST_RANK_NONE, faulty::Type());
-  }
+struct Guards : Test {
+  Guards() { gst_element_register(nullptr, "faulty", GST_RANK_NONE, faulty::Type()); }
 };
 
 Faults& FaultsOf(const Ptr<GstElement>& bin, const char* name) {
   return faulty::Of(Find(*GST_BIN(bin.Get()), name).Get());
 }
 
-// Starts a change and expects that it waits.
-std::future<void> StartToWait(Pipeline& pipeline, void (Pipeline::*change)(Elements), const Elements& elements) {
-  auto call = std::async(std::launch::async, [&pipeline, change, elements] { (pipeline.*change)(elements); });
-  EXPECT_EQ(call.wait_for(100ms), std::future_status::timeout);
-  return call;
-}
-
 TEST_F(Guards, FailedStartLeavesThePipelineStopped) {
-  for (const bool exchanges : {false, true}) {
-    const auto filter = faulty::Make();
-    Stream stream(MakeSource(), {filter}, false);
-    faulty::Of(filter.Get()).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
+  std::atomic<int> starts = 0;
+  const auto filter = faulty::Make();
+  Stream stream(MakeSource(true), {filter}, false);
+  const auto on_start = stream.pipeline.GetBus().Bind(GST_MESSAGE_STREAM_START, [&](const GstMessage&) { ++starts; });
+  const std::function<void()> changes[] = {[&] { stream.pipeline.SetInput(MakeSource(true)); },
+                                           [&] { stream.pipeline.AddFilters({}); }};
+  for (const auto& change : changes) {
+    starts = 0;
+    faulty::Of(filter.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_PLAYING;
     EXPECT_THROW(stream.pipeline.SetEnable(true), std::runtime_error);
     faulty::Of(filter.Get()).fails = Faults::kNone;
-    if (exchanges) {
-      stream.pipeline.SetInput(MakeSource());
-    } else {
-      stream.pipeline.AddFilters({});
-    }
+    Await([&] { return starts > 0; });
+    EXPECT_EQ(stream.pipeline.GetState(), Pipeline::State::Stopped);
+    change();
     EXPECT_EQ(GST_STATE(&stream.pipeline.Get()), GST_STATE_NULL);
     EXPECT_EQ(GST_STATE(stream.watch.element.Get()), GST_STATE_NULL);
   }
@@ -46,33 +38,28 @@ TEST_F(Guards, FailedStartLeavesThePipelineStopped) {
 TEST_F(Guards, EventsThatAreNotSerializedDoNotDrain) {
   Stream stream(MakeSource(false, " ! valve name=valve"));
   const auto valve = stream.Find("valve");
-  g_object_set(valve.Get(), "drop", TRUE, nullptr);
+  stream.SetDrop(TRUE);
   const auto sink = PadOf(*valve, "sink");
   GST_PAD_STREAM_LOCK(sink.Get());  // the last frame that passes has passed
   GST_PAD_STREAM_UNLOCK(sink.Get());
-  auto change = StartToWait(stream.pipeline, &Pipeline::AddFilters, {Make("identity")});
+  const auto change = StartToWait([&] { stream.pipeline.AddFilters({Make("identity")}); });
   auto* const event = gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM_OOB, gst_structure_new_empty("any"));
   gst_pad_push_event(PadOf(*valve, "src").Get(), event);
   EXPECT_EQ(change.wait_for(100ms), std::future_status::timeout);
-  g_object_set(valve.Get(), "drop", FALSE, nullptr);
+  stream.SetDrop(FALSE);
   change.get();
 }
 
 TEST_F(Guards, FlushThatMeetsStoppedFiltersReachesTheOutputs) {
-  std::atomic<int> flushes = 0;
   Stream stream;
-  const auto filter = faulty::Make();
   const auto feeding = PadOf(*stream.pipeline.GetInput(), "src");
-  AddProbe(*PadOf(*stream.watch.element, "sink"), GST_PAD_PROBE_TYPE_EVENT_FLUSH, [&](auto&...) {
-    ++flushes;
-    return GST_PAD_PROBE_OK;
-  });
+  const auto filter = faulty::Make();
   faulty::Of(filter.Get()).blocks = GST_STATE_CHANGE_NULL_TO_READY;
   auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({filter}); });
   Await([&] { return GST_OBJECT_PARENT(filter.Get()) != nullptr; });
   gst_pad_push_event(feeding.Get(), gst_event_new_flush_start());
   change.get();
-  EXPECT_EQ(flushes, 1);
+  EXPECT_TRUE(GST_PAD_IS_FLUSHING(PadOf(*stream.watch.element, "sink").Get()));
 }
 
 TEST_F(Guards, OutputRestartsWithFramesInItsQueue) {
@@ -107,20 +94,6 @@ TEST_F(Guards, OutputThatCannotRestartStaysCutOff) {
   FaultsOf(output, "last").fails = Faults::kNone;
 }
 
-// The tee asks its first output first.
-TEST_F(Guards, AllocationQueriesOvertakeTheQueueOfAnOutput) {
-  Stream stream(MakeSource(true));
-  const Watch slow(Parse("queue ! identity sleep-time=1000000 ! fakesink"));
-  stream.pipeline.EraseOutputs({stream.watch.element});
-  stream.pipeline.AddOutputs({slow.element});
-  stream.pipeline.EraseOutputs({slow.element});
-  stream.pipeline.AddOutputs({slow.element, stream.watch.element});
-  slow.AwaitFrames(30);
-  SetDeadline(15);
-  stream.pipeline.AddFilters({Make("identity")});
-  stream.watch.AwaitFrames();
-}
-
 TEST_F(Guards, OutputThatRefusesEosIsNamedAtOnce) {
   const auto output = faulty::Make("refusing");
   faulty::Of(output.Get()).flow = GST_FLOW_NOT_LINKED;
@@ -133,27 +106,20 @@ TEST_F(Guards, OutputThatRefusesEosIsNamedAtOnce) {
 
 TEST_F(Guards, FlushingOutputReceivesEosAfterwards) {
   Stream stream;
+  stream.AwaitState();
   const auto sink = PadOf(*stream.pipeline.GetOutputs().front().queue, "sink");
   gst_pad_send_event(sink.Get(), gst_event_new_flush_start());
-  auto finished = std::async(std::launch::async, [&] { stream.pipeline.FinishOutputs({stream.watch.element}, 200s); });
-  EXPECT_EQ(finished.wait_for(100ms), std::future_status::timeout);
+  const auto finished = StartToWait([&] { stream.pipeline.FinishOutputs({stream.watch.element}, 200s); });
   gst_pad_send_event(sink.Get(), gst_event_new_flush_stop(FALSE));
   finished.get();
   EXPECT_EQ(stream.watch.eos, 1U);
 }
 
 TEST_F(Guards, StopEndsTheWaitForAPushToThePlaceholder) {
-  std::atomic<bool> is_stuck = false;
-  Stream stream(MakeSource(), {}, false);
+  Stream stream;
   stream.pipeline.EraseOutputs({stream.watch.element});
-  const auto pad = PadOf(*stream.Find("dummy_output"), "sink");
-  AddProbe(*pad, GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER, [&](auto&...) {
-    is_stuck = true;
-    return GST_PAD_PROBE_OK;
-  });
-  stream.pipeline.SetEnable(true);
-  Await([&] { return is_stuck.load(); });
-  auto change = StartToWait(stream.pipeline, &Pipeline::AddOutputs, {stream.watch.element});
+  Block(*stream.Find("dummy_output"));
+  const auto change = StartToWait([&] { stream.pipeline.AddOutputs({stream.watch.element}); });
   stream.pipeline.SetEnable(false);
   EXPECT_THROW(change.get(), std::runtime_error);
 }
@@ -180,10 +146,8 @@ TEST_F(Guards, RefusedEosOfADrainDoesNotReachTheOutputs) {
     return forward(pad, element, event) != FALSE && !is_eos;
   });
   Stream stream(MakeSource(), {filter});
-  const auto other = Make("identity");
   for (int i = 0; i < 50; ++i) {
-    stream.pipeline.AddFilters({other});
-    stream.pipeline.EraseFilters({other});
+    stream.AddAndEraseFilter("identity");
   }
   EXPECT_EQ(stream.watch.eos, 0U);
 }
@@ -216,17 +180,6 @@ TEST_F(Guards, InputThatDidNotStartRefusesFilters) {
   Stream stream;
   EXPECT_THROW(stream.pipeline.SetInput(input), std::runtime_error);
   EXPECT_THROW(stream.pipeline.AddFilters({Make("identity")}), std::runtime_error);
-}
-
-TEST_F(Guards, StreamStartAfterAFailedStartIsIgnored) {
-  std::atomic<int> starts = 0;
-  const auto filter = faulty::Make();
-  Stream stream(MakeSource(true), {filter}, false);
-  const auto on_start = stream.pipeline.GetBus().Bind(GST_MESSAGE_STREAM_START, [&](const GstMessage&) { ++starts; });
-  faulty::Of(filter.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_PLAYING;
-  EXPECT_THROW(stream.pipeline.SetEnable(true), std::runtime_error);
-  Await([&] { return starts > 0; });
-  EXPECT_EQ(stream.pipeline.GetState(), Pipeline::State::Stopped);
 }
 
 TEST_F(Guards, MissingFilterLeavesTheOthersErased) {
