@@ -36,10 +36,10 @@ class Finish : public Test {
   ~Finish() override { std::filesystem::remove_all(folder); }
 
   // Writes a recording, and expects that it lasts as long as the frames that were sent to it.
-  void Record(const std::string& file, const std::string& elements) {
+  void Record(const std::string& file, const std::string& elements, std::size_t frames = 200) {
     const Watch recording(MakeOutput(elements));
     stream.pipeline.AddOutputs({recording.element});
-    recording.AwaitFrames(200);
+    recording.AwaitFrames(frames);
     stream.pipeline.FinishOutputs({recording.element}, 20s);
     // Some files lack the duration of the last frame.
     EXPECT_NEAR(DurationOf(folder / file), static_cast<double>(recording.frames) / 60, 1.1 / 60) << file;
@@ -61,9 +61,11 @@ const std::string kVp8 = "videoconvert ! vp8enc deadline=1 ! ";
 
 TEST_F(Finish, RecordingsAreWholeAndLeaveAnotherOutputIntact) {
   Record("video.mp4", kH264 + "mp4mux ! filesink location=video.mp4");
-  Record("video.webm", kVp8 + "webmmux ! filesink location=video.webm");
   Record("video.mkv", kVp8 + "matroskamux ! filesink location=video.mkv");
   Record("playlist.m3u8", kH264 + "hlssink2 target-duration=1 playlist-length=0");
+  for (int i = 0; i < 200; ++i) {
+    Record("video.webm", kVp8 + "webmmux ! filesink location=video.webm", 3);
+  }
   stream.watch.ExpectWhole();
   EXPECT_EQ(ends, 0);
 }
@@ -79,6 +81,14 @@ TEST_F(Finish, TheLastOutputEndsWithoutThePipeline) {
   stream.pipeline.AddOutputs({next.element});
   next.ExpectWhole();
   EXPECT_EQ(ends, 0);
+}
+
+// Once all sinks of the output bin have posted EOS, it would post one and drop those of its outputs.
+TEST_F(Finish, OutputEndsBesideOneThatHasPostedEos) {
+  const auto ended = Make("fakesink");
+  stream.pipeline.AddOutputs({ended});
+  gst_element_post_message(ended.Get(), gst_message_new_eos(GST_OBJECT(ended.Get())));
+  EXPECT_NO_THROW(stream.pipeline.FinishOutputs({stream.watch.element}, 5s));
 }
 
 TEST_F(Finish, OutputsThatDropEosAreNamedAndDetached) {
