@@ -171,13 +171,14 @@ void Player::Stop(const std::string& /*none*/) {
 
 void Player::Show(const std::string& /*none*/) {
   const auto input = pipeline_.GetInput();
-  std::cout << "state    " << ToText(pipeline_.GetState()) << (pipeline_.GetEnable() ? ", enabled" : ", not enabled")
-            << "\ninput    " << (input ? GetName(*input) : "none") << "\nfilters  " << GetFilterGraph() << '\n';
+  std::ostringstream text;  // written at once, because the bus reader writes lines too
+  text << "state    " << ToText(pipeline_.GetState()) << (pipeline_.GetEnable() ? ", enabled" : ", not enabled")
+       << "\ninput    " << (input ? GetName(*input) : "none") << "\nfilters  " << GetFilterGraph() << '\n';
   for (const auto& output : pipeline_.GetOutputs()) {
     const auto label = "output " + GetName(*output.element);
-    std::cout << label << ": " << report_.GetFrames(label) << '\n';
+    text << label << ": " << report_.GetFrames(label) << '\n';
   }
-  std::cout << std::flush;
+  std::cout << text.str() << std::flush;
 }
 
 void Player::Wait(const std::string& seconds) {

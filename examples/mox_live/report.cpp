@@ -42,20 +42,21 @@ std::string Report::GetFrames(const std::string& label) const {
 }
 
 void Report::Write(std::ostream& stream) const {
-  stream << '\n' << std::left << std::setw(32) << "change" << std::right << std::setw(10) << "ms" << '\n';
+  std::ostringstream table;  // written at once, because the bus reader writes lines too
+  table << '\n' << std::left << std::setw(32) << "change" << std::right << std::setw(10) << "ms" << '\n';
   for (const auto& change : changes_) {
-    stream << std::left << std::setw(32) << change.label << std::right << std::setw(10) << std::fixed
-           << std::setprecision(1) << change.milliseconds << '\n';
+    table << std::left << std::setw(32) << change.label << std::right << std::setw(10) << std::fixed
+          << std::setprecision(1) << change.milliseconds << '\n';
   }
-  stream << '\n'
-         << std::left << std::setw(32) << "frames" << std::right << std::setw(10) << "seen" << std::setw(10) << "lost"
-         << std::setw(10) << "repeated" << '\n';
+  table << '\n'
+        << std::left << std::setw(32) << "frames" << std::right << std::setw(10) << "seen" << std::setw(10) << "lost"
+        << std::setw(10) << "repeated" << '\n';
   for (const auto& [label, counter] : counted_) {
     const Frames frames = counter->Get();
-    stream << std::left << std::setw(32) << label << std::right << std::setw(10) << frames.seen << std::setw(10)
-           << frames.lost << std::setw(10) << frames.repeated << '\n';
+    table << std::left << std::setw(32) << label << std::right << std::setw(10) << frames.seen << std::setw(10)
+          << frames.lost << std::setw(10) << frames.repeated << '\n';
   }
-  stream << std::flush;
+  stream << table.str() << std::flush;
 }
 
 }  // namespace mox_live
