@@ -300,7 +300,7 @@ TEST_F(PipelineTest, MoveAssignmentDestroysTheOldOne) {
   Pipeline other(8, "eight");
   GstPipeline* const element = &other.Get();
   pipeline.SetEnable(true);
-  pipeline = std::move(other);
+  pipeline = Pipeline(std::move(other));
   EXPECT_EQ(&std::as_const(pipeline).Get(), element);
   EXPECT_EQ(References(input), 1);
   EXPECT_EQ(References(output), 1);

@@ -180,6 +180,9 @@ TEST_F(Finish, OutputsThatRefuseToStopRunAgain) {
   faulty::Of(refusing.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_READY;
   EXPECT_THROW(stream.pipeline.FinishOutputs({output}, 20s), std::runtime_error);
   last.AwaitFrames();
+  stream.pipeline.AddOutputs({stream.watch.element});
+  EXPECT_FALSE(stream.Find("dummy_output"));
+  stream.pipeline.EraseOutputs({stream.watch.element});
 
   // The EOS of the first time does not count.
   DropEos(*refusing);
