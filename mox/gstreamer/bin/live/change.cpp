@@ -91,7 +91,8 @@ void DrainAndWait(GstPad& sink, GstPad& source, const std::shared_ptr<Shared>& s
 
 // Events that are not serialized may come from any thread, even while a buffer passes.
 bool IsSerialized(const GstPadProbeInfo& info) {
-  return !GST_IS_EVENT(info.data) || GST_EVENT_IS_SERIALIZED(info.data);
+  return !GST_IS_EVENT(info.data) ||
+         (gst_event_type_get_flags(GST_EVENT_TYPE(info.data)) & GST_EVENT_TYPE_SERIALIZED) != 0;
 }
 
 // Blocks the feeding pad at the next item, and drains the filter bin.
