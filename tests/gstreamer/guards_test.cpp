@@ -119,9 +119,11 @@ TEST_F(Guards, StopEndsTheWaitForAPushToThePlaceholder) {
   Stream stream;
   stream.pipeline.EraseOutputs({stream.watch.element});
   Block(*stream.Find("dummy_output"));
+  const Ptr<GstPad> pad(gst_pad_get_peer(PadOf(*stream.Find("dummy_output"), "sink").Get()));
   const auto change = StartToWait([&] { stream.pipeline.AddOutputs({stream.watch.element}); });
   stream.pipeline.SetEnable(false);
   EXPECT_THROW(change.get(), std::runtime_error);
+  EXPECT_EQ(pad->num_probes, 0) << "the placeholder is still cut off";
 }
 
 TEST_F(Guards, OtherProbesDoNotSeeTheEosOfADrain) {
