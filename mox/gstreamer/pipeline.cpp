@@ -82,6 +82,7 @@ class Pipeline::Impl {
   Impl(unsigned id, const std::string& name)
       : id_(id), pipeline_(Make(id, name)), bus_(check::pipeline::GetBus(*pipeline_, kPipelineError)) {
     on_stream_start_ = bus_.Bind(GST_MESSAGE_STREAM_START, [this](const GstMessage& start) { OnStreamStart(start); });
+    // The reader leaves messages of other types on the bus.
     on_end_of_stream_ = bus_.Bind(GST_MESSAGE_EOS, [](const GstMessage&) {});
     on_error_ = bus_.Bind(GST_MESSAGE_ERROR, [](const GstMessage&) {});
     on_latency_ = bus_.Bind(GST_MESSAGE_LATENCY, [this](const GstMessage&) { gst_bin_recalculate_latency(&Whole()); });
@@ -104,7 +105,10 @@ class Pipeline::Impl {
   friend class Pipeline;
   using Lock = std::unique_lock<std::mutex>;
 
-  /** Surrounds a change of filters or outputs, even one that fails. */
+  /**
+   * Surrounds a change of filters or outputs, even one that fails: takes the mutex, recovers from an
+   * ERROR before and after it, and recalculates the latency.
+   */
   class ChangeScope {
    public:
     explicit ChangeScope(Impl& impl) : lock_(impl.mutex_), impl_(impl) { impl_.Recover(); }

@@ -25,10 +25,10 @@ namespace mox::gstreamer {
  * messages, and ignores EOS, ERROR and late stream-start messages. It always uses the system clock,
  * because an element that provides a clock may be removed.
  *
- * Every operation may be called from any thread except the pipeline's streaming threads. Operations
- * on one pipeline run one after the other: each waits for the previous one, even if that waits for
- * data. `Get`, `GetId`, `GetEnable`, `GetContext` and `GetBus` wait for nothing, and `GetState`
- * only while `SetEnable` changes the state. If `SetEnable(true)` has started the pipeline,
+ * `Get`, `GetId`, `GetEnable`, `GetContext` and `GetBus` may be called from any thread, and wait for
+ * nothing. Every other operation may be called from any thread except the pipeline's streaming
+ * threads. `GetState` waits only while `SetEnable` changes the state. The others run one after the
+ * other: each waits for the previous one, even if that waits for data. If `SetEnable(true)` has started the pipeline,
  * `SetEnable(false)` ends a change of filters or outputs that waits. A pipeline must not be
  * destroyed during a call. Destroy several pipelines in parallel, because each takes up to 500 ms.
  *

@@ -44,7 +44,7 @@ constexpr const char* kOutputs[] = {"queue ! fakesink",
 
 constexpr auto kIsPaced = "is-paced";
 
-/** What the walkers share. */
+/** The pipeline of all walkers. */
 struct Ground {
   Ground() {
     // Numbers the frames where the library receives them. From here on none may be missing.
@@ -64,7 +64,7 @@ struct Ground {
       GstBuffer* const frame = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(&info));
       GST_BUFFER_OFFSET(frame) = number++;
       info.data = frame;
-    } else if (Starts(*GST_PAD_PROBE_INFO_EVENT(&info), stream)) {
+    } else if (UpdateStream(*GST_PAD_PROBE_INFO_EVENT(&info), stream)) {
       number = 0;
     }
   }
@@ -158,7 +158,7 @@ struct Walker {
     }
   }
 
-  // Otherwise many threads would restart the stream before a first frame has passed the filters.
+  // Without a wait, many threads restart the stream before a first frame has passed the filters.
   void MaybeAwaitFrame() {
     if (Below(4) > 0) {
       ground.leaving.AwaitFrames(1);
@@ -391,7 +391,7 @@ std::size_t CountOwn(const std::string& kind) {
   return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/" + kind), {}));
 }
 
-/** What the process holds. */
+/** The resources of the process. */
 struct Holding {
   // Waits for threads that GLib keeps for a moment, and for elements in a last message.
   Holding(const Ground& ground, std::size_t threads_at_rest) {

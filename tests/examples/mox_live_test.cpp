@@ -199,7 +199,7 @@ TEST_F(MoxLive, RecordingsAreWholeHoweverTheyEnd) {
   }
 }
 
-// The end of the recording waits for a valve that drops the EOS.
+// The first interrupt waits for an output whose valve drops the EOS.
 TEST_F(MoxLive, ASecondInterruptEndsTheProgramAtOnce) {
   Start("-i", kInput, "-o", "( name=stuck identity ! valve drop-mode=drop-all name=valve ! fakesink )", "-o", kScreen);
   Write("start\n");

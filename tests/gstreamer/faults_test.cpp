@@ -177,7 +177,7 @@ TEST_F(Faulty, TransientNotNegotiatedDoesNotEndTheStream) {
   stream.watch.AwaitFrames();
 }
 
-// Otherwise the threads of the others would continue, and GStreamer would wait for them.
+// If the others were left running, GStreamer would wait for their threads.
 TEST_F(Faulty, DestructionStopsTheElementsBesideOneThatRefuses) {
   const auto filter = MakeFaulty("queue ! faulty name=faulty");
   const auto refusing = FindFaulty(filter);
@@ -234,7 +234,7 @@ struct FailedAllocation : live::Test {
       until_failure = succeeding;
       try {
         call();
-      } catch (const std::bad_alloc&) {  // or another call has to fail
+      } catch (const std::bad_alloc&) {  // the call may also survive the failure
       }
       has_failed = until_failure.exchange(-1) < 0;
     }
@@ -270,7 +270,7 @@ TEST_F(FailedAllocation, OfAnExchangeIsRepairedByTheNext) {
   FailEach(exchange, exchange);
 }
 
-TEST_F(FailedAllocation, DoesNotLeaveAnAllocationQuery) {
+TEST_F(FailedAllocation, OfAnAllocationQueryRefusesIt) {
   const auto sink = PadOf(*pipeline.GetOutputs().front().queue, "sink");
   const Ptr<GstQuery> query(gst_query_new_allocation(nullptr, FALSE));
   FailEach([&] { gst_pad_query(sink.Get(), query.Get()); }, [] {});

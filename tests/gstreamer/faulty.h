@@ -15,7 +15,7 @@ namespace faulty {
 
 using mox::gstreamer::Ptr;
 
-/** What goes wrong with an element. May be set at any time, from any thread. */
+/** The faults of an element. May be set at any time, from any thread. */
 struct Faults {
   static constexpr int kNone = 0;
   static constexpr int kDrops = GST_BASE_TRANSFORM_FLOW_DROPPED;

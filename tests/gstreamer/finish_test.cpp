@@ -155,7 +155,6 @@ TEST_F(Finish, AfterTheEndOfTheStreamThereIsNothingToWaitFor) {
 // The allocation query that follows a new output, and the queries of a decoder, would wait for the
 // output that is stuck.
 TEST_F(Finish, StuckOutputsBlockNoOther) {
-  static std::atomic<bool> asks = false;
   const Watch other(Make("fakesink"));
   const Watch third(Make("fakesink"));
   stream.pipeline.AddOutputs({other.element});
@@ -163,17 +162,18 @@ TEST_F(Finish, StuckOutputsBlockNoOther) {
   Block(*stream.watch.element);
   stream.pipeline.AddOutputs({third.element});
   const Ptr<GstPad> pad(gst_pad_get_peer(PadOf(*stream.pipeline.GetOutputs().front().queue, "sink").Get()));
-  AddProbe(*PadOf(*stream.Find("output_tee"), "sink"), GST_PAD_PROBE_TYPE_BUFFER, [pad](auto&...) {
-    if (asks) {
+  const auto asks = std::make_shared<std::atomic<bool>>(false);  // the probe outlasts the test
+  AddProbe(*PadOf(*stream.Find("output_tee"), "sink"), GST_PAD_PROBE_TYPE_BUFFER, [pad, asks](auto&...) {
+    if (*asks) {
       gst_pad_peer_query(pad.Get(), Ptr<GstQuery>(gst_query_new_drain()).Get());
     }
     return GST_PAD_PROBE_OK;
   });
   auto finished = std::async(std::launch::async, [&] { stream.pipeline.FinishOutputs({stream.watch.element}, 2s); });
   Await([&] { return pad->num_probes > 0; });
-  asks = true;
+  *asks = true;
   other.ExpectWhole();
-  asks = false;
+  *asks = false;
   EXPECT_EQ(finished.wait_for(0s), std::future_status::timeout) << "the others waited for the output that is stuck";
   EXPECT_THROW(finished.get(), std::runtime_error);
   third.ExpectWhole();

@@ -58,6 +58,7 @@ TEST_F(Guards, FlushThatMeetsStoppedFiltersReachesTheOutputs) {
   auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({filter}); });
   Await([&] { return GST_OBJECT_PARENT(filter.Get()) != nullptr; });
   gst_pad_push_event(feeding.Get(), gst_event_new_flush_start());
+  EXPECT_EQ(change.wait_for(0s), std::future_status::timeout) << "the filters have started";
   change.get();
   EXPECT_TRUE(GST_PAD_IS_FLUSHING(PadOf(*stream.watch.element, "sink").Get()));
 }
@@ -101,7 +102,9 @@ TEST_F(Guards, OutputThatRefusesEosIsNamedAtOnce) {
   stream.pipeline.AddOutputs({output});
   const auto pad = PadOf(*stream.pipeline.GetOutputs().at(1).queue, "src");
   Await([&] { return gst_pad_get_last_flow_return(pad.Get()) == GST_FLOW_NOT_LINKED; });
-  EXPECT_THROW(stream.pipeline.FinishOutputs({output}, 200s), std::runtime_error);
+  SetDeadline(15);
+  EXPECT_THAT([&] { stream.pipeline.FinishOutputs({output}, 200s); },
+              testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr("'refusing [refusing]'")));
 }
 
 TEST_F(Guards, FlushingOutputReceivesEosAfterwards) {
@@ -202,11 +205,13 @@ TEST_F(Guards, StopEndsAChangeThatOvertakesIt) {
       stream.pipeline.SetEnable(false);
     }
   });
+  SetDeadline(30);
   for (int i = 0; i < 100; ++i) {
     stream.pipeline.SetEnable(true);
     try {
       stream.AddAndEraseFilter("identity");
-    } catch (const std::runtime_error&) {  // ended by the stop
+    } catch (const std::runtime_error& error) {
+      EXPECT_STREQ(error.what(), "Cannot change the filters because the pipeline is being stopped");
     }
   }
   is_over = true;
@@ -276,6 +281,7 @@ TEST_F(Guards, FlushDuringAChangeLetsUpstreamRenegotiate) {
                                                          GST_SEEK_TYPE_NONE, 0));
   });
   Await([&] { return GST_PAD_IS_FLUSHING(feeding.Get()); });
+  EXPECT_EQ(change.wait_for(0s), std::future_status::timeout) << "the filters have started";
   change.get();
   seeking.wait();
   stream.watch.AwaitFrames();
@@ -285,18 +291,18 @@ TEST_F(Guards, FlushDuringAChangeLetsUpstreamRenegotiate) {
 // The caps event for the first output waits at the filter.
 TEST_F(Guards, OutputsThatShareNoCapsAreRefusedBeforeTheCapsArrive) {
   const auto filter = Make("identity");
-  std::atomic<bool> holds = false;
+  std::atomic<bool> blocks_caps = false;
   Stream stream(MakeSource(true, ",format=I420"), {filter});
   AddProbe(*PadOf(*filter, "sink"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [&](GstPad&, auto& info) {
     if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(&info)) == GST_EVENT_CAPS) {
-      Await([&] { return !holds; });
+      Await([&] { return !blocks_caps; });
     }
     return GST_PAD_PROBE_OK;
   });
-  holds = true;
+  blocks_caps = true;
   EXPECT_THROW(stream.pipeline.AddOutputs({Parse(kRgb), Parse("capsfilter caps=video/x-raw,format=I420 ! fakesink")}),
                std::runtime_error);
-  holds = false;
+  blocks_caps = false;
   EXPECT_EQ(stream.pipeline.GetOutputs().size(), 2U);
 }
 
@@ -343,16 +349,16 @@ bool IsAllocation(GstPadProbeInfo& info) {
 // The queue has room, so that the query reaches it although the pipeline is paused. It has been
 // refused once a buffer follows.
 TEST_F(Guards, RefusedAllocationQueryComesAgainOnceTheOutputPlays) {
-  std::atomic<bool> has_arrived = false;
-  std::atomic<bool> is_refused = false;
+  enum Step { kNone, kAsked, kArrived, kFollowed };
+  std::atomic<Step> step = kNone;
   std::atomic<int> answered = 0;
   Stream stream(MakeSource(false, " ! identity sleep-time=1000"), {}, false);
   const auto queue = stream.pipeline.GetOutputs().front().queue;
   g_object_set(queue.Get(), "max-size-buffers", 0, "max-size-time", guint64(0), nullptr);
   const auto sink = PadOf(*queue, "sink");
   AddProbe(*sink, GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM | GST_PAD_PROBE_TYPE_BUFFER, [&](GstPad&, auto& info) {
-    has_arrived = has_arrived || IsAllocation(info);
-    is_refused = has_arrived && !IsAllocation(info);
+    Step before = IsAllocation(info) ? kAsked : kArrived;
+    step.compare_exchange_strong(before, static_cast<Step>(before + 1));
     return GST_PAD_PROBE_OK;
   });
   AddProbe(*PadOf(*stream.watch.element, "sink"), GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM, [&](GstPad&, auto& info) {
@@ -362,9 +368,9 @@ TEST_F(Guards, RefusedAllocationQueryComesAgainOnceTheOutputPlays) {
   auto& element = *GST_ELEMENT(&stream.pipeline.Get());
   gst_element_set_state(&element, GST_STATE_PAUSED);
   gst_element_get_state(&element, nullptr, nullptr, GST_CLOCK_TIME_NONE);
-  has_arrived = false;
+  step = kAsked;
   gst_pad_push_event(sink.Get(), gst_event_new_reconfigure());
-  Await([&] { return has_arrived && is_refused; });
+  Await([&] { return step == kFollowed; });
   const int before = answered;
   gst_element_set_state(&element, GST_STATE_PLAYING);
   Await([&] { return answered > before; });

@@ -12,6 +12,7 @@
 #include <functional>
 #include <future>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -75,10 +76,14 @@ inline gulong AddProbe(GstPad& pad, int types, std::function<GstPadProbeReturn(G
 
 /** Aborts after this many seconds, unless it is called again. With gdb it prints all stacks. */
 inline void SetDeadline(unsigned seconds = 280) {
+  // The handler may interrupt malloc, so it allocates nothing. A second alarm ends a gdb that hangs.
+  static const std::string print_stacks =
+      "echo 'a thread hangs' 1>&2; gdb -batch -nx -ex 'thread apply all bt' -p " + std::to_string(getpid()) + " 1>&2";
   std::signal(SIGALRM, [](int) {
+    std::signal(SIGALRM, SIG_DFL);
+    alarm(60);
     prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
-    const std::string command = "gdb -batch -nx -ex 'thread apply all bt' -p " + std::to_string(getpid()) + " 1>&2";
-    std::cerr << "a thread hangs; gdb returned " << std::system(command.c_str()) << std::endl;
+    [[maybe_unused]] const int status = std::system(print_stacks.c_str());
     std::abort();
   });
   alarm(seconds);
@@ -94,7 +99,13 @@ void Await(const Condition& condition) {
 
 /** Starts a change on another thread, and expects that it waits. */
 inline std::shared_future<void> StartToWait(const std::function<void()>& change) {
-  auto waiting = std::async(std::launch::async, change).share();
+  std::promise<void> started;
+  const auto start = [&started, change] {
+    started.set_value();
+    change();
+  };
+  auto waiting = std::async(std::launch::async, start).share();
+  started.get_future().wait();
   EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout) << "it does not wait";
   return waiting;
 }
@@ -106,9 +117,9 @@ inline void Block(GstElement& sink) {
   Await([&] { return gst_pad_is_blocking(pad.Get()) != FALSE; });
 }
 
-/** Returns true if the event starts another stream. A new link repeats the old event. */
-inline bool Starts(GstEvent& event, guint& stream) {
-  const guint before = stream;
+/** Updates the group of a stream. Returns true if the event starts another stream. */
+inline bool UpdateStream(GstEvent& event, guint& stream) {
+  const guint before = stream;  // a new link repeats the event
   return GST_EVENT_TYPE(&event) == GST_EVENT_STREAM_START && gst_event_parse_group_id(&event, &stream) != FALSE &&
          stream != before;
 }
@@ -117,21 +128,76 @@ MATCHER(IsIntact, "lost, repeated or reordered no frame and received no EOS") {
   return arg.lost == 0U && arg.misplaced == 0U && arg.eos == 0U;
 }
 
+/** Counts what reaches a pad. */
+struct Counter {
+  explicit Counter(Ptr<GstElement> of) : element(std::move(of)) {}
+
+  void Count(GstPadProbeInfo& info) {
+    if ((info.type & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
+      OnFrame(*GST_PAD_PROBE_INFO_BUFFER(&info));
+    } else {
+      OnEvent(*GST_PAD_PROBE_INFO_EVENT(&info));
+    }
+  }
+
+  void OnFrame(const GstBuffer& frame) {
+    const guint64 number = GST_BUFFER_OFFSET(&frame);
+    const guint64 expected = next == GST_BUFFER_OFFSET_NONE ? number : next.load();
+    if (number > expected && !IsStopping()) {
+      lost += number - expected;
+    }
+    misplaced += number < expected ? 1 : 0;
+    next = number + 1;
+    was_flushed = false;
+    ++frames;
+  }
+
+  void OnEvent(GstEvent& event) {
+    const guint before = stream;
+    eos += GST_EVENT_TYPE(&event) == GST_EVENT_EOS ? 1 : 0;
+    if (UpdateStream(event, stream)) {
+      misplaced += stream < before ? 1 : 0;
+      next = before == 0 || was_flushed ? GST_BUFFER_OFFSET_NONE : 0;
+    } else if (GST_EVENT_TYPE(&event) == GST_EVENT_FLUSH_STOP) {
+      // Frames have been discarded, maybe the first of a stream without stream-start.
+      was_flushed = true;
+      next = GST_BUFFER_OFFSET_NONE;
+    }
+  }
+
+  // Returns true while the element, or a bin around it, stops. Sinks that have stopped make queues
+  // upstream drop buffers, and those that are still in PAUSED may receive later ones, which they
+  // never render.
+  bool IsStopping() const {
+    Ptr<GstObject> object(GST_OBJECT(gst_object_ref(element.Get())));
+    while (object && GST_STATE_TARGET(object.Get()) >= GST_STATE_PAUSED) {
+      object = Ptr<GstObject>(gst_object_get_parent(object.Get()));
+    }
+    return static_cast<bool>(object);
+  }
+
+  const Ptr<GstElement> element;
+  std::atomic<std::size_t> frames = 0;
+  std::atomic<std::size_t> lost = 0;
+  std::atomic<std::size_t> misplaced = 0;
+  std::atomic<std::size_t> eos = 0;
+  guint stream = 0;  // of the streaming thread
+  std::atomic<bool> was_flushed = false;
+  std::atomic<guint64> next = GST_BUFFER_OFFSET_NONE;
+};
+
 /**
  * Counts what reaches an element's "sink" pad, and every step in the frames' numbers that is not
- * one. The first frame may have any number, that of a later stream has number 0.
+ * one. The first frame may have any number. A later stream starts at 0.
  */
 class Watch {
  public:
-  explicit Watch(Ptr<GstElement> watched) : element(std::move(watched)), pad_(PadOf(*element, "sink")) {
+  explicit Watch(const Ptr<GstElement>& watched) : counter_(std::make_shared<Counter>(watched)) {
     constexpr auto items =
         GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM | GST_PAD_PROBE_TYPE_EVENT_FLUSH;
-    probe_ = AddProbe(*pad_, items, [this](GstPad&, GstPadProbeInfo& info) {
-      if ((info.type & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
-        OnFrame(*GST_PAD_PROBE_INFO_BUFFER(&info));
-      } else {
-        OnEvent(*GST_PAD_PROBE_INFO_EVENT(&info));
-      }
+    // The callback may outlast this object.
+    probe_ = AddProbe(*pad_, items, [counter = counter_](GstPad&, GstPadProbeInfo& info) {
+      counter->Count(info);
       return GST_PAD_PROBE_OK;
     });
   }
@@ -155,53 +221,18 @@ class Watch {
                   << watch.eos << " EOS";
   }
 
-  const Ptr<GstElement> element;
-  std::atomic<std::size_t> frames = 0;
-  std::atomic<std::size_t> lost = 0;
-  std::atomic<std::size_t> misplaced = 0;  ///< Repeated or out of order.
-  std::atomic<std::size_t> eos = 0;
+ private:
+  const std::shared_ptr<Counter> counter_;
+
+ public:
+  const Ptr<GstElement>& element = counter_->element;
+  const std::atomic<std::size_t>& frames = counter_->frames;
+  const std::atomic<std::size_t>& lost = counter_->lost;
+  const std::atomic<std::size_t>& misplaced = counter_->misplaced;  ///< Repeated or out of order.
+  const std::atomic<std::size_t>& eos = counter_->eos;
 
  private:
-  // Returns true while the element, or a bin around it, stops. Sinks that have stopped make queues
-  // upstream drop buffers, and those that are still in PAUSED may receive later ones, which they
-  // never render.
-  bool IsStopping() const {
-    Ptr<GstObject> object(GST_OBJECT(gst_object_ref(element.Get())));
-    while (object && GST_STATE_TARGET(object.Get()) >= GST_STATE_PAUSED) {
-      object = Ptr<GstObject>(gst_object_get_parent(object.Get()));
-    }
-    return static_cast<bool>(object);
-  }
-
-  void OnFrame(const GstBuffer& frame) {
-    const guint64 number = GST_BUFFER_OFFSET(&frame);
-    const guint64 expected = next_ == GST_BUFFER_OFFSET_NONE ? number : next_.load();
-    if (number > expected && !IsStopping()) {
-      lost += number - expected;
-    }
-    misplaced += number < expected ? 1 : 0;
-    next_ = number + 1;
-    was_flushed_ = false;
-    ++frames;
-  }
-
-  void OnEvent(GstEvent& event) {
-    const guint before = stream_;
-    eos += GST_EVENT_TYPE(&event) == GST_EVENT_EOS ? 1 : 0;
-    if (Starts(event, stream_)) {
-      misplaced += stream_ < before ? 1 : 0;
-      next_ = before == 0 || was_flushed_ ? GST_BUFFER_OFFSET_NONE : 0;
-    } else if (GST_EVENT_TYPE(&event) == GST_EVENT_FLUSH_STOP) {
-      // Frames have been discarded, maybe the first of a stream without stream-start.
-      was_flushed_ = true;
-      next_ = GST_BUFFER_OFFSET_NONE;
-    }
-  }
-
-  guint stream_ = 0;  // of the streaming thread
-  std::atomic<bool> was_flushed_ = false;
-  std::atomic<guint64> next_ = GST_BUFFER_OFFSET_NONE;
-  Ptr<GstPad> pad_;
+  Ptr<GstPad> pad_ = PadOf(*element, "sink");
   gulong probe_ = 0;
 };
 
@@ -242,8 +273,9 @@ struct Stream {
 /** Initialises GStreamer. Its warnings, for example about misordered events, fail the test. */
 class Test : public testing::Test {
  protected:
+  void SetUp() override { SetDeadline(); }
+
   static void SetUpTestSuite() {
-    SetDeadline();
     gst_init(nullptr, nullptr);
     const auto fail = [](const char*, GLogLevelFlags, const char* message, gpointer) { ADD_FAILURE() << message; };
     g_log_set_handler("GStreamer", G_LOG_LEVEL_WARNING, fail, nullptr);

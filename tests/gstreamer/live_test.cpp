@@ -101,8 +101,8 @@ TEST_F(Live, SizeThatUpstreamCannotChangeIsRefused) {
   }
 }
 
-// Outputs that receive no frame, wait for the clock, or take half a minute for the second of video
-// in each of their queues. Allocation queries overtake that.
+// The outputs receive no frame, wait for the clock, or take half a minute for the second of video in
+// each of their queues. Allocation queries overtake that video.
 TEST_F(Live, ChangesDoNotWaitForSlowOutputs) {
   std::atomic<bool> is_full = false;
   Stream stream(MakeSource(true));

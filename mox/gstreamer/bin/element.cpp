@@ -51,6 +51,11 @@ Ptr<GstPad> GetPeer(GstPad& pad) {
   return check::pad::GetPeer(pad, kPadError);
 }
 
+PadProbe BlockOnceIdle(GstPad& pad) {
+  constexpr auto types = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
+  return {pad, types, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; }};
+}
+
 Ptr<GstElement> Next(GstElement& element) {
   return check::pad::GetParentElement(*GetPeer(*GetSource(element)), kPadError);
 }

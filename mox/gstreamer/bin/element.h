@@ -2,6 +2,7 @@
 #define MOX_GSTREAMER_BIN_ELEMENT_H
 
 #include "mox/gstreamer/check/ptr.h"
+#include "mox/gstreamer/pad_probe.h"
 
 #include <vector>
 
@@ -44,6 +45,9 @@ Ptr<GstPad> GetSink(GstElement& element);
 Ptr<GstPad> GetSource(GstElement& element);
 Ptr<GstPad> GetPeer(GstPad& pad);
 ///@}
+
+/** Adds a probe whose future is ready once the pad is idle, and that blocks the pad from then on. */
+PadProbe BlockOnceIdle(GstPad& pad);
 
 /** Returns the element downstream of the static "src" pad. */
 Ptr<GstElement> Next(GstElement& element);

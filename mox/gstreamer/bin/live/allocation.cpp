@@ -3,7 +3,6 @@
 #include "mox/gstreamer/bin/element.h"
 #include "mox/gstreamer/bin/live/change.h"
 #include "mox/gstreamer/bin/live/cut_off.h"
-#include "mox/gstreamer/pad_probe.h"
 
 #include <chrono>
 #include <future>
@@ -45,10 +44,10 @@ GstPadProbeReturn OnBuffer(GstPad* sink, GstPadProbeInfo* /*info*/, gpointer que
   return GST_PAD_PROBE_REMOVE;
 }
 
-gboolean Answer(GstPad& sink, GstElement& queue, GstQuery& query) {
+gboolean AnswerAllocation(GstPad& sink, GstElement& queue, GstQuery& query) {
   const auto source = GetSource(queue);
   // Blocks the pad, so that the output stays idle while it answers.
-  PadProbe idle(*source, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+  PadProbe idle = BlockOnceIdle(*source);
   const auto is_idle = idle.GetFuture();
   // A pause or a flush may take a playing output back to its preroll, so check the state at every
   // slice.
@@ -71,7 +70,7 @@ gboolean OnQuery(GstPad* sink, GstObject* queue, GstQuery* query) noexcept {
     return static_cast<QueueState*>(sink->querydata)->query_function(sink, queue, query);
   }
   try {
-    return Answer(*sink, *GST_ELEMENT(queue), *query);
+    return AnswerAllocation(*sink, *GST_ELEMENT(queue), *query);
   } catch (...) {
     return FALSE;  // upstream then allocates on its own
   }

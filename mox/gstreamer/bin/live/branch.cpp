@@ -7,7 +7,6 @@
 #include "mox/gstreamer/bin/live/negotiation.h"
 #include "mox/gstreamer/check/bin.h"
 #include "mox/gstreamer/check/element.h"
-#include "mox/gstreamer/pad_probe.h"
 
 #include <optional>
 #include <string_view>
@@ -41,16 +40,14 @@ bool HasAllEvents(GstPad& source, GstPad& sink) {
 
 // Blocks items upstream of the tee while its pads are requested and released. An event that passes
 // meanwhile would miss a new pad, and would fail at a released one and end the stream. A buffer
-// inside the tee does no harm. The constructor does not wait for it, because a slow output may keep
-// it there for long.
+// inside the tee does no harm. The constructor waits for an event that is passing, but not for a
+// buffer, because a slow output may keep it there for long.
 class BlockedTee {
  public:
   // A stop ends the wait. The constructor then raises `Stopped`, or returns if `raises` is false,
   // because an event that fails during a stop does no harm.
   BlockedTee(GstBin& outputBin, GstElement& tee, bool raises)
-      : sink_(GetSink(tee)),
-        entrance_(GetPeer(*sink_)),
-        probe_(*entrance_, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; }) {
+      : sink_(GetSink(tee)), entrance_(GetPeer(*sink_)), probe_(BlockOnceIdle(*entrance_)) {
     try {
       if (!HasAllEvents(*entrance_, *sink_)) {
         Await(outputBin, probe_.GetFuture());
@@ -121,7 +118,7 @@ void LetAllocationOvertakeQueues(const Branch& branch) {
 void Restart(GstPad& pad, const Branch& branch) noexcept try {
   // Nothing may reach the pad before it is reconnected. Otherwise the stream's events, which the
   // restarted queue needs again, are dropped. Items that are dropped do not delay the block.
-  PadProbe blocked(pad, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+  PadProbe blocked = BlockOnceIdle(pad);
   blocked.GetFuture().wait();
   const NoPreroll no_preroll(branch.output);  // at the start, and after the flush
   // Start the output first. In PAUSED it would keep a buffer, and the queue could not stop.
@@ -172,7 +169,7 @@ Ptr<GstElement> FindFlowingFilterBin(GstBin& outputBin) {
 
 // Links a running branch to the tee. The placeholder accepts all caps, and is linked even if the
 // pipeline is stopped.
-void Join(GstBin& outputBin, GstElement& tee, const Branch& branch) {
+void LinkToTee(GstBin& outputBin, GstElement& tee, const Branch& branch) {
   GstElement& first = branch.GetFirst();
   const bool is_placeholder = !branch.queue;
   const auto filter_bin = FindFlowingFilterBin(outputBin);
@@ -204,7 +201,7 @@ void Remove(GstBin& outputBin, GstElement& tee, const Branch& branch) {
   if (branch.queue) {
     check::bin::RemoveElement(outputBin, *branch.queue, kBinError);
   }
-  Forget(branch);
+  Unmark(branch);
 }
 
 }  // namespace
@@ -222,7 +219,7 @@ void Attach(GstBin& outputBin, GstElement& tee, const Branch& branch) {
       check::element::LinkElement(*branch.queue, *branch.output, kElementError);
     }
     lock.reset();
-    Join(outputBin, tee, branch);
+    LinkToTee(outputBin, tee, branch);
   } catch (...) {
     if (!lock) {
       lock.emplace(*GST_ELEMENT(&outputBin));

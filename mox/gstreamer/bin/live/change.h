@@ -28,7 +28,7 @@ class StopRequest {
   GstBin& bin_;
 };
 
-/** @throws Stopped if a stop of the bin is requested */
+/** Throws `Stopped` if a stop of the bin is requested. */
 void CheckStop(GstBin& bin);
 
 /** The interval at which a wait checks for a stop or a paused task, because neither wakes it. */
@@ -42,18 +42,14 @@ void Await(GstBin& bin, const Future& future) {
   }
 }
 
-/** The types of a probe that GStreamer calls once the pad is idle, and that then blocks the pad. */
-inline constexpr auto kIdleOrBlocked =
-    static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_IDLE | GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM);
-
 /**
  * A change that is made while the filter bin is drained: of its filters, or of elements downstream.
  */
 struct Change {
   GstBin& stoppable;           ///< The bin whose stop ends the wait for the drain.
   GstElement& named;           ///< Named by the error if it needs caps that upstream cannot send.
-  std::function<void()> make;  ///< Makes the change; called once, with the filter bin in NULL.
-  std::function<void()> undo;  ///< Restores the state before `make`, with the filter bin in NULL if it stops.
+  std::function<void()> make;  ///< Makes the change; called at most once, with the filter bin in NULL.
+  std::function<void()> undo;  ///< Restores the state before `make`, with the filter bin in NULL.
 };
 
 /**

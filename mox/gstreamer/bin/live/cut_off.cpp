@@ -1,7 +1,7 @@
 #include "mox/gstreamer/bin/live/cut_off.h"
 
+#include "mox/gstreamer/bin/element.h"
 #include "mox/gstreamer/bin/live/change.h"
-#include "mox/gstreamer/pad_probe.h"
 
 #include <optional>
 
@@ -57,11 +57,11 @@ void CutOff(GstPad& pad, const Branch& branch) {
 }
 
 void Reconnect(GstPad& pad, const Branch& branch) {
-  Forget(branch);
+  Unmark(branch);
   gst_pad_remove_probe(&pad, GPOINTER_TO_SIZE(g_object_steal_data(G_OBJECT(&pad), kProbe)));
 }
 
-void Forget(const Branch& branch) {
+void Unmark(const Branch& branch) {
   Mark(branch, nullptr);
 }
 
@@ -78,7 +78,7 @@ void WaitUntilIdle(GstBin& outputBin, GstPad& pad, const Branch& branch) {
   if (branch.queue) {
     unlimited.emplace(*branch.queue);
   }
-  PadProbe idle(pad, kIdleOrBlocked, [](GstPad&, GstPadProbeInfo&) { return GST_PAD_PROBE_OK; });
+  PadProbe idle = BlockOnceIdle(pad);
   Await(outputBin, idle.GetFuture());
 }
 

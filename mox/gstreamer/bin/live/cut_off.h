@@ -19,7 +19,7 @@ void CutOff(GstPad& pad, const Branch& branch);
 void Reconnect(GstPad& pad, const Branch& branch);
 
 /** Removes the marks of a branch whose pad has been released. */
-void Forget(const Branch& branch);
+void Unmark(const Branch& branch);
 
 /**
  * Returns true if the element, or a bin around it, is part of a branch that is cut off. Such an
@@ -28,7 +28,8 @@ void Forget(const Branch& branch);
 bool IsInsideCutOff(GstElement& element) noexcept;
 
 /**
- * Waits until nothing is passing the tee's pad of a branch, which may be a push to a slow output.
+ * Waits until no push through the tee's pad is in progress. Lifts the limits of the queue meanwhile,
+ * otherwise a push to a slow output would not return.
  *
  * @throws Stopped if the pipeline is stopped meanwhile
  */
