@@ -46,7 +46,7 @@ Ptr<GstPad> GetSource(GstElement& element);
 Ptr<GstPad> GetPeer(GstPad& pad);
 ///@}
 
-/** Adds a probe whose future is ready once the pad is idle, and that blocks the pad from then on. */
+/** Adds a probe whose future is ready once the pad is idle, and that then blocks the pad. */
 PadProbe BlockOnceIdle(GstPad& pad);
 
 /** Returns the element downstream of the static "src" pad. */
