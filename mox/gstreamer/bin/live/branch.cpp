@@ -123,14 +123,16 @@ void Restart(GstPad& pad, const Branch& branch) noexcept try {
   const NoPreroll no_preroll(branch.output);  // at the start, and after the flush
   // Start the output first. In PAUSED it would keep a buffer, and the queue could not stop.
   Sync(*branch.output);
-  check::element::SetNullState(*branch.queue, kElementError);
-  // An output that has received EOS rejects everything until a flush.
-  const auto sink = GetPeer(*GetSource(*branch.queue));
-  if (GST_PAD_IS_EOS(sink.Get())) {
-    gst_pad_send_event(sink.Get(), gst_event_new_flush_start());
-    gst_pad_send_event(sink.Get(), gst_event_new_flush_stop(FALSE));
+  if (branch.queue) {
+    check::element::SetNullState(*branch.queue, kElementError);
+    // An output that has received EOS rejects everything until a flush.
+    const auto sink = GetPeer(*GetSource(*branch.queue));
+    if (GST_PAD_IS_EOS(sink.Get())) {
+      gst_pad_send_event(sink.Get(), gst_event_new_flush_start());
+      gst_pad_send_event(sink.Get(), gst_event_new_flush_stop(FALSE));
+    }
+    Sync(*branch.queue);
   }
-  Sync(*branch.queue);
   Reconnect(pad, branch);
 } catch (...) {  // the caller raises the error of the output
 }
