@@ -188,18 +188,19 @@ TEST_F(Finish, OutputsThatRefuseToStopRunAgain) {
   stream.pipeline.AddOutputs({output});
   stream.pipeline.EraseOutputs({stream.watch.element});
   last.AwaitFrames();
-  faulty::Of(refusing.Get()).once = true;
-  faulty::Of(refusing.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_READY;
-  EXPECT_THROW(stream.pipeline.FinishOutputs({output}, 20s), std::runtime_error);
-  last.AwaitFrames();
+  for (int i = 0; i < 2; ++i) {  // the second time the placeholder is there already
+    faulty::Of(refusing.Get()).once = true;
+    faulty::Of(refusing.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_READY;
+    EXPECT_THROW(stream.pipeline.FinishOutputs({output}, 20s), std::runtime_error);
+    last.AwaitFrames();
+  }
   stream.pipeline.AddOutputs({stream.watch.element});
   EXPECT_FALSE(stream.Find("dummy_output"));
-  stream.pipeline.EraseOutputs({stream.watch.element});
 
-  // The EOS of the first time does not count.
+  // The EOS messages of before do not count.
   DropEos(*refusing);
   EXPECT_THROW(stream.pipeline.FinishOutputs({output}, 100ms), std::runtime_error);
-  EXPECT_THAT(stream.pipeline.GetOutputs(), IsEmpty());
+  EXPECT_EQ(stream.pipeline.GetOutputs().size(), 1U);
 }
 
 TEST_F(Finish, SourcesInsideAnOutputEndToo) {
