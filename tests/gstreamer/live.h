@@ -257,8 +257,14 @@ struct Stream {
     return state;
   }
 
-  /** Closes or opens the element "valve". */
-  void SetDrop(gboolean drop) { g_object_set(Find("valve").Get(), "drop", drop, nullptr); }
+  /** Closes or opens the element "valve". Waits until the frame that is passing it has passed. */
+  void SetDrop(gboolean drop) {
+    const auto valve = Find("valve");
+    g_object_set(valve.Get(), "drop", drop, nullptr);
+    const auto sink = PadOf(*valve, "sink");
+    GST_PAD_STREAM_LOCK(sink.Get());
+    GST_PAD_STREAM_UNLOCK(sink.Get());
+  }
 
   void AddAndEraseFilter(const char* factory) {
     const auto filter = Make(factory);
