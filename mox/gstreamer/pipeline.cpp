@@ -260,10 +260,6 @@ class Pipeline::Impl {
     return gst_element_get_state(&bin, nullptr, nullptr, 0) == GST_STATE_CHANGE_FAILURE;
   }
 
-  static bool IsChanging(GstElement* bin) {
-    return gst_element_get_state(bin, nullptr, nullptr, 0) == GST_STATE_CHANGE_ASYNC;
-  }
-
   // Reapplies the target state after an ERROR, because a failed bin ignores its children. Stops a
   // pipeline that a failed start has left in an intermediate state.
   void Recover() {
@@ -284,7 +280,8 @@ class Pipeline::Impl {
     }
     // The ERROR may have ended a change from PLAYING to PAUSED, which the outputs still make. The
     // pipeline then has to go to PAUSED too, otherwise it never takes them back to PLAYING.
-    if (IsChanging(GST_ELEMENT(&OutputBin()))) {
+    const auto outputs = gst_element_get_state(GST_ELEMENT(&OutputBin()), nullptr, nullptr, 0);
+    if (target == GST_STATE_PLAYING && outputs == GST_STATE_CHANGE_ASYNC) {
       gst_element_set_state(&Element(), GST_STATE_PAUSED);
     }
     gst_element_set_state(&Element(), target);

@@ -159,6 +159,7 @@ class MOX_EXPORT Pipeline {
   /**
    * Starts or stops the pipeline. Does nothing if `enable` is already set, or if the pipeline is
    * already in a state that the request leads to. Starting does not wait for the first frame.
+   * Stopping a stopped pipeline waits for a start that is in progress, and for no other operation.
    *
    * Stopping waits for every element to stop. It discards data inside the pipeline and sends the
    * outputs no EOS, so end recordings with `FinishOutputs` first. A change of filters or outputs

@@ -114,12 +114,7 @@ class EndlessSink {
     g_object_set(sink_.Get(), "async", FALSE, nullptr);
     const StateLock lock(*GST_ELEMENT(&bin_));
     Add(bin_, sink_);
-    try {
-      Sync(*sink_);
-    } catch (...) {
-      TakeOut(bin_, *sink_);
-      throw;
-    }
+    Sync(*sink_);
   }
   EndlessSink(const EndlessSink&) = delete;
   EndlessSink& operator=(const EndlessSink&) = delete;

@@ -97,8 +97,8 @@ MOX_EXPORT void EraseOutputs(GstBin& outputBin, std::vector<Ptr<GstElement>> out
  *
  * If one of the list is not attached, nothing is changed. Otherwise every output is detached, even
  * if the call throws, except one that refuses to stop, or that is still consuming a frame when the
- * pipeline is stopped. The timeout does not include the time that elements take to stop. A timeout
- * of zero or less does not wait for the sinks.
+ * pipeline is stopped. The timeout includes neither the time that elements take to stop nor that of
+ * an item that the tee is pushing. A timeout of zero or less does not wait for the sinks.
  *
  * @throws std::runtime_error "Cannot remove an output that has not been added to the bin"; nothing
  * is changed
