@@ -49,8 +49,8 @@ MOX_EXPORT std::vector<gstreamer::pipeline::Output> GetOutputs(GstBin& outputBin
  *
  * If the new output accepts the current caps, the call waits for no other data. Otherwise the
  * stream renegotiates to caps that all accept. The call then waits as a filter change does. It
- * loses no frame, unless the input must send another size. An output is refused if it has no caps in
- * common with the others, or needs a size that the input cannot send.
+ * loses no frame, unless the input must send another size. An output is refused if it has no caps
+ * in common with the others, or needs a size that the input cannot send.
  *
  * Elements listed before one that fails stay attached. The one that fails is outside the bin, in
  * NULL. If it was to be the first output, neither an output nor the placeholder is left, and no

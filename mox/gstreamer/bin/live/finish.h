@@ -13,9 +13,9 @@ namespace mox::gstreamer::bin::live {
 
 /**
  * Cuts each branch off once no push to it is in progress, sends it an EOS after the last buffer in
- * its queue, and waits until its output has posted EOS. An output posts it once every sink in it has
- * received one. Returns the outputs that have failed, or have not ended by the end of the timeout. A
- * branch that has received no caps, as in a stopped pipeline, has nothing to end.
+ * its queue, and waits until its output has posted EOS. An output posts it once every sink in it
+ * has received one. Returns the outputs that have failed, or have not ended by the end of the
+ * timeout. A branch that has received no caps, as in a stopped pipeline, has nothing to end.
  *
  * The bin must have another sink that receives no EOS. Otherwise it drops the messages as soon as
  * the last output has ended.
