@@ -125,30 +125,28 @@ inline bool UpdateStream(GstEvent& event, guint& stream) {
 }
 
 MATCHER(IsIntact, "lost, repeated or reordered no frame and received no EOS") {
+  *result_listener << arg.lost << " lost, " << arg.misplaced << " misplaced, " << arg.eos << " EOS";
   return arg.lost == 0U && arg.misplaced == 0U && arg.eos == 0U;
 }
 
 /** Counts what reaches a pad. */
 struct Counter {
-  explicit Counter(Ptr<GstElement> of) : element(std::move(of)) {}
-
-  void Count(GstPadProbeInfo& info) {
+  void Count(GstPad& pad, GstPadProbeInfo& info) {
     if ((info.type & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
-      OnFrame(*GST_PAD_PROBE_INFO_BUFFER(&info));
+      OnFrame(pad, GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info)));
     } else {
       OnEvent(*GST_PAD_PROBE_INFO_EVENT(&info));
     }
   }
 
-  void OnFrame(const GstBuffer& frame) {
-    const guint64 number = GST_BUFFER_OFFSET(&frame);
+  void OnFrame(GstPad& pad, guint64 number) {
     const guint64 expected = next == GST_BUFFER_OFFSET_NONE ? number : next.load();
-    if (number > expected && !IsStopping()) {
+    if (number > expected && !IsStopping(pad)) {
       lost += number - expected;
     }
     misplaced += number < expected ? 1 : 0;
     next = number + 1;
-    was_flushed = false;
+    is_flushed = false;
     ++frames;
   }
 
@@ -157,32 +155,31 @@ struct Counter {
     eos += GST_EVENT_TYPE(&event) == GST_EVENT_EOS ? 1 : 0;
     if (UpdateStream(event, stream)) {
       misplaced += stream < before ? 1 : 0;
-      next = before == 0 || was_flushed ? GST_BUFFER_OFFSET_NONE : 0;
+      next = before == 0 || is_flushed ? GST_BUFFER_OFFSET_NONE : 0;
     } else if (GST_EVENT_TYPE(&event) == GST_EVENT_FLUSH_STOP) {
       // Frames have been discarded, maybe the first of a stream without stream-start.
-      was_flushed = true;
+      is_flushed = true;
       next = GST_BUFFER_OFFSET_NONE;
     }
   }
 
-  // Returns true while the element, or a bin around it, stops. Sinks that have stopped make queues
-  // upstream drop buffers, and those that are still in PAUSED may receive later ones, which they
-  // never render.
-  bool IsStopping() const {
-    Ptr<GstObject> object(GST_OBJECT(gst_object_ref(element.Get())));
+  // Returns true while the element of a pad, or a bin around it, stops. Sinks that have stopped make
+  // queues upstream drop buffers, and those that are still in PAUSED may receive later ones, which
+  // they never render.
+  static bool IsStopping(GstPad& pad) {
+    Ptr<GstObject> object(gst_object_get_parent(GST_OBJECT(&pad)));
     while (object && GST_STATE_TARGET(object.Get()) >= GST_STATE_PAUSED) {
       object = Ptr<GstObject>(gst_object_get_parent(object.Get()));
     }
     return static_cast<bool>(object);
   }
 
-  const Ptr<GstElement> element;
   std::atomic<std::size_t> frames = 0;
   std::atomic<std::size_t> lost = 0;
   std::atomic<std::size_t> misplaced = 0;
   std::atomic<std::size_t> eos = 0;
   guint stream = 0;  // of the streaming thread
-  std::atomic<bool> was_flushed = false;
+  std::atomic<bool> is_flushed = false;
   std::atomic<guint64> next = GST_BUFFER_OFFSET_NONE;
 };
 
@@ -190,18 +187,16 @@ struct Counter {
  * Counts what reaches an element's "sink" pad, and every step in the frames' numbers that is not
  * one. The first frame may have any number. A later stream starts at 0.
  */
-class Watch {
- public:
-  explicit Watch(const Ptr<GstElement>& watched) : counter_(std::make_shared<Counter>(watched)) {
+struct Watch {
+  explicit Watch(Ptr<GstElement> watched) : element(std::move(watched)) {
     constexpr auto items =
         GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM | GST_PAD_PROBE_TYPE_EVENT_FLUSH;
-    // The callback may outlast this object.
-    probe_ = AddProbe(*pad_, items, [counter = counter_](GstPad&, GstPadProbeInfo& info) {
-      counter->Count(info);
+    // The probe may outlast this object.
+    AddProbe(*PadOf(*element, "sink"), items, [counter = counter](GstPad& pad, GstPadProbeInfo& info) {
+      counter->Count(pad, info);
       return GST_PAD_PROBE_OK;
     });
   }
-  ~Watch() { gst_pad_remove_probe(pad_.Get(), probe_); }
 
   /** Waits for `count` more frames. */
   void AwaitFrames(std::size_t count = 2) const {
@@ -216,24 +211,12 @@ class Watch {
     EXPECT_EQ(eos, 0U);
   }
 
-  friend std::ostream& operator<<(std::ostream& stream, const Watch& watch) {
-    return stream << watch.frames << " frames, " << watch.lost << " lost, " << watch.misplaced << " misplaced, "
-                  << watch.eos << " EOS";
-  }
-
- private:
-  const std::shared_ptr<Counter> counter_;
-
- public:
-  const Ptr<GstElement>& element = counter_->element;
-  const std::atomic<std::size_t>& frames = counter_->frames;
-  const std::atomic<std::size_t>& lost = counter_->lost;
-  const std::atomic<std::size_t>& misplaced = counter_->misplaced;  ///< Repeated or out of order.
-  const std::atomic<std::size_t>& eos = counter_->eos;
-
- private:
-  Ptr<GstPad> pad_ = PadOf(*element, "sink");
-  gulong probe_ = 0;
+  const Ptr<GstElement> element;
+  const std::shared_ptr<Counter> counter = std::make_shared<Counter>();
+  const std::atomic<std::size_t>& frames = counter->frames;
+  const std::atomic<std::size_t>& lost = counter->lost;
+  const std::atomic<std::size_t>& misplaced = counter->misplaced;  ///< Repeated or out of order.
+  const std::atomic<std::size_t>& eos = counter->eos;
 };
 
 /** A pipeline with an output that is watched. Plays by default. */
