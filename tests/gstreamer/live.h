@@ -124,6 +124,10 @@ inline bool UpdateStream(GstEvent& event, guint& stream) {
          stream != before;
 }
 
+inline bool IsEos(const GstPadProbeInfo& event) {
+  return GST_EVENT_TYPE(event.data) == GST_EVENT_EOS;
+}
+
 MATCHER(IsIntact, "lost, repeated or reordered no frame and received no EOS") {
   *result_listener << arg.lost << " lost, " << arg.misplaced << " misplaced, " << arg.eos << " EOS";
   return arg.lost == 0U && arg.misplaced == 0U && arg.eos == 0U;
@@ -153,6 +157,7 @@ struct Counter {
   void OnEvent(GstEvent& event) {
     const guint before = stream;
     eos += GST_EVENT_TYPE(&event) == GST_EVENT_EOS ? 1 : 0;
+    flushes += GST_EVENT_TYPE(&event) == GST_EVENT_FLUSH_START ? 1 : 0;
     if (UpdateStream(event, stream)) {
       misplaced += stream < before ? 1 : 0;
       next = before == 0 || is_flushed ? GST_BUFFER_OFFSET_NONE : 0;
@@ -178,6 +183,7 @@ struct Counter {
   std::atomic<std::size_t> lost = 0;
   std::atomic<std::size_t> misplaced = 0;
   std::atomic<std::size_t> eos = 0;
+  std::atomic<std::size_t> flushes = 0;
   guint stream = 0;  // of the streaming thread
   std::atomic<bool> is_flushed = false;
   std::atomic<guint64> next = GST_BUFFER_OFFSET_NONE;
@@ -217,6 +223,7 @@ struct Watch {
   const std::atomic<std::size_t>& lost = counter->lost;
   const std::atomic<std::size_t>& misplaced = counter->misplaced;  ///< Repeated or out of order.
   const std::atomic<std::size_t>& eos = counter->eos;
+  const std::atomic<std::size_t>& flushes = counter->flushes;
 };
 
 /** A pipeline with an output that is watched. Plays by default. */
@@ -232,6 +239,9 @@ struct Stream {
   }
 
   Ptr<GstElement> Find(const char* name) { return live::Find(*GST_BIN(&pipeline.Get()), name); }
+
+  /** Sets the state as a program does that has the element alone. */
+  void SetState(GstState state) { gst_element_set_state(GST_ELEMENT(&pipeline.Get()), state); }
 
   /** Waits until a state change has completed, and returns the state. */
   GstState AwaitState() {
