@@ -1,7 +1,5 @@
 #include "tests/gstreamer/live.h"
 
-#include "tests/gstreamer/faulty.h"
-
 #include <gst/base/gstbasesink.h>
 
 namespace {
@@ -12,19 +10,15 @@ using testing::StartsWith;
 using testing::ThrowsMessage;
 using Live = live::Test;
 
-guint32 NumberOf(GstPadProbeInfo& info) {
-  return static_cast<guint32>(GST_BUFFER_OFFSET(GST_PAD_PROBE_INFO_BUFFER(&info))) + 1;
-}
-
-// An event with its number precedes each frame.
+// A tag event with the same number precedes each frame.
 TEST_F(Live, OnlyOutputComesAndGoesBetweenEvents) {
-  std::atomic<int> failed = 0;
   std::atomic<int> missed = 0;
+  const auto number_of = [](const auto& info) { return static_cast<guint32>(GST_BUFFER_OFFSET(info.data)) + 1; };
   Stream stream(MakeSource(), {}, false);
   AddProbe(*PadOf(*stream.Find("output_bin"), "sink"), GST_PAD_PROBE_TYPE_BUFFER, [&](GstPad& pad, auto& info) {
     GstEvent* const event = gst_event_new_tag(gst_tag_list_new_empty());
-    gst_event_set_seqnum(event, NumberOf(info));
-    failed += gst_pad_send_event(&pad, event) ? 0 : 1;
+    gst_event_set_seqnum(event, number_of(info));
+    gst_pad_send_event(&pad, event);
     return GST_PAD_PROBE_OK;
   });
   stream.pipeline.EraseOutputs({stream.watch.element});
@@ -33,7 +27,7 @@ TEST_F(Live, OnlyOutputComesAndGoesBetweenEvents) {
     const Watch output(Make("fakesink"));
     AddProbe(*PadOf(*output.element, "sink"), GST_PAD_PROBE_TYPE_BUFFER, [&](GstPad& pad, auto& info) {
       const Ptr<GstEvent> event(gst_pad_get_sticky_event(&pad, GST_EVENT_TAG, 0));
-      missed += event && gst_event_get_seqnum(event.Get()) == NumberOf(info) ? 0 : 1;
+      missed += event && gst_event_get_seqnum(event.Get()) == number_of(info) ? 0 : 1;
       return GST_PAD_PROBE_OK;
     });
     stream.pipeline.AddOutputs({output.element});
@@ -41,7 +35,6 @@ TEST_F(Live, OnlyOutputComesAndGoesBetweenEvents) {
     stream.pipeline.EraseOutputs({output.element});
     ASSERT_THAT(output, IsIntact());
   }
-  EXPECT_EQ(failed, 0);
   EXPECT_EQ(missed, 0);
 }
 
@@ -59,19 +52,14 @@ TEST_F(Live, OutputsAgreeOnCaps) {
 }
 
 TEST_F(Live, OutputsThatCannotAgreeOnCapsAreRefused) {
-  const auto filter = faulty::Make();
-  Stream stream(MakeSource(true, ",format=I420"), {filter, MakeFormat("I420,RGB,Y42B", "")});
-  faulty::Of(filter.Get()).once = true;
-  faulty::Of(filter.Get()).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
-  EXPECT_THROW(stream.pipeline.AddOutputs({MakeFormat("RGB")}), std::runtime_error) << "because of the filter";
-  EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 1);
-
+  Stream stream(MakeSource(true, ",format=I420"), {MakeFormat("I420,RGB,Y42B", "")});
   stream.pipeline.AddOutputs({MakeFormat("RGB,Y42B,NV12")});
   for (const auto& refused : {MakeFormat("I420,NV12"), MakeFormat("GRAY8"), Parse("audioconvert ! fakesink")}) {
     EXPECT_THAT([&] { stream.pipeline.AddOutputs({refused}); },
                 ThrowsMessage<std::runtime_error>(
                     StartsWith("Element Error: Failed to link element 'output_tee [output_tee]' with element 'queue")));
   }
+  EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 2);
   stream.watch.AwaitFrames();
   EXPECT_EQ(stream.watch.eos, 0U);
 }
@@ -163,7 +151,7 @@ TEST_F(Live, StopEndsAPushOfAFilterThatDrains) {
   stream.pipeline.AddOutputs({stuck});
   Block(*stuck);
   AddProbe(*PadOf(*filter, "sink"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [&](GstPad&, auto& info) {
-    is_pushing = GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(&info)) == GST_EVENT_EOS;
+    is_pushing = IsEos(info);
     while (is_pushing) {
       is_pushing = gst_pad_push(PadOf(*filter, "src").Get(), gst_buffer_new()) == GST_FLOW_OK;
     }
@@ -171,7 +159,6 @@ TEST_F(Live, StopEndsAPushOfAFilterThatDrains) {
   });
   const auto change = StartToWait([&] { stream.pipeline.AddFilters({Make("identity")}); });
   Await([&] { return is_pushing.load(); });
-  SetDeadline(15);
   stream.pipeline.SetEnable(false);
   EXPECT_THAT([&] { change.get(); }, IsEndedByStop("filters"));
 }
@@ -215,7 +202,7 @@ TEST_F(Live, ExchangesAndErrorsKeepTheTargetStateOfTheProgram) {
   for (const auto& row : rows) {
     SCOPED_TRACE(gst_element_state_get_name(row.state));
     Stream stream(MakeSource(), {}, row.is_enabled);
-    gst_element_set_state(GST_ELEMENT(&stream.pipeline.Get()), row.state);
+    stream.SetState(row.state);
     ASSERT_EQ(stream.AwaitState(), row.state);
     stream.pipeline.SetInput(MakeSource());
     EXPECT_EQ(stream.AwaitState(), row.state);
@@ -231,18 +218,16 @@ TEST_F(Live, FlushingSeekEndsADrain) {
   std::atomic<bool> drops_eos = false;
   const auto filter = Make("queue");
   AddProbe(*PadOf(*filter, "sink"), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [&](GstPad& pad, auto& info) {
-    const bool is_eos = GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(&info)) == GST_EVENT_EOS;
     const Ptr<GstEvent> segment(gst_pad_get_sticky_event(&pad, GST_EVENT_SEGMENT, 0));
-    return is_eos && (!segment || drops_eos.exchange(false)) ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
+    return IsEos(info) && (!segment || drops_eos.exchange(false)) ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
   });
   Stream stream(MakeSource(), {filter});
   for (int i = 0; i < 100; ++i) {
     stream.watch.AwaitFrames();
     drops_eos = true;
-    auto change = std::async(std::launch::async, [&] { stream.AddAndEraseFilter("identity"); });
+    const auto change = std::async(std::launch::async, [&] { stream.AddAndEraseFilter("identity"); });
     Await([&] { return !drops_eos || change.wait_for(0s) == std::future_status::ready; });
     gst_element_seek_simple(GST_ELEMENT(&stream.pipeline.Get()), GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, 0);
-    change.get();
   }
   EXPECT_EQ(stream.watch.eos, 0U);
 }
