@@ -87,11 +87,11 @@ struct Ground {
 struct Walker {
   Walker(Ground& shared, int seed) : ground(shared), random(static_cast<unsigned>(seed)) {}
 
-  std::size_t Below(std::size_t limit) { return random() % limit; }
+  std::size_t RandomBelow(std::size_t limit) { return random() % limit; }
 
   template <typename List>
-  auto& From(List& list) {
-    return list[Below(std::size(list))];
+  auto& RandomFrom(List& list) {
+    return list[RandomBelow(std::size(list))];
   }
 
   void Run() {
@@ -102,7 +102,7 @@ struct Walker {
                  {2, &Walker::StopAndStart},   {3, &Walker::RequestWrongly}, {4, &Walker::Seek},
                  {2, &Walker::Pause}};
     while (!ground.stop) {
-      auto drawn = static_cast<int>(Below(100));
+      auto drawn = static_cast<int>(RandomBelow(100));
       const auto* row = steps;
       for (; drawn >= row->share; ++row) {
         drawn -= row->share;
@@ -113,13 +113,13 @@ struct Walker {
   }
 
   void ChangeFilters() {
-    if (filters.size() <= Below(4)) {
-      const auto filter = Make(From(kFilters));
+    if (filters.size() <= RandomBelow(4)) {
+      const auto filter = Make(RandomFrom(kFilters));
       if (Change([&] { pipeline.AddFilters({filter}); })) {
         filters.push_back(filter);
       }
     } else {
-      std::swap(From(filters), filters.back());
+      std::swap(RandomFrom(filters), filters.back());
       if (Change([&] { pipeline.EraseFilters({filters.back()}); })) {
         filters.pop_back();
       }
@@ -128,10 +128,10 @@ struct Walker {
 
   // Most outputs are a "fakesink" alone, because the slowest sets the pace.
   void ChangeOutputs() {
-    if (outputs.size() > Below(4)) {
+    if (outputs.size() > RandomBelow(4)) {
       EraseOutput();
     } else {
-      const auto& element = MakeOutput(Below(3) > 0 ? "fakesink" : From(kOutputs));
+      const auto& element = MakeOutput(RandomBelow(3) > 0 ? "fakesink" : RandomFrom(kOutputs));
       if (!Change([&] { pipeline.AddOutputs({element}); })) {
         outputs.pop_back();
       }
@@ -144,12 +144,12 @@ struct Walker {
   }
 
   void EraseOutput() {
-    std::swap(From(outputs), outputs.back());
+    std::swap(RandomFrom(outputs), outputs.back());
     const Watch& watch = *outputs.back();
     if (pipeline.GetEnable()) {
-      watch.AwaitFrames(Below(2));
+      watch.AwaitFrames(RandomBelow(2));
     }
-    if (Below(8) == 0) {
+    if (RandomBelow(8) == 0) {
       // The output is detached even if a stop ends the call.
       Change([&] { pipeline.FinishOutputs({watch.element}, std::chrono::seconds(15)); });
       EXPECT_EQ(watch.lost, 0U);
@@ -182,8 +182,8 @@ struct Walker {
   // that never wait would restart the stream before a first frame has passed the filters.
   void ExchangeInput() {
     const std::shared_lock lock(ground.stopping);
-    pipeline.SetInput(MakeSource(false, From(kInputEnds)));
-    ground.leaving.AwaitFrames(Below(2));
+    pipeline.SetInput(MakeSource(false, RandomFrom(kInputEnds)));
+    ground.leaving.AwaitFrames(RandomBelow(2));
   }
 
   // Makes a few changes while the pipeline is stopped, as others may do. A start may fail.
@@ -192,20 +192,20 @@ struct Walker {
     pipeline.SetEnable(false);
     ChangeFilters();
     ChangeOutputs();
-    if (Below(4) == 0) {
+    if (RandomBelow(4) == 0) {
       pipeline.SetInput(MakeRefusing());
       EXPECT_THROW(pipeline.SetEnable(true), std::runtime_error);
-      pipeline.SetInput(MakeSource(false, From(kInputEnds)));
+      pipeline.SetInput(MakeSource(false, RandomFrom(kInputEnds)));
     }
     pipeline.SetEnable(true);
-    ground.leaving.AwaitFrames(Below(2));
+    ground.leaving.AwaitFrames(RandomBelow(2));
   }
 
   // Runs only while the pipeline is not stopped, because a stopped one does not restore its
   // filters. The first of two outputs stays, though the second is refused.
   void RequestWrongly() {
     const std::shared_lock lock(ground.stopping);
-    const auto refused = Below(2) == 0 ? MakeRefusing() : Make("audioconvert");
+    const auto refused = RandomBelow(2) == 0 ? MakeRefusing() : Make("audioconvert");
     EXPECT_THROW(pipeline.AddFilters({Make("identity"), refused}), std::runtime_error);
     EXPECT_THROW(pipeline.AddOutputs({MakeOutput("fakesink"), refused}), std::runtime_error);
     EXPECT_THROW(pipeline.EraseOutputs({refused}), std::runtime_error);
@@ -226,7 +226,7 @@ struct Walker {
     GstState state = GST_STATE_NULL;
     const auto settled = gst_element_get_state(GST_ELEMENT(&ground.whole), &state, nullptr, 0);
     auto flags = GST_SEEK_FLAG_NONE;
-    if (settled == GST_STATE_CHANGE_ASYNC || state != GST_STATE_PLAYING || Below(2) == 0) {
+    if (settled == GST_STATE_CHANGE_ASYNC || state != GST_STATE_PLAYING || RandomBelow(2) == 0) {
       flags = GST_SEEK_FLAG_FLUSH;
     }
     gst_element_seek_simple(GST_ELEMENT(&ground.whole), GST_FORMAT_TIME, flags, 0);
@@ -237,10 +237,10 @@ struct Walker {
   // preroll that is stuck at its full queue.
   void Pause() {
     const std::unique_lock lock(ground.stopping);
-    pipeline.SetInput(MakeSource(true, From(kInputEnds)));
-    ground.leaving.AwaitFrames(Below(2));
+    pipeline.SetInput(MakeSource(true, RandomFrom(kInputEnds)));
+    ground.leaving.AwaitFrames(RandomBelow(2));
     gst_element_set_state(GST_ELEMENT(&ground.whole), GST_STATE_PAUSED);
-    std::this_thread::sleep_for(std::chrono::milliseconds(Below(20)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(RandomBelow(20)));
     gst_element_set_state(GST_ELEMENT(&ground.whole), GST_STATE_PLAYING);
   }
 
