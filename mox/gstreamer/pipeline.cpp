@@ -183,8 +183,8 @@ class Pipeline::Impl {
       SetState(true);
       return;
     }
-    // Check before taking the mutex. Otherwise a stop of a stopped pipeline could wait for a start
-    // and a change on other threads, and nothing would end that change.
+    // Check before taking the mutex. Otherwise a stop that stops nothing would end the changes of a
+    // pipeline that the program has started through its element.
     if (!IsEnabled()) {
       return;
     }
