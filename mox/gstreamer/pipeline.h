@@ -28,9 +28,10 @@ namespace mox::gstreamer {
  * `Get`, `GetId`, `GetEnable`, `GetContext` and `GetBus` may be called from any thread, and wait for
  * nothing. Every other operation may be called from any thread except the pipeline's streaming
  * threads. `GetState` waits only while `SetEnable` changes the state. The others run one after the
- * other: each waits for the previous one, even if that waits for data. If `SetEnable(true)` has started the pipeline,
- * `SetEnable(false)` ends a change of filters or outputs that waits. A pipeline must not be
- * destroyed during a call. Destroy several pipelines in parallel, because each takes up to 500 ms.
+ * other: each waits for the previous one, even if that waits for data. If `SetEnable(true)` has
+ * started the pipeline, `SetEnable(false)` ends a change of filters or outputs that waits. A
+ * pipeline must not be destroyed during a call. Destroy several pipelines in parallel, because each
+ * takes up to 500 ms.
  *
  * The pipeline and the caller share elements: the caller keeps its handles. A refused floating
  * element has no other owner, and is destroyed with the caller's handle.
