@@ -235,10 +235,11 @@ TEST_F(Guards, FlushDuringAChangePassesAndLetsUpstreamRenegotiate) {
   const auto filter = Parse("faulty name=slow ! capsfilter caps=video/x-raw,format=GRAY8");
   const auto feeding = PadOf(*stream.pipeline.GetInput(), "src");
   FaultsOf(filter, "slow").blocks = GST_STATE_CHANGE_NULL_TO_READY;
-  const auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({filter}); });
+  auto change = std::async(std::launch::async, [&] { stream.pipeline.AddFilters({filter}); });
   Await([&] { return GST_OBJECT_PARENT(filter.Get()) != nullptr; });
   gst_pad_send_event(feeding.Get(), gst_event_new_seek(1, GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, GST_SEEK_TYPE_SET, 0,
                                                        GST_SEEK_TYPE_NONE, 0));
+  change.get();
   stream.watch.AwaitFrames();
   EXPECT_EQ(stream.watch.flushes, 1U);
   EXPECT_EQ(stream.watch.eos, 0U);
