@@ -56,17 +56,13 @@ inline void InitializeClass(gpointer type, gpointer /*data*/) {
   GST_BASE_TRANSFORM_CLASS(type)->accept_caps = [](GstBaseTransform* element, GstPadDirection at, GstCaps* caps) {
     return Of(element).refuses_caps ? FALSE : GST_BASE_TRANSFORM_CLASS(parent)->accept_caps(element, at, caps);
   };
-  GST_BASE_TRANSFORM_CLASS(type)->transform_ip = [](GstBaseTransform* element, GstBuffer* frame) {
+  GST_BASE_TRANSFORM_CLASS(type)->transform_ip = [](GstBaseTransform* element, GstBuffer* /*frame*/) {
     Faults& faults = Of(element);
     if (faults.errors > 0) {
       --faults.errors;
       GST_ELEMENT_ERROR(element, STREAM, FAILED, ("set to fail"), (nullptr));
     }
-    const auto flow = static_cast<GstFlowReturn>(faults.flow.load());
-    if (faults.once != FALSE) {
-      faults.flow = GST_FLOW_OK;
-    }
-    return flow != GST_FLOW_OK ? flow : GST_BASE_TRANSFORM_CLASS(parent)->transform_ip(element, frame);
+    return static_cast<GstFlowReturn>(faults.once != FALSE ? faults.flow.exchange(GST_FLOW_OK) : faults.flow.load());
   };
 }
 
