@@ -1,9 +1,7 @@
 #include "mox/gstreamer/plugin/path/resolve/from_library_name.h"
-#include "mox/logging/logger.h"
 #include "tests/gstreamer/faulty.h"
 #include "tests/gstreamer/live.h"
 
-#include <memory>
 #include <new>
 
 #include <dlfcn.h>
@@ -21,13 +19,9 @@ namespace {
 
 using namespace live;  // NOLINT(google-build-using-namespace)
 using faulty::Faults;
-
-using Call = std::function<void()>;
-using testing::StartsWith;
 using testing::ThrowsMessage;
-
-const auto kStreamHasEnded =
-    ThrowsMessage<std::runtime_error>("Cannot change the filters because the stream has ended");
+using Call = std::function<void()>;
+using Change = std::function<void(Pipeline&, Elements)>;
 
 /** The outcomes for a playing pipeline with a faulty element, as docs/faults.md names them. */
 enum Outcome { kContinues, kRefused, kCannotStop, kEnds, kSilent };
@@ -39,8 +33,6 @@ struct Fault {
   Outcome as_filter;
   Outcome as_output;
   Outcome as_input;
-
-  friend std::ostream& operator<<(std::ostream& stream, const Fault& fault) { return stream << fault.name; }
 };
 
 constexpr Fault kFaults[] = {
@@ -63,59 +55,52 @@ constexpr Fault kFaults[] = {
     {"PostsErrors", &Faults::errors, 5, kContinues, kContinues, kSilent},
 };
 
-// Makes a bin of a description with the element "faulty".
-Ptr<GstElement> MakeFaulty(const std::string& description) {
-  gst_element_register(nullptr, "faulty", GST_RANK_NONE, faulty::Type());
-  return Parse(description);
-}
+struct Faulty : live::Test {
+  Stream stream;
+  Pipeline& pipeline = stream.pipeline;
+};
 
-Ptr<GstElement> MakeFaultyInput() {
-  return MakeFaulty("videotestsrc pattern=black ! capsfilter caps=video/x-raw,width=16,height=16 ! faulty name=faulty");
-}
+struct FaultsTest : Faulty, testing::WithParamInterface<Fault> {
+  FaultsTest() { gst_element_register(nullptr, "faulty", GST_RANK_NONE, faulty::Type()); }
 
-Ptr<GstElement> FindFaulty(const Ptr<GstElement>& bin) {
-  return Find(*GST_BIN(bin.Get()), "faulty");
-}
-
-auto FailsTo(const std::string& operation) {
-  return ThrowsMessage<std::runtime_error>(StartsWith("Element Error: Failed to " + operation + " of the element '"));
-}
-
-struct FaultsTest : live::Test, testing::WithParamInterface<Fault> {
-  // Puts a faulty element into the playing pipeline and takes it out.
-  void Expect(Outcome outcome, const Ptr<GstElement>& element, const Call& put, const Call& take) {
-    const bool is_input = element->numsinkpads == 0;
-    const auto is_in = [&] { return GST_OBJECT_PARENT(element.Get()) != nullptr; };
-    Faults& faults = faulty::Of(FindFaulty(element).Get());
+  // Puts a bin with the element "faulty" into the playing pipeline and takes it out.
+  void Expect(Outcome outcome, const std::string& description, const Change& put_in, const Change& take_out) {
+    const auto bin = Parse(description);
+    const bool is_input = bin->numsinkpads == 0;
+    const auto is_in = [&] { return GST_OBJECT_PARENT(bin.Get()) != nullptr; };
+    const auto put = [&] { put_in(pipeline, {bin}); };
+    const auto take = [&] { take_out(pipeline, {bin}); };
+    Faults& faults = faulty::Of(Find(*GST_BIN(bin.Get()), "faulty").Get());
+    std::shared_future<void> next_frames;
     faults.*GetParam().kind = GetParam().value;
     switch (outcome) {
       case kContinues:
         put();
         stream.watch.AwaitFrames();
         take();
-        EXPECT_FALSE(is_in());
         break;
       case kRefused:
-        EXPECT_THAT(put, FailsTo("sync the state"));
+        EXPECT_THROW(put(), std::runtime_error);
         EXPECT_EQ(is_in(), is_input);
         break;
       case kCannotStop:
         put();
         stream.watch.AwaitFrames();
-        EXPECT_THAT(take, FailsTo("set the state"));
-        EXPECT_TRUE(is_in());
+        EXPECT_THROW(take(), std::runtime_error);
         faults.fails = Faults::kNone;
         if (!is_input) {
-          Watch(element).AwaitFrames();
+          Watch(bin).AwaitFrames();
         }
         break;
       case kEnds:
         put();
         Await([&] { return stream.watch.eos == 1; });
-        EXPECT_THAT([&] { pipeline.AddFilters({Make("identity")}); }, kStreamHasEnded);
+        EXPECT_THAT([&] { pipeline.AddFilters({Make("identity")}); },
+                    ThrowsMessage<std::runtime_error>("Cannot change the filters because the stream has ended"));
         break;
       case kSilent:
         put();
+        next_frames = StartToWait([&] { stream.watch.AwaitFrames(1000); });  // more than the queues contain
     }
     EXPECT_EQ(stream.watch.eos, static_cast<std::size_t>(outcome == kEnds));
     if (!is_input && outcome != kEnds && outcome != kSilent) {
@@ -132,132 +117,116 @@ struct FaultsTest : live::Test, testing::WithParamInterface<Fault> {
     stream.watch.AwaitFrames();
     EXPECT_EQ(stream.watch.misplaced, 0U);
   }
-
-  Stream stream;
-  Pipeline& pipeline = stream.pipeline;
 };
 
 TEST_P(FaultsTest, AsFilter) {
-  const auto filter = MakeFaulty("faulty name=faulty");
-  const auto put = [&] { pipeline.AddFilters({filter}); };
-  const auto take = [&] { pipeline.EraseFilters({filter}); };
-  Expect(GetParam().as_filter, filter, put, take);
+  Expect(GetParam().as_filter, "faulty name=faulty", &Pipeline::AddFilters, &Pipeline::EraseFilters);
 }
 
 TEST_P(FaultsTest, AsOutputBesideAnother) {
-  const auto output = MakeFaulty("faulty name=faulty ! fakesink");
-  const auto put = [&] { pipeline.AddOutputs({output}); };
-  const auto take = [&] { pipeline.EraseOutputs({output}); };
-  Expect(GetParam().as_output, output, put, take);
+  Expect(GetParam().as_output, "faulty name=faulty ! fakesink", &Pipeline::AddOutputs, &Pipeline::EraseOutputs);
 }
 
 TEST_P(FaultsTest, AsInput) {
-  const auto input = MakeFaultyInput();
-  const auto put = [&] { pipeline.SetInput(input); };
-  const auto take = [&] { pipeline.SetInput(MakeSource()); };
-  Expect(GetParam().as_input, input, put, take);
+  const std::string source = "videotestsrc pattern=black ! capsfilter caps=video/x-raw,width=16,height=16";
+  const auto set = [](Pipeline& changed, const Elements& inputs) { changed.SetInput(inputs.front()); };
+  const auto replace = [](Pipeline& changed, const Elements&) { changed.SetInput(MakeSource()); };
+  Expect(GetParam().as_input, source + " ! faulty name=faulty", set, replace);
 }
 
 INSTANTIATE_TEST_SUITE_P(Element, FaultsTest, testing::ValuesIn(kFaults),
                          [](const auto& test) { return test.param.name; });
-
-using Faulty = live::Test;
 
 // A source that is to renegotiate, as it is after a change, ignores a not-negotiated and tries again.
 TEST_F(Faulty, TransientNotNegotiatedDoesNotEndTheStream) {
   const auto filter = faulty::Make();
   faulty::Of(filter.Get()).once = TRUE;
   faulty::Of(filter.Get()).flow = GST_FLOW_NOT_NEGOTIATED;
-  Stream stream(Parse("videotestsrc is-live=true ! capsfilter caps=video/x-raw,framerate=5/1"));
-  stream.pipeline.AddFilters({filter});
-  const auto feeding = PadOf(*stream.pipeline.GetInput(), "src");
-  Await([&] { return gst_pad_get_last_flow_return(feeding.Get()) == GST_FLOW_NOT_NEGOTIATED; });
-  stream.pipeline.AddFilters({Make("identity")});
-  EXPECT_EQ(stream.pipeline.GetFilters().size(), 2U);
+  pipeline.SetInput(Parse("videotestsrc is-live=true ! capsfilter caps=video/x-raw,framerate=5/1"));
   stream.watch.AwaitFrames();
-}
-
-// If the others were left running, GStreamer would wait for their threads.
-TEST_F(Faulty, DestructionStopsTheElementsBesideOneThatRefuses) {
-  const auto filter = MakeFaulty("queue ! faulty name=faulty");
-  const auto refusing = FindFaulty(filter);
-  {
-    Stream stream(MakeSource(), {filter});
-    faulty::Of(refusing.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_READY;
-    SetDeadline(10);
-  }
-  EXPECT_EQ(GST_STATE(refusing.Get()), GST_STATE_PAUSED);
-  faulty::Of(refusing.Get()).fails = Faults::kNone;
-  EXPECT_EQ(gst_element_set_state(refusing.Get(), GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
-  gst_deinit();
+  pipeline.AddFilters({filter});
+  const auto feeding = PadOf(*pipeline.GetInput(), "src");
+  Await([&] { return gst_pad_get_last_flow_return(feeding.Get()) == GST_FLOW_NOT_NEGOTIATED; });
+  pipeline.AddFilters({Make("identity")});
+  stream.watch.AwaitFrames();
 }
 
 // A queue that has failed sends no EOS.
 TEST_F(Faulty, FailureOfAQueueInTheInputEndsTheStream) {
-  Stream stream(MakeSource(false, " ! queue name=last ! identity error-after=20"), {}, false);
-  stream.pipeline.SetEnable(true);
+  pipeline.SetInput(MakeSource(false, " ! queue name=last ! identity error-after=20"));
   const auto pad = PadOf(*stream.Find("last"), "src");
   Await([&] { return gst_pad_get_last_flow_return(pad.Get()) == GST_FLOW_ERROR; });
-  EXPECT_THAT([&] { stream.pipeline.AddFilters({Make("identity")}); }, kStreamHasEnded);
+  EXPECT_THROW(pipeline.AddFilters({Make("identity")}), std::runtime_error);
 }
 
-// The input fails while an output has yet to stop.
+// The source receives an error while the output has yet to stop.
 TEST_F(Faulty, StopsAndExchangesSendNoEos) {
-  void (*const stops[])(Pipeline&) = {[](Pipeline& pipeline) { pipeline.SetEnable(false); },
-                                      [](Pipeline& pipeline) { pipeline.SetInput(MakeSource()); }};
+  const auto filter = faulty::Make();
+  const Watch slow(faulty::Make());
+  Faults& faults = faulty::Of(slow.element.Get());
+  faults.flow = Faults::kDrops;  // no element follows
+  faults.blocks = GST_STATE_CHANGE_PAUSED_TO_READY;
+  pipeline.AddFilters({filter});
+  pipeline.AddOutputs({slow.element});
+  pipeline.EraseOutputs({stream.watch.element});
+  const Call stops[] = {[&] { pipeline.SetInput(MakeSource()); }, [&] { pipeline.SetEnable(false); }};
   for (const auto& stop : stops) {
-    const auto input = MakeFaultyInput();
-    const Watch slow(faulty::Make());
-    Faults& faults = faulty::Of(slow.element.Get());
-    faults.flow = Faults::kDrops;  // no element follows
-    faults.blocks = GST_STATE_CHANGE_PAUSED_TO_READY;
-    Pipeline pipeline(1, "stopped");
-    pipeline.SetInput(input);
-    pipeline.AddOutputs({slow.element});
-    pipeline.SetEnable(true);
     slow.AwaitFrames();
-    auto stopped = std::async(std::launch::async, stop, std::ref(pipeline));
+    auto stopped = std::async(std::launch::async, stop);
     Await([&] { return GST_STATE(slow.element.Get()) == GST_STATE_PAUSED; });
-    faulty::Of(FindFaulty(input).Get()).flow = GST_FLOW_ERROR;
+    faulty::Of(filter.Get()).once = TRUE;
+    faulty::Of(filter.Get()).flow = GST_FLOW_ERROR;
     stopped.get();
     EXPECT_EQ(slow.eos, 0U);
   }
 }
 
-struct FailedAllocation : live::Test {
+using Destruction = live::Test;
+
+// If the other elements were left running, GStreamer would wait for their threads.
+TEST_F(Destruction, StopsTheElementsBesideOneThatRefuses) {
+  const auto refusing = faulty::Make();
+  {
+    const Stream stream(MakeSource(), {Make("queue"), refusing});
+    faulty::Of(refusing.Get()).fails = GST_STATE_CHANGE_PAUSED_TO_READY;
+    SetDeadline(10);
+  }
+  EXPECT_EQ(GST_STATE(refusing.Get()), GST_STATE_PAUSED);
+  faulty::Of(refusing.Get()).fails = Faults::kNone;
+  gst_element_set_state(refusing.Get(), GST_STATE_NULL);
+  gst_deinit();
+}
+
+struct FailedAllocation : Faulty {
+  static void DoNothing() {}
+
   // Lets each allocation of the call fail in turn, until it makes no more.
-  void FailEach(const Call& call, const Call& repair) {
+  void FailEach(const Call& call, const Call& repair = DoNothing) {
     long succeeding = 0;
-    for (bool has_failed = true; has_failed; ++succeeding) {
+    do {
       repair();
       stream.watch.AwaitFrames();
-      until_failure = succeeding;
+      until_failure = succeeding++;
       try {
         call();
       } catch (const std::bad_alloc&) {  // the call may also survive the failure
       }
-      has_failed = until_failure.exchange(-1) < 0;
-    }
-    EXPECT_GT(succeeding, 1) << "no allocation was made";
+    } while (until_failure.exchange(-1) < 0);
+    EXPECT_GT(succeeding, 2) << "no allocation was made";
   }
-
-  Stream stream;
-  Pipeline& pipeline = stream.pipeline;
 };
 
 TEST_F(FailedAllocation, LeavesEachChangeMadeOrNotMade) {
-  const Elements filters{Make("identity")};
-  const Elements outputs{Parse("identity ! fakesink")};
+  const auto output = Parse("identity ! fakesink");
   const auto change = [&] {
-    pipeline.AddFilters(filters);
-    pipeline.EraseFilters(filters);
-    pipeline.AddOutputs(outputs);
-    pipeline.EraseOutputs(outputs);
+    stream.AddAndEraseFilter("identity");
+    pipeline.AddOutputs({output});
+    pipeline.EraseOutputs({output});
   };
   const auto repair = [&] {
     pipeline.EraseFilters(pipeline.GetFilters());
     if (pipeline.GetOutputs().size() == 2) {
-      pipeline.EraseOutputs(outputs);
+      pipeline.EraseOutputs({output});
     }
   };
   FailEach(change, repair);
@@ -270,21 +239,12 @@ TEST_F(FailedAllocation, OfAnExchangeIsRepairedByTheNext) {
   FailEach(exchange, exchange);
 }
 
-TEST_F(FailedAllocation, OfAnAllocationQueryRefusesIt) {
-  const auto sink = PadOf(*pipeline.GetOutputs().front().queue, "sink");
+TEST_F(FailedAllocation, DoesNotEndTheProgram) {
+  const auto queue = PadOf(*pipeline.GetOutputs().front().queue, "sink");
   const Ptr<GstQuery> query(gst_query_new_allocation(nullptr, FALSE));
-  FailEach([&] { gst_pad_query(sink.Get(), query.Get()); }, [] {});
-}
-
-TEST_F(FailedAllocation, DoesNotOutliveTheCall) {
-  const auto nothing = [] {};
-  FailEach([] { Pipeline(2, "second"); }, nothing);
-  FailEach([] { EXPECT_EQ(MoxGstreamerPluginPathResolveFromLibraryName("none"), nullptr); }, nothing);
-  const auto log = [] {
-    auto full = std::make_unique<std::string>("no room for one character more");
-    mox::logging::Logger(mox::logging::Name("full")).Output(std::move(full), false);
-  };
-  FailEach(log, nothing);
+  FailEach([&] { gst_pad_query(queue.Get(), query.Get()); });
+  FailEach([] { EXPECT_EQ(MoxGstreamerPluginPathResolveFromLibraryName("none"), nullptr); });
+  FailEach([] { Pipeline(2, "second"); });
 }
 
 }  // namespace
