@@ -60,11 +60,8 @@ TEST_F(PadProbeTest, ExceptionGoesIntoTheFutureAndTheBufferStaysBlocked) {
   EXPECT_THAT([&] { future.get(); }, ThrowsMessage<std::runtime_error>("thrown"));
 }
 
-TEST_F(PadProbeTest, FutureIsGivenOnceAndBrokenIfNothingCame) {
-  PadProbe probe = Probe(GST_PAD_PROBE_DROP);
-  auto future = probe.GetFuture();
-  EXPECT_THROW(probe.GetFuture(), std::future_error);
-  probe = Probe(GST_PAD_PROBE_OK);
+TEST_F(PadProbeTest, FutureIsBrokenIfNothingCame) {
+  auto future = Probe(GST_PAD_PROBE_OK).GetFuture();
   EXPECT_THROW(future.get(), std::future_error);
 }
 
@@ -78,15 +75,13 @@ TEST_F(PadProbeTest, MovedFromProbeThrows) {
   EXPECT_THROW(source.GetFuture(), std::logic_error);
 }
 
-TEST_F(PadProbeTest, IdleProbeThatRemovesItselfAtOnceThrows) {
+// An idle probe may remove itself before it has been added. GStreamer refuses a probe of no type.
+TEST_F(PadProbeTest, ProbeThatIsNotAddedThrowsAndReleasesItsCallback) {
   const std::string pad = PrintToString(static_cast<void*>(harness->srcpad));
-  EXPECT_THAT([&] { Probe(GST_PAD_PROBE_REMOVE, GST_PAD_PROBE_TYPE_IDLE); },
-              ThrowsMessage<std::runtime_error>("Failed to add probe to pad (" + pad + ")"));
-}
-
-TEST_F(PadProbeTest, RefusedProbeReleasesItsCallback) {
+  const auto fails = ThrowsMessage<std::runtime_error>("Failed to add probe to pad (" + pad + ")");
+  EXPECT_THAT([&] { Probe(GST_PAD_PROBE_REMOVE, GST_PAD_PROBE_TYPE_IDLE); }, fails);
   g_test_expect_message("GStreamer", G_LOG_LEVEL_CRITICAL, "gst_pad_add_probe: assertion*");
-  EXPECT_THROW(Probe(GST_PAD_PROBE_OK, GST_PAD_PROBE_TYPE_INVALID), std::runtime_error);
+  EXPECT_THAT([&] { Probe(GST_PAD_PROBE_OK, GST_PAD_PROBE_TYPE_INVALID); }, fails);
   g_test_assert_expected_messages();
 }
 
