@@ -192,7 +192,7 @@ TEST_F(PipelineTest, ContextHoldsTheIdentifier) {
 TEST_F(PipelineTest, ValueOfTheContextIsEmptyAfterAMove) {
   auto id = context::GetValue(*pipeline.GetContext(), "id");
   const glib::Value moved(std::move(id));
-  EXPECT_FALSE(G_IS_VALUE(&id.GetValue()));  // NOLINT(bugprone-use-after-move)
+  EXPECT_FALSE(G_IS_VALUE(&id.GetValue()));  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
   id = moved;
   EXPECT_EQ(g_value_get_uint(&id.GetValue()), 7U);
 }

@@ -70,7 +70,7 @@ TEST_F(PadProbeTest, MovedFromProbeThrows) {
   PadProbe probe(std::move(source));
   EXPECT_EQ(&probe.GetPad(), harness->srcpad);
   EXPECT_EQ(&std::as_const(probe).GetPad(), harness->srcpad);
-  EXPECT_THROW(source.GetPad(), std::logic_error);  // NOLINT(bugprone-use-after-move)
+  EXPECT_THROW(source.GetPad(), std::logic_error);  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
   EXPECT_THROW(std::as_const(source).GetPad(), std::logic_error);
   EXPECT_THROW(source.GetFuture(), std::logic_error);
 }
