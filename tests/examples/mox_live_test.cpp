@@ -1,234 +1,135 @@
 #include "tests/gstreamer/duration.h"
 
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <future>
-#include <iterator>
-#include <memory>
+#include <iostream>
 #include <regex>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
-#include <gtest/gtest.h>
+#include <boost/process.hpp>
+#include <gmock/gmock.h>
 
-#include <gio/gio.h>
-#include <unistd.h>
-
-namespace {
+namespace process = boost::process;
 
 /** A running mox-live that reports at the end. Its errors come with its output. */
-class MoxLive : public testing::Test {
- protected:
-  MoxLive() {
-    setenv("MOX_LOG_LEVEL", "none", 1);
-    std::filesystem::create_directories(folder);
+struct MoxLive {
+  explicit MoxLive(const std::vector<std::string>& options)
+      : program(MOX_LIVE, "--report", options, process::std_in<input, (process::std_out & process::std_err)> output) {
+    input << std::unitbuf;
   }
 
-  ~MoxLive() override {
-    g_subprocess_force_exit(program_.get());
-    g_subprocess_wait(program_.get(), nullptr, nullptr);
-    std::filesystem::remove_all(folder);
-  }
-
-  template <typename... Options>
-  void Start(Options... options) {
-    constexpr auto pipes = static_cast<GSubprocessFlags>(
-        G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_MERGE);
-    program_.reset(g_subprocess_new(pipes, nullptr, MOX_LIVE, "--report", options..., nullptr));
-    output_.reset(g_data_input_stream_new(g_subprocess_get_stdout_pipe(program_.get())));
-  }
-
-  void Write(const std::string& text) {
-    GOutputStream* const input = g_subprocess_get_stdin_pipe(program_.get());
-    EXPECT_TRUE(g_output_stream_write_all(input, text.data(), text.size(), nullptr, nullptr, nullptr));
-  }
-
-  // Sends "show" until the output has received this many frames.
-  void AwaitFrames(const std::string& output, int count = 1) {
-    int frames = 0;
-    do {
-      Write("show\n");
-      frames = std::atoi(ReadUntil("output " + output + ": (\\d+) frames").c_str());
-    } while (frames < count && !HasFailure());
-  }
-
-  // Reads on until the pattern appears, and returns its group.
+  /** Reads lines until the pattern appears, and returns its group. Copies them to the output of the test. */
   std::string ReadUntil(const std::string& pattern) {
     std::smatch match;
-    const std::regex regex(pattern);
-    while (!std::regex_search(unread_, match, regex)) {
-      if (!ReadLine()) {
-        ADD_FAILURE() << "expected " << pattern << " in\n" << unread_;
-        return "";
+    std::string line, lines;
+    while (!std::regex_search(lines, match, std::regex(pattern))) {
+      if (!std::getline(output, line)) {
+        throw std::runtime_error("mox-live ended without " + pattern);
       }
+      std::cout << line << std::endl;
+      lines += line + "\n";
     }
-    std::string group = match[match.size() - 1];
-    unread_ = match.suffix();
-    return group;
+    return match.str(match.size() - 1);
   }
 
-  void Send(int signal) { g_subprocess_send_signal(program_.get(), signal); }
+  /** Sends "show" until the output has received this many frames. */
+  void AwaitFrames(const std::string& name, int count = 1) {
+    do {
+      input << "wait 0.1\nshow\n";
+    } while (std::stoi(ReadUntil("output " + name + ": (\\d+) frames")) < count);
+  }
 
-  // Ends standard input, and returns the exit status.
+  /** Ends standard input, and returns the exit status. */
   int Finish() {
-    g_output_stream_close(g_subprocess_get_stdin_pipe(program_.get()), nullptr, nullptr);
-    while (ReadLine()) {
-    }
-    g_subprocess_wait(program_.get(), nullptr, nullptr);
-    EXPECT_TRUE(g_subprocess_get_if_exited(program_.get())) << "ended by a signal";
-    return g_subprocess_get_exit_status(program_.get());
+    input.pipe().close();
+    std::cout << output.rdbuf();
+    program.wait();
+    return program.exit_code();
   }
 
-  const std::filesystem::path folder = testing::TempDir() + "mox-live-" + std::to_string(getpid());
-
- private:
-  // Returns false at the end of the output. Ends the program if no line comes for a minute.
-  bool ReadLine() {
-    auto reading =
-        std::async(std::launch::async, g_data_input_stream_read_line, output_.get(), nullptr, nullptr, nullptr);
-    if (reading.wait_for(std::chrono::minutes(1)) == std::future_status::timeout) {
-      g_subprocess_force_exit(program_.get());
-    }
-    const std::unique_ptr<char, decltype(&g_free)> line(reading.get(), g_free);
-    if (line) {
-      unread_.append(line.get()).append("\n");
-    }
-    return line != nullptr;
-  }
-
-  std::unique_ptr<GSubprocess, decltype(&g_object_unref)> program_{nullptr, g_object_unref};
-  std::unique_ptr<GDataInputStream, decltype(&g_object_unref)> output_{nullptr, g_object_unref};
-  std::string unread_;  // lines that `ReadUntil` has yet to find
+  process::opstream input;
+  process::ipstream output;
+  process::child program;
 };
 
-// At 30 frames a second.
-constexpr auto kInput = "videotestsrc is-live=true";
+constexpr auto kInput = "videotestsrc is-live=true";  // at 30 frames a second
 constexpr auto kScreen = "fakesink name=screen";
 
-std::string MakeRecording(const std::filesystem::path& file) {
-  return "( name=recording videoconvert ! vp8enc deadline=1 ! webmmux offset-to-zero=true ! filesink location=" +
-         file.string() + " )";
-}
-
-TEST_F(MoxLive, RefusedCommandsSayWhy) {
-  struct Refused {
-    std::string command;
-    std::string reason;
+TEST(MoxLive, RefusedCommandsSayWhy) {
+  const struct {
+    std::string command, reason;
+  } rows[] = {
+      {"fly", "unknown command 'fly'; the commands are: input next, input, filter add"},
+      {"graph", "use: graph FILE"},
+      {"graph /none/graph.dot", "cannot write /none/graph.dot: No such file or directory"},
+      {"wait long", "'long' is not a number of seconds"},
+      {"filter add nosuchelement", "no element \"nosuchelement\""},
+      {"filter add audioconvert", "audioconvert0 has no sink pad for raw video"},
+      {"filter add fakesink", "fakesink0 has no source pad 'src' for raw video"},
+      {"filter add identity name=screen", "the name 'screen' is taken"},
+      {"filter erase x", "no filter 'x' in []"},
+      {"output add filesink location=/none/file", "filesink0 does not start"},
+      {"output finish x", "no output 'x'"},
+      {"set screen sync x", "the property 'sync' of screen does not take 'x'"},
+      {"describe screen", "'screen' does not describe itself"},
   };
-  Start("-o", kScreen);
-  for (const auto& [command, reason] : {
-           Refused{"fly", "unknown command 'fly'; .* input, .*, quit"},
-           Refused{"show all", "use: show"},
-           Refused{"graph", "use: graph FILE"},
-           Refused{"graph picture.jpeg", "'picture.jpeg' does not end in .dot, .svg or .png"},
-           Refused{"graph /none/graph.dot", "cannot write /none/graph.dot: No such file or directory"},
-           Refused{"wait long", "'long' is not a number of seconds"},
-           Refused{"filter add nosuchelement", "no element \"nosuchelement\""},
-           Refused{"filter add audioconvert", "audioconvert0 has no sink pad for raw video"},
-           Refused{"filter add fakesink", R"(fakesink\d has no source pad 'src' for raw video)"},
-           Refused{"filter erase x", R"(no filter 'x' in \[\])"},
-           Refused{"output add audioconvert ! fakesink", R"(bin\d has no sink pad for raw video)"},
-           Refused{"output add filesink location=/none/file", R"(filesink\d does not start)"},
-           Refused{"output finish x", "no output 'x'"},
-           Refused{"filter add identity name=screen", "the name 'screen' is taken"},
-           Refused{"set screen sync x", "the property 'sync' of screen does not take 'x'"},
-           Refused{"describe screen", "'screen' does not describe itself"},
-       }) {
-    Write(command + "\n");
-    ReadUntil("mox-live: " + reason + "\n");
+  MoxLive live({"-o", kScreen});
+  for (const auto& row : rows) {
+    live.input << row.command + "\n";
+    EXPECT_THAT(live.ReadUntil("mox-live: (.*)"), testing::StartsWith(row.reason));
   }
-  EXPECT_EQ(Finish(), 1);
+  EXPECT_EQ(live.Finish(), 1);
 }
 
-TEST_F(MoxLive, CommandsChangeAPlayingPipeline) {
-  Start("-i", kInput, "-f", "moxlevels name=levels", "-o", kScreen);
-  Write("start\nfilter add ( name=flip videoflip video-direction=horiz ! queue )\nset levels gain 1.5\n");
-  ReadUntil(R"(filter add flip: \d+\.\d ms, now \[levels -> flip\]\n)");
-  ReadUntil(R"(set levels gain: \d+\.\d ms, now 1.5\n)");
-  Write("describe levels\noutput add fakesink name=second\n");
-  ReadUntil(R"(\{"properties":\[\{"name":"enabled",.*"value":1.5,"minimum":0.0,"maximum":16.0\},.*\]\}\n)");
-  AwaitFrames("second");
-  Write("show\noutput erase second\nfilter erase levels\nfilter erase flip\nstop\ninput none\nshow\nquit\nfly\n");
-  ReadUntil(R"(state    playing, enabled\ninput    videotestsrc0\nfilters  \[levels -> flip\]\noutput screen: )");
-  ReadUntil(R"(state    stopped, not enabled\ninput    none\nfilters  \[\]\n)");
-  ReadUntil(R"(output screen +[1-9]\d* +0 +0\n)");
-  ReadUntil(R"(output second +[1-9]\d* +0 +0\n)");
-  EXPECT_EQ(Finish(), 0);
+TEST(MoxLive, CommandsChangeAPlayingPipeline) {
+  MoxLive live({"-i", kInput, "-f", "moxlevels name=levels", "-f", "compositor name=mixer", "-o", kScreen});
+  live.input << "start\nfilter erase mixer\nfilter add ( name=flip videoflip ! queue )\nset levels gain 1.5\n"
+             << "describe levels\noutput add fakesink name=second\ngraph live.dot\nshow\n";
+  live.ReadUntil(R"(filter add flip: \d+\.\d ms, now \[levels -> flip\]\n)");
+  live.ReadUntil(R"(\{"properties":\[.*"value":1.5,.*\]\}\n)");
+  live.ReadUntil(R"(input    videotestsrc0\nfilters  \[levels -> flip\]\n)");
+  EXPECT_TRUE(std::filesystem::remove("live.dot"));
+  live.AwaitFrames("second");
+  live.input << "output erase second\noutput finish screen\nfilter erase flip\nstop\ninput none\nshow\nquit\nfly\n";
+  live.ReadUntil(R"(state    stopped, not enabled\ninput    none\nfilters  \[levels\]\n\n)");
+  live.ReadUntil(R"(output screen +[1-9].*\noutput second +[1-9].*\n)");
+  EXPECT_EQ(live.Finish(), 0);
 }
 
-TEST_F(MoxLive, FiltersMayHaveARequestPad) {
-  Start("-i", kInput, "-f", "compositor name=mixer", "-o", kScreen);
-  Write("start\n");
-  AwaitFrames("screen");
-  Write("filter add identity name=next\nfilter erase mixer\n");
-  ReadUntil(R"(filter erase mixer: \d+\.\d ms, now \[next\]\n)");
-  EXPECT_EQ(Finish(), 0);
+TEST(MoxLive, InputsPlayOneAfterTheOther) {
+  MoxLive live({"-i", "videotestsrc name=a num-buffers=50", "-i", "videotestsrc name=b num-buffers=30", "-o", kScreen});
+  live.input << "start\nwait 100\ninput next videotestsrc name=c num-buffers=20\nwait 100\nquit\n";
+  live.ReadUntil(R"(input a +50 +0 +0\noutput screen +100 +0 +0\ninput b +30 +0 +0\ninput c +20 +0 +0\n)");
 }
 
-TEST_F(MoxLive, InputsPlayOneAfterTheOther) {
-  Start("-i", "videotestsrc name=one num-buffers=50", "-i", "videotestsrc name=two num-buffers=30", "-o", kScreen);
-  Write("start\nwait 100\ninput next videotestsrc name=three num-buffers=20\nwait 100\nquit\n");
-  for (const char* const line : {"end of stream\n", "input two: .*\n", "end of stream\n", "input three: .*\n"}) {
-    ReadUntil(line);
-  }
-  ReadUntil(R"(input one +50 +0 +0\n)");
-  ReadUntil(R"(output screen +100 +0 +0\n)");
-  ReadUntil(R"(input two +30 +0 +0\n)");
-  ReadUntil(R"(input three +20 +0 +0\n)");
-  EXPECT_EQ(Finish(), 0);
-}
-
-TEST_F(MoxLive, RecordingsAreWholeHoweverTheyEnd) {
-  struct End {
-    std::string command;
-    int signal;  ///< Sent afterwards, unless 0.
-    int status;
-  };
-  for (const auto& [command, signal, status] :
-       {End{"output finish recording\nquit\n", 0, 0}, End{"wait 1000\n", SIGINT, 130}, End{"", SIGTERM, 143}}) {
-    Start("-i", kInput, "-o", MakeRecording(folder / "file.webm").c_str());
-    Write("start\n");
-    AwaitFrames("recording", 30);
-    Write(command);
-    Send(signal);
-    const int frames = std::stoi(ReadUntil(R"(output recording +(\d+) +0 +0\n)"));
-    EXPECT_EQ(Finish(), status);
-    EXPECT_NEAR(DurationOf(folder / "file.webm"), frames / 30.0, 1 / 30.0);
+TEST(MoxLive, RecordingsAreWholeAfterAnInterrupt) {
+  for (const char* const command : {"wait 1000\n", ""}) {
+    MoxLive live({"-i", kInput, "-o", "( name=file vp8enc deadline=1 ! webmmux ! filesink location=live.webm )"});
+    live.input << "start\n";
+    live.AwaitFrames("file", 30);
+    live.input << command;
+    kill(live.program.id(), SIGINT);
+    const int frames = std::stoi(live.ReadUntil(R"(output file +(\d+) +0 +0\n)"));
+    EXPECT_EQ(live.Finish(), 128 + SIGINT);
+    EXPECT_NEAR(DurationOf(std::filesystem::absolute("live.webm")), frames / 30.0, 1 / 30.0);
   }
 }
 
-// The first interrupt waits for an output whose valve drops the EOS.
-TEST_F(MoxLive, ASecondInterruptEndsTheProgramAtOnce) {
-  Start("-i", kInput, "-o", "( name=stuck identity ! valve drop-mode=drop-all name=valve ! fakesink )", "-o", kScreen);
-  Write("start\n");
-  AwaitFrames("screen");
-  Write("set valve drop true\nshow\n");
-  ReadUntil("state");
-  Send(SIGINT);
-  Send(SIGTERM);
-  EXPECT_EQ(Finish(), 128 + SIGTERM);
+// The first interrupt waits for an output that drops the EOS.
+TEST(MoxLive, ASecondInterruptEndsTheProgramAtOnce) {
+  MoxLive live({"-i", kInput, "-o", "valve drop=true drop-mode=drop-all ! fakesink async=false", "-o", kScreen});
+  live.input << "start\n";
+  live.AwaitFrames("screen");
+  kill(live.program.id(), SIGINT);
+  kill(live.program.id(), SIGTERM);
+  EXPECT_EQ(live.Finish(), 128 + SIGTERM);
 }
 
-TEST_F(MoxLive, GraphsAreDrawn) {
-  Start("-i", kInput, "-f", "videoflip name=flip", "-o", kScreen);
-  const auto file = (folder / "live.dot").string();
-  Write("graph " + file + "\n");
-  ReadUntil("graph " + file + "\n");
-  EXPECT_EQ(Finish(), 0);
-  std::ifstream stream(file);
-  const std::string text(std::istreambuf_iterator<char>(stream), {});
-  EXPECT_NE(text.find("GstVideoFlip\\nflip"), std::string::npos);
+TEST(MoxLive, ErrorsNameTheElementAndEndTheWait) {
+  MoxLive live({"-i", kInput, "-o", kScreen});
+  live.input << "start\nfilter add identity name=fragile error-after=3\nwait 1000\nshow\n";
+  live.ReadUntil(R"(mox-live: ERROR of /GstPipeline:live/.*:fragile: Failed after iterations as requested. \(.*\)\n)");
+  live.ReadUntil("state    playing, enabled\n");
 }
-
-TEST_F(MoxLive, ErrorsNameTheElementAndEndTheWait) {
-  Start("-i", kInput, "-o", kScreen);
-  Write("start\nfilter add identity name=fragile error-after=3\nwait 1000\nshow\n");
-  ReadUntil(
-      "mox-live: ERROR of /GstPipeline:live/GstBin:filter_bin/GstIdentity:fragile: "
-      R"(Failed after iterations as requested. \(.*gstidentity.c.*\)\n)");
-  ReadUntil("state    playing, enabled\n");
-}
-
-}  // namespace
