@@ -1,17 +1,11 @@
-// The faults that the sanitizers must report: leaked events, and a data race of the main thread
-// with a thread of GStreamer.
-
-#include <atomic>
+// The faults that the sanitizers must report: leaked events and a race with a thread of GStreamer.
 
 #include <gst/gst.h>
 
-static int counter = 0;
-// Set once the other thread has counted; orders nothing else.
-static std::atomic<bool> counted = false;
+static bool counted = false;
 
 static void Count(GstElement* /*element*/, gpointer /*data*/) {
-  ++counter;
-  counted.store(true, std::memory_order_relaxed);
+  counted = true;
 }
 
 int main() {
@@ -21,9 +15,8 @@ int main() {
   }
   GstElement* const element = gst_bin_new(nullptr);
   gst_element_call_async(element, Count, nullptr, nullptr);
-  while (!counted.load(std::memory_order_relaxed)) {
+  while (!counted) {
     g_thread_yield();
   }
-  ++counter;
   gst_object_unref(element);
 }

@@ -1,5 +1,4 @@
-// Preloaded into the test programs. Reports GLib's mutexes to the thread sanitizer, which does not
-// see futexes.
+// Preloaded by the tests. Reports GLib's mutexes, which use futexes, to the thread sanitizer.
 
 #include <glib.h>
 
