@@ -240,7 +240,7 @@ struct Stream {
 
   Ptr<GstElement> Find(const char* name) { return live::Find(*GST_BIN(&pipeline.Get()), name); }
 
-  /** Sets the state as a program does that has the element alone. */
+  /** Sets the state through the element, as a program may. */
   void SetState(GstState state) { gst_element_set_state(GST_ELEMENT(&pipeline.Get()), state); }
 
   /** Waits until a state change has completed, and returns the state. */
