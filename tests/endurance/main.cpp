@@ -80,7 +80,8 @@ struct Ground {
   Watch leaving{Find(whole, "output_bin")};
   guint stream = 0;
   guint64 number = 0;
-  std::shared_mutex stopping;  ///< Locked, shared or not, by steps that must not meet a stop.
+  std::shared_mutex stopping;               ///< Locked, shared or not, by steps that must not meet a stop.
+  std::atomic<std::size_t> stop_edges = 0;  ///< Begins and ends of stops: odd during a stop.
   std::atomic<bool> stop = false;
 };
 
@@ -164,12 +165,14 @@ struct Walker {
 
   // Returns false if a stop ended the change, and the change has not been made.
   template <typename Call>
-  static bool Change(const Call& call) {
+  bool Change(const Call& call) {
+    const std::size_t edges = ground.stop_edges;
     try {
       call();
       return true;
     } catch (const std::runtime_error& error) {
       EXPECT_THAT(error.what(), testing::EndsWith("because the pipeline is being stopped"));
+      EXPECT_TRUE(edges % 2 == 1 || ground.stop_edges != edges) << "no stop has ended the change";
       return false;
     }
   }
@@ -190,7 +193,9 @@ struct Walker {
   // Makes a few changes while the pipeline is stopped, as others may do. A start may fail.
   void StopAndStart() {
     const std::unique_lock lock(ground.stopping);
+    ++ground.stop_edges;
     pipeline.SetEnable(false);
+    ++ground.stop_edges;
     ChangeFilters();
     ChangeOutputs();
     if (RandomBelow(4) == 0) {
@@ -273,14 +278,15 @@ void Walk(Ground& ground, int seconds, int thread_count, int seed) {
   }
 
   // Nothing is left after the last change, and the empty pipeline plays on.
-  pipeline.EraseFilters(pipeline.GetFilters());
   for (auto& walker : walkers) {
+    pipeline.EraseFilters(walker.filters);
     while (!walker.outputs.empty()) {
       walker.EraseOutput();
     }
   }
   gst_element_get_state(GST_ELEMENT(&ground.whole), nullptr, nullptr, GST_CLOCK_TIME_NONE);
   ground.leaving.AwaitFrames(10);
+  EXPECT_THAT(pipeline.GetFilters(), IsEmpty());
   EXPECT_THAT(pipeline.GetOutputs(), IsEmpty());
   EXPECT_EQ(Find(ground.whole, "output_tee")->numsrcpads, 1);
   EXPECT_EQ(PadOf(*Find(ground.whole, "input_bin"), "src")->num_probes, 0);

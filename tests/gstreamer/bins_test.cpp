@@ -248,6 +248,7 @@ TEST_F(PipelineTest, StreamStartFromBeforeAStopIsIgnored) {
 
 TEST_F(PipelineTest, StartNeedsAnInput) {
   pipeline.SetInput({});
+  pipeline.SetInput({});
   EXPECT_THAT([&] { pipeline.SetEnable(true); },
               ThrowsMessage<std::logic_error>("Cannot set the state of the pipeline with ID '7' to playing because it "
                                               "does not have an input"));
@@ -272,7 +273,10 @@ TEST_F(PipelineTest, ExchangeStopsTheOutputsFirstAndTheInputLast) {
 }
 
 TEST_F(PipelineTest, MovedFromPipelineThrows) {
-  const Pipeline moved(std::move(pipeline));
+  Pipeline assigned(8, "eight");
+  assigned = std::move(pipeline);
+  const Pipeline moved(std::move(assigned));
+  EXPECT_EQ(moved.GetId(), 7U);
   EXPECT_TRUE(GST_IS_PIPELINE(&moved.Get()));
   EXPECT_THAT([&] { pipeline.SetEnable(true); },  // NOLINT(bugprone-use-after-move)
               ThrowsMessage<std::logic_error>("Pimpl is null"));

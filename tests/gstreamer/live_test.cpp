@@ -1,5 +1,7 @@
 #include "tests/gstreamer/live.h"
 
+#include "tests/gstreamer/faulty.h"
+
 #include <gst/base/gstbasesink.h>
 
 namespace {
@@ -62,6 +64,17 @@ TEST_F(Live, OutputsThatCannotAgreeOnCapsAreRefused) {
   EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 2);
   stream.watch.AwaitFrames();
   EXPECT_EQ(stream.watch.eos, 0U);
+}
+
+// The stream renegotiates for the output, and the filter fails as its bin restarts.
+TEST_F(Live, OutputIsRefusedIfAFilterDoesNotRestart) {
+  const auto filter = faulty::Make();
+  Stream stream(MakeSource(true, ",format=I420"), {filter});
+  faulty::Of(filter.Get()).once = TRUE;
+  faulty::Of(filter.Get()).fails = GST_STATE_CHANGE_READY_TO_PAUSED;
+  EXPECT_THROW(stream.pipeline.AddOutputs({MakeFormat("RGB")}), std::runtime_error);
+  EXPECT_EQ(stream.Find("output_tee")->numsrcpads, 1);
+  stream.watch.ExpectWhole();
 }
 
 const std::string kAnySize = "videotestsrc ! capsfilter caps=video/x-raw,framerate=60/1";
@@ -228,9 +241,10 @@ TEST_F(Live, FlushingSeekEndsADrain) {
   for (int i = 0; i < 100; ++i) {
     stream.watch.AwaitFrames();
     drops_eos = true;
-    const auto change = std::async(std::launch::async, [&] { stream.AddAndEraseFilter("identity"); });
+    auto change = std::async(std::launch::async, [&] { stream.AddAndEraseFilter("identity"); });
     Await([&] { return !drops_eos || change.wait_for(0s) == std::future_status::ready; });
     gst_element_seek_simple(GST_ELEMENT(&stream.pipeline.Get()), GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, 0);
+    change.get();
   }
   EXPECT_EQ(stream.watch.eos, 0U);
 }

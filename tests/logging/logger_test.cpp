@@ -34,6 +34,7 @@ TEST(Logger, ReplacesPlaceholdersAndWritesOneLine) {
   std::string bytes("%1%\0\r\nb", 7);
   int zero = 0, most = std::numeric_limits<int>::max(), least = std::numeric_limits<int>::min();
   Log.Log(Level::Error, "%3%|%0%|%1%\n%2%", bytes, zero, least, most);
+  Log.Log(Level::Debug, "below the level of the tests");
   Log.Log(Level::Warning, "100%, %, %%0%, %-1%, %x%, %1% %99999999999999999999%, %0", "zero");
   EXPECT_THAT(capture.GetLines(),
               testing::ElementsAre("error mox.test: 2147483647|" + std::string("%1%\0  b", 7) + "|0 -2147483648",

@@ -115,6 +115,11 @@ TEST_F(BinderTest, NamesAreBoundOnceAndUnboundByName) {
   EXPECT_EQ(testing::PrintToString(binder), R"({"properties":[)" + testing::PrintToString(second) + ",{}]}");
 }
 
+TEST_F(BinderTest, MoveTakesTheProperties) {
+  const Binder moved(std::move(binder));
+  EXPECT_EQ(testing::PrintToString(moved), R"({"properties":[)" + testing::PrintToString(first) + "]}");
+}
+
 TEST_F(BinderTest, ParamSpecsOfOtherKindsAreIgnored) {
   auto* const binding = G_OBJECT_CLASS(g_type_class_ref(G_TYPE_BINDING));
   binder.SetProperty(1, nullptr, g_object_class_find_property(binding, "flags"));
